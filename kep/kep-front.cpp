@@ -1,0 +1,195 @@
+// The command loop: reading lines, `$` substitution, command files, dispatch.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "kep-prototypes.h"
+#include "kep-lineedit.h"
+
+FILE *mode_file1 = nullptr;
+FILE *mode_file2 = nullptr;
+int com_argc = 0;
+static char argv0[KEP_LINE], argv1[KEP_LINE], argv2[KEP_LINE], argv3[KEP_LINE], argv4[KEP_LINE],
+    argv5[KEP_LINE], argv6[KEP_LINE], argv7[KEP_LINE], argv8[KEP_LINE], argv9[KEP_LINE];
+char *com_argv[10] = {argv0, argv1, argv2, argv3, argv4, argv5, argv6, argv7, argv8, argv9};
+int macro_running = 0;
+int read_loop_running = 0;
+
+namespace {
+
+// True while the first-level file is the one named on the process's command
+// line, whose `$` words come from the process's own arguments.
+bool process_words = false;
+
+bool is_blank(char c) { return c == ' ' || c == '\t'; }
+
+}  // namespace
+
+int get_line(FILE *file, char *buffer) {
+  if (fgets(buffer, KEP_LINE, file) == nullptr) {
+    buffer[0] = '\0';
+    return 0;
+  }
+  return 1;
+}
+
+int get_line_with_comment(FILE *file, char *buffer) {
+  if (!get_line(file, buffer)) return 0;
+  if (char *hash = strchr(buffer, '#')) *hash = '\0';
+  return 1;
+}
+
+const char *next_non_white(const char *text) {
+  while (is_blank(*text)) text++;
+  return text;
+}
+
+int replace_passed_arguments(char *line, int count, char **words) {
+  std::string out;
+  for (const char *p = line; *p != '\0'; p++) {
+    if (*p != '$') {
+      out += *p;
+      continue;
+    }
+    int slot = static_cast<unsigned char>(p[1]) - '/';
+    if (p[1] == '\0') slot = -1;
+    if (slot < 0) {
+      printf("kep > %s", line);
+      kep_text(2, "The replacement specification is invalid.");
+      return 1;
+    }
+    if (slot > count - 1) {
+      printf("kep > %s", line);
+      kep_textf(2, "The argument $%d exceeds the number of passed arguments (%d).", slot - 1, count - 2);
+      return 1;
+    }
+    out += words[slot];
+    p++;
+  }
+  snprintf(line, KEP_LINE, "%s", out.c_str());
+  return 0;
+}
+
+void strip_com_arguments(const char *text) {
+  com_argc = 2;
+  snprintf(com_argv[0], KEP_LINE, "read");
+  const char *p = next_word(text, com_argv[1]);
+  for (int slot = 2; slot < 10; slot++) {
+    // A word that was not given is empty rather than left from an earlier `mode`.
+    const char *rest = p ? next_word(p, com_argv[slot]) : nullptr;
+    if (rest == nullptr) com_argv[slot][0] = '\0';
+    p = rest;
+    com_argc++;
+  }
+}
+
+int open_command_file(const char *name) {
+  if (flags & FLAG_MODE_FILE2) {
+    printf("Error: nested kep command files are not yet allowed.\n");
+    return 0;
+  }
+  FILE *file = fopen(name, "r");
+  if (file == nullptr) {
+    printf("Error: cannot open the kep command file %s.\n", name);
+    return 0;
+  }
+  if (flags & FLAG_MODE_FILE1) {
+    mode_file2 = file;
+    flags |= FLAG_MODE_FILE2;
+  } else {
+    mode_file1 = file;
+    flags |= FLAG_MODE_FILE1;
+    process_words = false;
+  }
+  return 0;
+}
+
+int do_command(int is_macro, const char *line) {
+  if (is_macro == 1) {
+    printf("macro>> %s", line);
+    macro_running = 1;
+  } else {
+    macro_running = 0;
+  }
+  char word[KEP_LINE];
+  const char *rest = next_word(line, word);
+  if (rest == nullptr || word[0] == '(') return 0;
+  std::string arguments = next_non_white(rest);
+  int index = interpret_command(0, word);
+  if (read_loop_running == 1 && strcmp(word, "end-loop") != 0 && strcmp(word, "mode") != 0) {
+    store_read_loop_command(line);
+    return 0;
+  }
+  const bool from_file = (flags & (FLAG_MODE_FILE1 | FLAG_MODE_FILE2)) != 0;
+  if (index == 54 || index == 55) {
+    char name[KEP_LINE];
+    const char *value = next_word(arguments.c_str(), name);
+    if (index == 55) {
+      if (value != nullptr) show_variable(interpret_command(1, name));
+      return 0;
+    }
+    if (value == nullptr) {
+      kep_text(2, "Syntax = `set [variable name] [value]'.");
+      return 1;
+    }
+    std::string text = next_non_white(value);
+    if (from_file && !text.empty() && text.back() == '\n') text.pop_back();
+    return set_variable(interpret_command(1, name), text.c_str());
+  }
+  int result = index >= MACRO_OFFSET ? act_on_macro(index - MACRO_OFFSET, arguments.data())
+                                     : act_on_command(index, arguments.data());
+  if (result != 0 && from_file) {
+    fflush(stdout);
+    exit(1);
+  }
+  return result;
+}
+
+int main_loop(int argc, char **argv) {
+  initialize_global_variables();
+  if (argc > 1) {
+    fatal_error = 1;
+    mode_file1 = fopen(argv[1], "r");
+    if (mode_file1 == nullptr) kep_textf(3, "I cannot open the kep command file %s.", argv[1]);
+    flags |= FLAG_MODE_FILE1;
+    process_words = true;
+  }
+  char line[KEP_LINE];
+  while (true) {
+    if (!(flags & (FLAG_MODE_FILE1 | FLAG_MODE_FILE2))) {
+      if (!read_interactive_line("kep > ", line)) {
+        // End of standard input: nothing more can come, so leave as `quit` does.
+        fflush(stdout);
+        exit(1);
+      }
+      do_command(0, line);
+      continue;
+    }
+    if (flags & FLAG_MODE_FILE2) {
+      if (!get_line_with_comment(mode_file2, line)) {
+        fclose(mode_file2);
+        mode_file2 = nullptr;
+        flags &= ~FLAG_MODE_FILE2;
+        continue;
+      }
+      if (replace_passed_arguments(line, com_argc, com_argv)) continue;
+    } else {
+      if (!get_line_with_comment(mode_file1, line)) {
+        fclose(mode_file1);
+        mode_file1 = nullptr;
+        flags &= ~FLAG_MODE_FILE1;
+        process_words = false;
+        continue;
+      }
+      int failed = process_words ? replace_passed_arguments(line, argc, argv)
+                                 : replace_passed_arguments(line, com_argc, com_argv);
+      if (failed) {
+        process_words = false;
+        continue;
+      }
+    }
+    printf("kep > %s", line);
+    do_command(0, line);
+  }
+}

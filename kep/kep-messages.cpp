@@ -1,0 +1,51 @@
+// The one message routine and its shared buffer.
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "kep.h"
+
+char error_string[KEP_LINE];
+int fatal_error = 0;
+
+// Set by the dispatcher so an unavailable operation can name its command.
+extern const char *current_command_word;
+
+int kep_text(int level, const char *text) {
+  if (level < 0) level = 2;
+  if (level == 2 && fatal_error == 1) level = 3;
+  int n = 0;
+  switch (level) {
+    case 0:
+      n = printf("%s\n", text);
+      break;
+    case 1:
+      fflush(stdout);
+      n = fprintf(stderr, "Warning: %s\n", text);
+      break;
+    case 2:
+      fflush(stdout);
+      n = fprintf(stderr, "Error: %s\n", text);
+      break;
+    default:
+      fflush(stdout);
+      fprintf(stderr, "Fatal error: %s\n", text);
+      fprintf(stderr, "Program aborted.\n");
+      exit(1);
+  }
+  return n;
+}
+
+int kep_textf(int level, const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  vsnprintf(error_string, sizeof error_string, format, ap);
+  va_end(ap);
+  return kep_text(level, error_string);
+}
+
+int not_available() {
+  kep_textf(2, "The command `%s' is not available in this build.",
+            current_command_word ? current_command_word : "?");
+  return 1;
+}

@@ -1,0 +1,103 @@
+// The operations behind the commands, one group per family file. Each takes
+// its decoded values, walks the current volume lists and returns 0 or 1.
+#pragma once
+
+#include "kep.h"
+
+// kep-reorder: mirrors, clipping, padding, slice order.
+int swap_quadrants_in_volume_list(int a, int b, int c, int d);
+int clip_stacks(int axis);
+int clip_stacks_to_n(int axis, int n);
+int pad_stacks(int axes);
+int pad_stacks_to_n(int axis, int n);
+int pad_2n_stacks();
+int reorder_slices();
+int shuffle_stacks(const char *name);
+int slice_volumes(const char *name, int n);
+int reverse_slice_order();
+
+// kep-math: arithmetic and fCBV.
+int absolute_value();
+int arithmetic_function(int operation);
+int arithmetic_function_constant(int operation, float value);
+int arithmetic_function_on_stacks(int operation);
+int create_fCBV(int kind, const char *name);
+
+// kep-average: averaging.
+int average_volumes(const char *name);
+int average_by_n(const char *name, int n);
+int average_epochs(const char *name, int n);
+int average_stacks(const char *name);
+int weighted_average(const char *name);
+
+// kep-transfilt: Fourier transforms and k-space filters.
+int smooth_in_kspace(float fwhm, int dimensions);
+int ft_1d(int axis, int direction);
+int ft_time();
+int hamming_window(int kind);
+int exponential_filter_1d(float value);
+int edge_filter();
+
+// kep-io: reading and writing volume files.
+int read_xdisplay_file(const char *file_name, const char *stack_name, const char *subset);
+int write_output_file(int requested_storage, const char *root);
+int write_slices(const char *root);
+
+// kep-ovl: the overlay.
+int read_ovl_file(const char *file_name);
+int write_ovl(const char *arguments);
+void delete_overlay();
+int create_bitmap_from_overlay(const char *name);
+int create_overlay_from_bitmap();
+int mirror_overlay_in_x(int nx);
+
+// kep-magcor: intensity corrections.
+int baseline_correct();
+int baseline_correct_volumes();
+int scale_volumes(float value);
+int normalize_volumes(float value);
+
+// kep-util: complex forms.
+void polar_from_complex(float re, float im, float *amp, float *phase);
+int convert_complex();
+int convert_to_real();
+int convert_complex_stack(data_stack *stack);
+
+// kep-stats: histograms and overlap.
+int fill_histogram();
+int fill_weighted_histogram();
+int calculate_overlay_volume_overlap(float value);
+
+// kep-maps: parametric maps.
+int map_snr(const char *name);
+int map_t2(int kind, const char *name);
+
+// kep-macros: read loops and macros.
+int initialize_read_loop(int kind, const char *file, const char *stack, const char *subset);
+void store_read_loop_command(const char *line);
+int flush_read_loop_commands();
+int macro_reorder_interleaved_slices(int start);
+int macro_read_glm_control_file(const char *arguments);
+
+// kep-glm: GLM analysis over the stack "glm".
+int glm_remove_or_correct_baseline(int kind);
+int glm_create_residue(const char *word, const char *name);
+int glm_fit_events(const char *name);
+int glm_maximal_effect(const char *word, const char *name);
+int glm_create_residual_variance(const char *name);
+int glm_create_AR_maps(const char *name);
+
+// kep-unavailable: commands recognised but without an operation in this build.
+int register_volume(int kind);
+int downsample_stacks();
+int ishift_pixels(float dx, float dy, float dz);
+int magnitude_window();
+int magnitude_window_together();
+int scatter_plot(const char *root);
+int glm_histogram_unbiased();
+int glm_vary_time_constant(int n, const char *name);
+int glm_vary_time_constants(int n, const char *name);
+
+// kep-help: the help menu and the paged help text.
+int help_menu(int level, const char *file_name);
+int print_help_page(const char *file_name);

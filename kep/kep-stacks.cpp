@@ -1,0 +1,205 @@
+// The registry of named stacks and the operations on whole stacks.
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "kep-prototypes.h"
+
+std::unique_ptr<data_stack> stack_root;
+
+namespace {
+
+std::unique_ptr<data_stack> *slot_of(const data_stack *stack) {
+  for (std::unique_ptr<data_stack> *slot = &stack_root; *slot; slot = &(*slot)->next)
+    if (slot->get() == stack) return slot;
+  return nullptr;
+}
+
+}  // namespace
+
+data_stack *find_stack(const char *name) {
+  for (data_stack *s = stack_root.get(); s; s = s->next.get())
+    if (strcmp(s->name, name) == 0) return s;
+  return nullptr;
+}
+
+data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
+                          int nt) {
+  data_stack *stack = find_stack(name);
+  if (stack != nullptr) {
+    stack->samples.reset();
+    stack->SpaceTime.fcData = nullptr;
+  } else {
+    std::unique_ptr<data_stack> fresh(new (std::nothrow) data_stack);
+    if (!fresh) kep_text(3, "Out of memory in routine `install_stack'.");
+    snprintf(fresh->name, sizeof fresh->name, "%s", name);
+    std::unique_ptr<data_stack> *slot = &stack_root;
+    while (*slot) slot = &(*slot)->next;
+    *slot = std::move(fresh);
+    stack = slot->get();
+  }
+  stack->dim = {nx, ny, nz};
+  stack->nt = nt;
+  stack->n2d = nx * ny;
+  stack->n3d = stack->n2d * nz;
+  stack->n4d = stack->n3d * nt;
+  stack->npts_volume = 2 * stack->n3d;
+  stack->data_type = 1;
+  FCOMPLEX *samples = new (std::nothrow) FCOMPLEX[stack->n4d > 0 ? stack->n4d : 1];
+  if (samples == nullptr) alloc_error("Allocation error in fcomplex_vector().");
+  stack->samples.reset(samples);
+  stack->SpaceTime.fcData = samples;
+  if (template_stack != nullptr) {
+    stack->resolution = template_stack->resolution;
+    stack->resolution_t = template_stack->resolution_t;
+    stack->origin = template_stack->origin;
+    stack->direction = template_stack->direction;
+    stack->status = template_stack->status;
+    stack->registration = template_stack->registration;
+    stack->lDOF = template_stack->lDOF;
+  } else {
+    stack->resolution = {1.0f, 1.0f, 1.0f};
+    stack->resolution_t = 1.0f;
+    stack->origin = {0.0f, 0.0f, 0.0f};
+    stack->direction = {1.0f, 1.0f, 1.0f};
+    stack->status = 0;
+    stack->registration = 0;
+    stack->lDOF = 0;
+  }
+  return stack;
+}
+
+data_stack *install_stack_checked(const char *name, const data_stack *template_stack, long nx, long ny,
+                                  long nz, long nt) {
+  int64_t n2d = 0, n3d = 0, n4d = 0, bytes = 0;
+  if (nx < 1 || ny < 1 || nz < 1 || nt < 1 || !checked_product(nx, ny, INT_MAX, &n2d) ||
+      !checked_product(n2d, nz, INT_MAX / 2, &n3d) || !checked_product(n3d, nt, INT_MAX, &n4d) ||
+      !checked_product(n4d, static_cast<int64_t>(sizeof(FCOMPLEX)), INT64_MAX, &bytes)) {
+    kep_textf(2, "The stack %s cannot hold %ld x %ld x %ld x %ld samples.", name, nx, ny, nz, nt);
+    return nullptr;
+  }
+  // Refuse what cannot be had before the old contents of a re-used name go.
+  void *probe = malloc(static_cast<size_t>(bytes));
+  if (probe == nullptr) {
+    kep_textf(2, "Not enough memory for the stack %s (%ld x %ld x %ld x %ld samples).", name, nx, ny, nz,
+              nt);
+    return nullptr;
+  }
+  free(probe);
+  return install_stack(name, template_stack, static_cast<int>(nx), static_cast<int>(ny),
+                       static_cast<int>(nz), static_cast<int>(nt));
+}
+
+void free_stack(data_stack *stack) {
+  std::unique_ptr<data_stack> *slot = slot_of(stack);
+  if (slot == nullptr) return;
+  std::unique_ptr<data_stack> doomed = std::move(*slot);
+  *slot = std::move(doomed->next);
+}
+
+int delete_stacks() {
+  const data_stack *previous = nullptr;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    if (v->stack == previous) continue;
+    previous = v->stack;
+    free_stack(v->stack);
+  }
+  return 0;
+}
+
+float stack_amp(const data_stack *stack, long n) {
+  const FCOMPLEX &c = stack->SpaceTime.fcData[n];
+  if (stack->status & (STATUS_POLAR | STATUS_MAP)) return c.real;
+  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+}
+
+float volume_amp(const volume_list *vol, long n) {
+  const FCOMPLEX &c = vol->SpaceTime.fcData[n];
+  if (vol->stack != nullptr && (vol->stack->status & (STATUS_POLAR | STATUS_MAP))) return c.real;
+  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+}
+
+float volume_phase(const volume_list *vol, long n) {
+  const FCOMPLEX &c = vol->SpaceTime.fcData[n];
+  if (vol->stack != nullptr && (vol->stack->status & (STATUS_POLAR | STATUS_MAP))) return c.imag;
+  float amp = 0.0f, phase = 0.0f;
+  polar_from_complex(c.real, c.imag, &amp, &phase);
+  return phase;
+}
+
+void check_stack_index(int x, int y, int z, int t, long index, const data_stack *stack) {
+  if (index < 0 || index >= stack->n4d) {
+    printf("stack index out of bounds: x=%d, y=%d, z=%d, t=%d, index = %ld, n=%d\n", x, y, z, t, index,
+           stack->n4d);
+    exit(1);
+  }
+}
+
+int show_stacks() {
+  printf("stack name\r\t\t# x\r\t\t\t# y\r\t\t\t\t# z\r\t\t\t\t\t# t\r\t\t\t\t\t\ttype\r\t\t\t\t\t\t\t\trange\n");
+  printf("__________\r\t\t___\r\t\t\t___\r\t\t\t\t___\r\t\t\t\t\t___\r\t\t\t\t\t\t____\r\t\t\t\t\t\t\t\t_____\n");
+  const data_stack *previous = nullptr;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    const data_stack *s = v->stack;
+    if (s == previous) continue;
+    previous = s;
+    const char *type = (s->status & STATUS_MAP) ? "map      " : (s->status & STATUS_POLAR) ? "mag-phase" : "real-imag";
+    float lo = 1e10f, hi = -1e10f;
+    for (long n = 0; n < s->n4d; n++) {
+      float a = stack_amp(s, n);
+      if (a < lo) lo = a;
+      if (a > hi) hi = a;
+    }
+    printf("%s\r\t\t%d\r\t\t\t%d\r\t\t\t\t%d\r\t\t\t\t\t%d\r\t\t\t\t\t\t%s\r\t\t\t\t\t\t\t\t%g\n", s->name, s->dim.x,
+           s->dim.y, s->dim.z, s->nt, type, lo);
+    printf("\t\t%g\r\t\t\t%g\r\t\t\t\t%g\r\t\t\t\t\t%g\r\t\t\t\t\t\t\t\t%g\n", s->resolution.x, s->resolution.y,
+           s->resolution.z, s->resolution_t, hi);
+  }
+  return 0;
+}
+
+int copy_volumes(const char *name) {
+  if (volume_list_root == nullptr) return 1;
+  const volume_list *first = volume_list_root;
+  long count = 0;
+  for (const volume_list *v = first; v; v = v->next) {
+    if (v->dim.x != first->dim.x || v->dim.y != first->dim.y || v->dim.z != first->dim.z) {
+      kep_textf(2, "Stacks %s and %s have different dimensions.", first->stack->name, v->stack->name);
+      return 1;
+    }
+    count++;
+  }
+  // The new stack may replace one of the sources: gather the volumes first.
+  const long n3d = first->n3d;
+  std::unique_ptr<FCOMPLEX[]> gathered(new (std::nothrow) FCOMPLEX[static_cast<size_t>(n3d * count)]);
+  if (!gathered) alloc_error("Allocation error in fcomplex_vector().");
+  long t = 0;
+  for (const volume_list *v = first; v; v = v->next, t++)
+    memcpy(gathered.get() + t * n3d, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
+  const data_stack *source = first->stack;
+  IPOINT3D dim = first->dim;
+  data_stack *created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count);
+  if (created == nullptr) return 1;
+  memcpy(created->SpaceTime.fcData, gathered.get(), sizeof(FCOMPLEX) * n3d * count);
+  initialize_volume_list();  // the list may point into replaced storage
+  printf("New stack %s contains %d volumes of dimensions (%d,%d,%d)\n", name, created->nt, dim.x, dim.y, dim.z);
+  return 0;
+}
+
+int inconsistent_3d_dimensions(IPOINT3D *dims, int *count) {
+  *count = 0;
+  const volume_list *first = volume_list_root;
+  if (first == nullptr) return 0;
+  *dims = first->dim;
+  for (const volume_list *v = first; v; v = v->next) {
+    if (v->dim.x != dims->x || v->dim.y != dims->y || v->dim.z != dims->z) {
+      kep_textf(2, "Stacks %s and %s have different dimensions.", first->stack->name, v->stack->name);
+      return 1;
+    }
+    (*count)++;
+  }
+  return 0;
+}

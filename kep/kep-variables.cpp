@@ -1,0 +1,274 @@
+// Program variables: their storage, defaults, `set` and `show`.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "kep-prototypes.h"
+
+unsigned int flags = 0;
+OVERLAY overlay;
+int io_increment = 0;
+int *slice_order = nullptr;
+int nslice_order = 0;
+float *map_array = nullptr;
+int nmap_array = 0;
+float array_offset = 0.0f;
+float array_scale = 1.0f;
+POINT3D filter_range{1.0f, 1.0f, 1.0f};
+ALIGNMENT Alignment;
+int nifti_method = 3;
+float hist_start = 0.0f;
+float hist_end = 0.0f;
+float hist_bin_size = 0.0f;
+int hist_nbins = 0;
+int *histogram = nullptr;
+
+namespace {
+
+// Histograms larger than this are refused rather than allocated.
+constexpr double MAX_HISTOGRAM_BINS = 1e8;
+
+void first_word(const char *text, char *word) {
+  if (next_word(text, word) == nullptr) word[0] = '\0';
+}
+
+int syntax(const char *message) {
+  kep_text(2, message);
+  return 1;
+}
+
+int set_three_reals(const char *value, float *a, float *b, float *c, const char *message) {
+  if (sscanf(value, "%f %f %f", a, b, c) != 3) return syntax(message);
+  return 0;
+}
+
+int set_three_ints(const char *value, int *a, int *b, int *c, const char *message) {
+  if (sscanf(value, "%d %d %d", a, b, c) != 3) return syntax(message);
+  return 0;
+}
+
+void show_alignment() {
+  printf("%s\n", Alignment.RigidBody ? "\t\t\tAlignment variables (rigid body)"
+                                     : "\t\t\tAlignment variables (deck-of-cards)");
+  printf("\t\t\t------------------\n");
+  const float *v = Alignment.value;
+  printf("\ttranslations        %g %g %g\n", v[0], v[1], v[2]);
+  printf("\trotations           %g %g %g\n", v[3], v[4], v[5]);
+  printf("\tinflations          %g %g %g\n", v[6], v[7], v[8]);
+  printf("\tskews               %g %g %g\n", v[9], v[10], v[11]);
+}
+
+}  // namespace
+
+void initialize_global_variables() {
+  flags &= ~(FLAG_MODE_FILE1 | FLAG_MODE_FILE2 | FLAG_COMPLEX_OUTPUT);
+  com_argc = 0;
+  free_ipoint3d_vector(overlay.voxel);
+  free_float_vector(overlay.weight);
+  overlay = OVERLAY{};
+  io_increment = 0;
+  free_int_vector(slice_order);
+  slice_order = nullptr;
+  nslice_order = 0;
+  free_float_vector(map_array);
+  map_array = nullptr;
+  nmap_array = 0;
+  array_offset = 0.0f;
+  array_scale = 1.0f;
+  filter_range = {1.0f, 1.0f, 1.0f};
+  Alignment = ALIGNMENT{};
+  Alignment.value[6] = Alignment.value[7] = Alignment.value[8] = 1.0f;
+  nifti_method = 3;
+  hist_start = hist_end = hist_bin_size = 0.0f;
+  hist_nbins = 0;
+  free_int_vector(histogram);
+  histogram = nullptr;
+  if (data_stack *d = find_stack("registration_distortions")) free_stack(d);
+}
+
+int set_variable(int index, const char *value) {
+  char word[KEP_LINE];
+  switch (index) {
+    case 0: {
+      first_word(value, word);
+      static const char *logic[] = {"replace", "or", "and", "not"};
+      for (int i = 0; i < 4; i++)
+        if (strcmp(word, logic[i]) == 0) {
+          overlay.io_logic = i;
+          return 0;
+        }
+      return syntax("Use keywords `replace', `or', `and', or `not' to set this variable.");
+    }
+    case 1:
+      first_word(value, word);
+      if (strcmp(word, "on") == 0) flags |= FLAG_COMPLEX_OUTPUT;
+      else if (strcmp(word, "off") == 0) flags &= ~FLAG_COMPLEX_OUTPUT;
+      else return syntax("Use keywords `on' and `off' to set program flags.");
+      return 0;
+    case 2: {
+      int n = 0;
+      if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set io-increment <number>'.");
+      if (n < 0) {
+        io_increment = 0;
+        kep_textf(2, "%d is an invalid value for `io_increment'.", n);
+        return 1;
+      }
+      io_increment = n;
+      return 0;
+    }
+    case 3:
+      return read_slice_order(value);
+    case 4:
+      return read_map_array(value);
+    case 5:
+      if (sscanf(value, "%f", &array_offset) != 1) return syntax("Syntax = `set array-offset <value>'.");
+      return 0;
+    case 6:
+      if (sscanf(value, "%f", &array_scale) != 1) return syntax("Syntax = `set array-scale <value>'.");
+      return 0;
+    case 7: {
+      float x = 0, y = 0, z = 0;
+      int n = sscanf(value, "%f %f %f", &x, &y, &z);
+      if (n == 3) filter_range = {x, y, z};
+      else if (n == 2) filter_range = {x, y, 1.0f};
+      else if (n == 1) filter_range = {x, x, x};
+      else
+        return syntax("Use a syntax like `set filter-range 1. 1. 1.'\n               or `set filter-range 1.'");
+      return 0;
+    }
+    case 8:
+      first_word(value, word);
+      Alignment.RigidBody = strcmp(word, "deck-of-cards") == 0 ? 0 : 1;
+      return 0;
+    case 9:
+      first_word(value, word);
+      Alignment.registration = strcmp(word, "paxinos-rat") == 0 ? -1 : 1;
+      return 0;
+    case 10:
+      return set_three_ints(value, &Alignment.dimension.x, &Alignment.dimension.y, &Alignment.dimension.z,
+                            "Use a syntax like `set registration-matrix <3 int variables>'.");
+    case 11:
+      return set_three_reals(value, &Alignment.resolution.x, &Alignment.resolution.y, &Alignment.resolution.z,
+                             "Use a syntax like `set registration-resolution <3 variables>'.");
+    case 12:
+      return set_three_reals(value, &Alignment.origin.x, &Alignment.origin.y, &Alignment.origin.z,
+                             "Use a syntax like `set registration-origin <3 variables>'.");
+    case 13:
+      return set_three_reals(value, &Alignment.direction.x, &Alignment.direction.y, &Alignment.direction.z,
+                             "Use a syntax like `set registration-direction <3 variables>'.");
+    case 14:
+      if (sscanf(value, "%d %d %d %d", &Alignment.OrientRotation.x, &Alignment.OrientRotation.y,
+                 &Alignment.OrientRotation.z, &Alignment.OrientSwapZ) != 4)
+        return syntax("Use a syntax like `set registration-orientation <4 int variables>'.");
+      return 0;
+    case 15:
+      return set_three_ints(value, &Alignment.WrapAround.x, &Alignment.WrapAround.y, &Alignment.WrapAround.z,
+                            "Use a syntax like `set registration-wrapping <3 int variables>'.");
+    case 16:
+    case 17:
+    case 18:
+    case 19: {
+      static const char *messages[] = {"Use a syntax like `set translations <3 variables>'.",
+                                       "Use a syntax like `set rotations <3 variables>'.",
+                                       "Use a syntax like `set inflations <3 variables>'.",
+                                       "Use a syntax like `set skews <3 variables>'."};
+      float *v = Alignment.value + 3 * (index - 16);
+      return set_three_reals(value, v, v + 1, v + 2, messages[index - 16]);
+    }
+    case 20: {
+      char text[KEP_LINE], file[KEP_LINE], stack[KEP_LINE], subset[KEP_LINE];
+      int kind = -1, number = 0;
+      snprintf(text, sizeof text, "%s", value);
+      if (decode_read_argument(text, file, &kind, stack, subset, &number)) return 1;
+      return read_xdisplay_file(file, "registration_distortions", "0-2");
+    }
+    case 21: {
+      int n = 0;
+      if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set nifti-method <number>'.");
+      if (n != 2 && n != 3) {
+        nifti_method = 3;
+        kep_textf(2, "%d is an invalid value for `nifti-method'; use 2 or 3.", n);
+        return 1;
+      }
+      nifti_method = n;
+      return 0;
+    }
+    case 22: {
+      float start = 0, end = 0, bin = 0;
+      if (sscanf(value, "%f %f %f", &start, &end, &bin) != 3 || !(start < end) || !(bin > 0))
+        return syntax("Use a syntax like `set histogram <start> <end> <bin size>'.");
+      double nbins = ceil((static_cast<double>(end) - start) / bin);
+      if (!(nbins <= MAX_HISTOGRAM_BINS)) {
+        kep_textf(2, "A histogram of %g bins is too large; use at most %g bins.", nbins, MAX_HISTOGRAM_BINS);
+        return 1;
+      }
+      hist_start = start;
+      hist_end = end;
+      hist_bin_size = bin;
+      hist_nbins = static_cast<int>(nbins);
+      free_int_vector(histogram);
+      histogram = int_vector(hist_nbins);
+      for (int i = 0; i < hist_nbins; i++) histogram[i] = 0;
+      printf("Allocate histogram: %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+      return 0;
+    }
+    default:
+      return syntax("That variable name is not used in this program.");
+  }
+}
+
+int show_variable(int index) {
+  switch (index) {
+    case 0:
+      switch (overlay.io_logic) {
+        case 0: printf("\toverlay-logic   replace\n"); break;
+        case 1: printf("\toverlay-logic   or\n"); break;
+        case 2: printf("overlay-logic     and\n"); break;
+        default: printf("\toverlay-logic   not\n"); break;
+      }
+      break;
+    case 1:
+      printf("\tcomplex-output  %s\n", (flags & FLAG_COMPLEX_OUTPUT) ? "ON" : "OFF");
+      break;
+    case 2:
+      printf("\tio-increment    %d\n", io_increment);
+      break;
+    case 3:
+      printf("\tslice-order     ");
+      for (int i = 0; i < nslice_order; i++) printf("%d ", slice_order[i]);
+      printf("\n");
+      break;
+    case 4:
+      if (nmap_array == 0) {
+        printf("\tmap-array      \n");
+      } else {
+        printf("\tmap-array       ");
+        for (int i = 0; i < nmap_array; i++) printf("%g ", map_array[i]);
+        printf("\n");
+      }
+      break;
+    case 5:
+    case 6:
+      printf("\tarray-offset    %g\tarray_scale    %g\n", array_offset, array_scale);
+      break;
+    case 7:
+      printf("\tfilter-range    %g %g (%g)\n", filter_range.x, filter_range.y, filter_range.z);
+      break;
+    case 9:
+    case 16:
+    case 17:
+    case 18:
+    case 19:
+      show_alignment();
+      break;
+    case 21:
+      printf("\tnifti-method    %d\n", nifti_method);
+      break;
+    case 22:
+      printf("\thistogram       %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+      break;
+    default:
+      break;
+  }
+  return 0;
+}

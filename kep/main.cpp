@@ -1,0 +1,3 @@
+#include "kep.h"
+
+int main(int argc, char **argv) { return main_loop(argc, argv); }

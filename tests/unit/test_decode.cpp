@@ -1,0 +1,175 @@
+// Volume-list grammar and the argument decoders.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kep-prototypes.h"
+#include "test_support.h"
+
+namespace {
+
+std::vector<int> volumes_of(const volume_list *root) {
+  std::vector<int> t;
+  for (const volume_list *v = root; v; v = v->next)
+    t.push_back(static_cast<int>((v->SpaceTime.fcData - v->stack->SpaceTime.fcData) / v->n3d));
+  return t;
+}
+
+class Decode : public KepTest {};
+
+TEST_F(Decode, SubsetRangesAndLetters) {
+  std::vector<int> n;
+  ASSERT_EQ(decode_subset("3-1", 10, n), 0);
+  EXPECT_EQ(n, (std::vector<int>{3, 2, 1}));
+  ASSERT_EQ(decode_subset("1-3-5", 10, n), 0);
+  EXPECT_EQ(n, (std::vector<int>{1, 2, 3, 4, 5}));
+  ASSERT_EQ(decode_subset("5,2,n", 10, n), 0);
+  EXPECT_EQ(n, (std::vector<int>{5, 2, 9}));
+  ASSERT_EQ(decode_subset("Z,y,X", 10, n), 0);
+  EXPECT_EQ(n, (std::vector<int>{9, 8, 7}));
+  ASSERT_EQ(decode_subset("", 3, n), 0);
+  EXPECT_EQ(n, (std::vector<int>{0, 1, 2}));
+  ASSERT_EQ(decode_subset("2abc", 3, n), 0);  // "%d" reads the leading number
+  EXPECT_EQ(n, (std::vector<int>{2}));
+}
+
+TEST_F(Decode, SubsetErrors) {
+  std::vector<int> n;
+  std::string err = capture_stderr([&] { EXPECT_EQ(decode_subset("0,,1", 10, n), 1); });
+  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
+  err = capture_stderr([&] { EXPECT_EQ(decode_subset("1,", 10, n), 1); });
+  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
+  err = capture_stderr([&] { EXPECT_EQ(decode_subset("10", 10, n), 1); });
+  EXPECT_EQ(err, "Error: The list contains a number which is out of range.\n");
+  err = capture_stderr([&] { EXPECT_EQ(decode_subset("-1", 10, n), 1); });
+  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
+}
+
+TEST_F(Decode, IoIncrementShiftsEveryNumber) {
+  std::vector<int> n;
+  io_increment = 1;
+  ASSERT_EQ(decode_subset("0-2", 10, n), 0);
+  EXPECT_EQ(n, (std::vector<int>{1, 2, 3}));
+  std::string err = capture_stderr([&] { EXPECT_EQ(decode_subset("n", 10, n), 1); });
+  EXPECT_EQ(err, "Error: The list contains a number which is out of range.\n");
+  ASSERT_EQ(decode_subset("", 3, n), 0);  // an empty subset is not shifted
+  EXPECT_EQ(n, (std::vector<int>{0, 1, 2}));
+}
+
+TEST_F(Decode, VolumeListNamesAndSubsets) {
+  install_stack("a", nullptr, 2, 2, 1, 4);
+  install_stack("b", nullptr, 2, 2, 1, 2);
+  char text[KEP_LINE] = "a>3,0 b";
+  ASSERT_EQ(decode_volume_list(0, text), 0);
+  EXPECT_EQ(volumes_of(volume_list_root), (std::vector<int>{3, 0, 0, 1}));
+  EXPECT_STREQ(volume_list_root->stack->name, "a");
+  EXPECT_STREQ(volume_list_root->next->next->stack->name, "b");
+
+  char missing[KEP_LINE] = "c";
+  std::string err = capture_stderr([&] { EXPECT_EQ(decode_volume_list(0, missing), 1); });
+  EXPECT_EQ(err, "Error: Stack c does not exist.\n");
+  char dangling[KEP_LINE] = "a>";
+  err = capture_stderr([&] { EXPECT_EQ(decode_volume_list(0, dangling), 1); });
+  EXPECT_EQ(err, "Error: No volume list is given following a `>' delimeter.\n");
+}
+
+TEST_F(Decode, EmptyListSelectsEverythingAndRewritesText) {
+  char text[KEP_LINE] = "";
+  std::string err = capture_stderr([&] { EXPECT_EQ(decode_volume_list(0, text), 1); });
+  EXPECT_EQ(err, "Warning: No volumes exist in memory.\n");
+  install_stack("a", nullptr, 1, 1, 1, 2);
+  install_stack("b", nullptr, 1, 1, 1, 1);
+  ASSERT_EQ(decode_volume_list(0, text), 0);
+  EXPECT_EQ(count_volume_list(volume_list_root), 3);
+  EXPECT_STREQ(text, "a b ");
+}
+
+TEST_F(Decode, ComparisonFormTakesOneStackThenTheRest) {
+  install_stack("a", nullptr, 1, 1, 1, 2);
+  install_stack("b", nullptr, 1, 1, 1, 3);
+  char text[KEP_LINE] = "b";
+  ASSERT_EQ(decode_comparison_list(text), 0);
+  EXPECT_EQ(count_volume_list(comparison_list_root), 3);
+  EXPECT_EQ(count_volume_list(volume_list_root), 5);
+  char none[KEP_LINE] = "  ";
+  std::string err = capture_stderr([&] { EXPECT_EQ(decode_comparison_list(none), 1); });
+  EXPECT_EQ(err, "Error: At least one argument is mandatory here.\n");
+}
+
+TEST_F(Decode, NumbersAndNamesBeforeTheList) {
+  install_stack("a", nullptr, 1, 1, 1, 2);
+  float r = 0;
+  char t1[KEP_LINE] = "2.5 a>1";
+  ASSERT_EQ(decode_real_and_list(t1, &r), 0);
+  EXPECT_FLOAT_EQ(r, 2.5f);
+  EXPECT_EQ(count_volume_list(volume_list_root), 1);
+  char t2[KEP_LINE] = "nan a";
+  ASSERT_EQ(decode_real_and_list(t2, &r), 0);
+  EXPECT_TRUE(std::isnan(r));
+  int n = 7;
+  char t3[KEP_LINE] = "abc a";
+  ASSERT_EQ(decode_int_and_list(t3, &n), 0);
+  EXPECT_EQ(n, 0);  // a word that is not a number reads as 0
+  char name[KEP_LINE];
+  char t4[KEP_LINE] = "x>y a";
+  std::string err = capture_stderr([&] { EXPECT_EQ(decode_string_and_list(0, t4, name), 1); });
+  EXPECT_EQ(err, "Error: Do not use > in a stack name.\n");
+  char t5[KEP_LINE] = "root>x a";
+  EXPECT_EQ(decode_string_and_list(1, t5, name), 0);  // file roots may hold ">"
+  EXPECT_STREQ(name, "root>x");
+  char t6[KEP_LINE] = "";
+  err = capture_stderr([&] { EXPECT_EQ(decode_string_and_list(1, t6, name), 1); });
+  EXPECT_EQ(err, "Error: A file name root is mandatory here.\n");
+  char t7[KEP_LINE] = "1 2";
+  float a = 0, b = 0, c = 0;
+  err = capture_stderr([&] { EXPECT_EQ(decode_3reals_and_list(t7, &a, &b, &c), 1); });
+  EXPECT_EQ(err, "Error: 3 real numbers are mandatory arguments here.\n");
+}
+
+TEST_F(Decode, ReadArgumentKindsAndDefaults) {
+  char file[KEP_LINE], stack[KEP_LINE], subset[KEP_LINE];
+  int kind = 0, number = 0;
+  char t1[KEP_LINE] = "run1.bshort>0-4";
+  ASSERT_EQ(decode_read_argument(t1, file, &kind, stack, subset, &number), 0);
+  EXPECT_STREQ(file, "run1.bshort");
+  EXPECT_STREQ(subset, "0-4");
+  EXPECT_STREQ(stack, "run1");
+  EXPECT_EQ(kind, 1);
+  char t2[KEP_LINE] = "dir.v2/img.nii s 7";
+  ASSERT_EQ(decode_read_argument(t2, file, &kind, stack, subset, &number), 0);
+  EXPECT_EQ(kind, 6);
+  EXPECT_STREQ(stack, "s");
+  EXPECT_EQ(number, 7);
+  struct {
+    const char *name;
+    int kind;
+  } kinds[] = {{"a.com", 0}, {"a.bfloat", 2}, {"a.blong", 3}, {"a.ushort", 4}, {"a.img", 7},
+               {"slices_", 8}, {"a.ovl", 9},  {"a.txt", -1},   {"plain", -1},  {"a.nii.gz", 6}};
+  for (const auto &k : kinds) EXPECT_EQ(file_kind(k.name), k.kind) << k.name;
+  char t3[KEP_LINE] = "a.nii x>y";
+  std::string err = capture_stderr([&] { EXPECT_EQ(decode_read_argument(t3, file, &kind, stack, subset, &number), 1); });
+  EXPECT_EQ(err, "Error: Do not use > in a stack name.\n");
+  char t4[KEP_LINE] = "\n";
+  err = capture_stderr([&] { EXPECT_EQ(decode_read_argument(t4, file, &kind, stack, subset, &number), 1); });
+  EXPECT_EQ(err, "Error: No argument to read command.\n");
+}
+
+TEST_F(Decode, SliceOrderAndMapArray) {
+  std::string out = capture_stdout([&] { EXPECT_EQ(read_slice_order(" 0 2 4 1 3 x 5"), 0); });
+  EXPECT_EQ(out, "5 values were read for the slice order.\n");
+  EXPECT_EQ(nslice_order, 5);
+  EXPECT_EQ(slice_order[4], 3);
+  out = capture_stdout([&] { EXPECT_EQ(read_slice_order("7"), 1); });
+  EXPECT_EQ(out, "Fewer than 2 values were successfully read; slice_order = NULL.\n");
+  EXPECT_EQ(nslice_order, 0);
+  EXPECT_EQ(slice_order, nullptr);
+  std::string err = capture_stderr([&] { EXPECT_EQ(read_map_array("1.5"), 1); });
+  EXPECT_EQ(err, "Error: Fewer than 2 values were successfully read.\n");
+  out = capture_stdout([&] { EXPECT_EQ(read_map_array("10 20 40"), 0); });
+  EXPECT_EQ(out, "3 values were read for the map array.\n");
+  EXPECT_FLOAT_EQ(map_array[2], 40.0f);
+}
+
+}  // namespace
