@@ -1,0 +1,91 @@
+"""The command loop, command files and `$` substitution, seen from outside."""
+
+
+def test_prompt_unknown_command_and_quit(kep):
+    r = kep.stdin("Add\nADD\nquit\n")
+    assert r.returncode == 1
+    assert r.stdout == "kep > " * 3
+    assert r.stderr == "Error: The command was not found.\n" * 2
+
+
+def test_command_file_substitution_and_echo(kep):
+    r = kep.script("show io-increment # $9 is a comment\nset io-increment $1\nshow io-increment\n", "4")
+    assert r.returncode == 1
+    # the comment cut takes the newline with it, so the echo runs into the output
+    assert r.stdout == ("kep > show io-increment \tio-increment    0\n"
+                        "kep > set io-increment 4\n"
+                        "kep > show io-increment\n\tio-increment    4\n"
+                        "kep > ")
+    assert r.stderr == ""
+
+
+def test_argument_beyond_passed_words_is_fatal(kep):
+    r = kep.script("set io-increment $3\nshow io-increment\n", "x", "y")
+    assert r.returncode == 1
+    assert r.stdout == "kep > set io-increment $3\n"
+    assert r.stderr == ("Fatal error: The argument $3 exceeds the number of passed arguments (2).\n"
+                        "Program aborted.\n")
+
+
+def test_trailing_dollar_is_invalid(kep):
+    r = kep.script("show $\n")
+    assert r.stderr.startswith("Fatal error: The replacement specification is invalid.\n")
+    assert r.returncode == 1
+
+
+def test_missing_command_file(kep):
+    r = kep.script("", name="x.com")
+    (kep.dir / "x.com").unlink()
+    import subprocess
+    from conftest import KEP
+    p = subprocess.run([str(KEP), "nothere.com"], cwd=kep.dir, capture_output=True)
+    assert p.returncode == 1
+    assert p.stderr.decode() == "Fatal error: I cannot open the kep command file nothere.com.\nProgram aborted.\n"
+
+
+def test_failing_decoder_ends_a_command_file_but_not_the_prompt(kep):
+    r = kep.stdin("copy\nshow io-increment\n")
+    assert "\tio-increment    0\n" in r.stdout
+    (kep.dir / "sub.com").write_text("copy\nshow io-increment\n")
+    r = kep.stdin("mode sub.com\nshow nifti-method\n")
+    # the file's failing line ends the whole process at once
+    assert r.stdout == "kep > kep > copy\n"
+    assert "A name for the volume to create is mandatory here." in r.stderr
+    assert r.returncode == 1
+
+
+def test_mode_words_and_nesting(kep):
+    (kep.dir / "inner.com").write_text("show io-increment\n")
+    (kep.dir / "outer.com").write_text("set io-increment $1\nmode inner.com\nmode inner.com\nshow $9\n")
+    r = kep.stdin("mode outer.com 3\nshow io-increment\n")
+    assert "kep > set io-increment 3\n" in r.stdout
+    assert r.stdout.count("\tio-increment    3\n") == 3
+    assert "The argument $9 exceeds the number of passed arguments (8)." in r.stderr
+
+
+def test_nested_mode_is_refused(kep):
+    (kep.dir / "c.com").write_text("show io-increment\n")
+    (kep.dir / "b.com").write_text("mode c.com\nshow nifti-method\n")
+    (kep.dir / "a.com").write_text("mode b.com\n")
+    r = kep.stdin("mode a.com\n")
+    assert "Error: nested kep command files are not yet allowed.\n" in r.stdout
+    assert "\tnifti-method    3\n" in r.stdout
+
+
+def test_comment_and_parenthesis_lines_do_nothing(kep):
+    r = kep.stdin("( anything at all\n# nothing\n\n   \nquit\n")
+    assert r.stdout == "kep > " * 5
+    assert r.stderr == ""
+
+
+def test_long_lines_are_read_in_pieces(kep):
+    r = kep.stdin("x" * 3000 + "\nquit\n")
+    # 3000 characters and the newline make three pieces of at most 1023
+    assert r.stderr.count("Error: The command was not found.\n") == 3
+    assert r.returncode == 1
+
+
+def test_end_of_input_ends_cleanly(kep):
+    r = kep.stdin("show nifti-method\n")
+    assert r.returncode == 1
+    assert r.stdout == "kep > \tnifti-method    3\nkep > "
