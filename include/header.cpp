@@ -477,6 +477,9 @@ int decode_nifti_header(const unsigned char *bytes, size_t size, const char *hea
     printf("Error: the voxel offset (%g) in file %s is not valid.\n", h->voxel_offset, header_name);
     return 1;
   }
+  // A single file keeps its data after the 352 bytes of header and extender;
+  // older writers left vox_offset 0 there.
+  if (h->file_type == FILE_NII && h->voxel_offset < NIFTI_HEADER_SIZE + 4) h->voxel_offset = NIFTI_HEADER_SIZE + 4;
   int method;
   if (n.qform_code == 0) {
     method = 1;
