@@ -30,6 +30,25 @@ int invert_3x3_matrix(float m[3][3]) {
   return 0;
 }
 
+namespace {
+
+// Sum of x[k] y[k] for k in [0, n), in four independent partial sums so the
+// additions do not wait on each other.
+inline double dot(const double *x, const double *y, int n) {
+  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+  int k = 0;
+  for (; k + 4 <= n; k += 4) {
+    s0 += x[k] * y[k];
+    s1 += x[k + 1] * y[k + 1];
+    s2 += x[k + 2] * y[k + 2];
+    s3 += x[k + 3] * y[k + 3];
+  }
+  for (; k < n; k++) s0 += x[k] * y[k];
+  return (s0 + s1) + (s2 + s3);
+}
+
+}  // namespace
+
 int dInvertSquareMatrix(int n, double **a, int *failing_row) {
   *failing_row = -1;
   if (n < 0) {
@@ -57,9 +76,9 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
     // Swap element by element: the caller owns the row pointers.
     if (p != c)
       for (int k = 0; k < n; k++) std::swap(a[c][k], a[p][k]);
-    const double *urow = a[c];
+    const double *__restrict urow = a[c];
     for (int r = c + 1; r < n; r++) {
-      double *row = a[r];
+      double *__restrict row = a[r];
       const double l = row[c] / urow[c];
       row[c] = l;
       if (l != 0.0)
@@ -67,31 +86,23 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
     }
   }
 
-  // U^-1 in place, one column at a time from the columns already inverted.
+  // U^-1 in place, one column at a time from the columns already inverted;
+  // U's column is gathered first so the sums run along rows.
+  std::vector<double> l(static_cast<size_t>(n));
   for (int j = 0; j < n; j++) {
     const double d = 1.0 / a[j][j];
+    for (int k = 0; k < j; k++) l[k] = a[k][j];
     a[j][j] = d;
-    for (int i = 0; i < j; i++) {
-      // a[k][j] for k > i is still U's own column here.
-      double s = 0.0;
-      for (int k = i; k < j; k++) s += a[i][k] * a[k][j];
-      a[i][j] = -d * s;
-    }
+    for (int i = 0; i < j; i++) a[i][j] = -d * dot(a[i] + i, l.data() + i, j - i);
   }
 
   // U^-1 L^-1: each column corrected by the later, finished columns.
-  std::vector<double> l(static_cast<size_t>(n));
   for (int c = n - 2; c >= 0; c--) {
     for (int r = c + 1; r < n; r++) {
       l[r] = a[r][c];
       a[r][c] = 0.0;
     }
-    for (int i = 0; i < n; i++) {
-      const double *row = a[i];
-      double s = 0.0;
-      for (int r = c + 1; r < n; r++) s += row[r] * l[r];
-      a[i][c] -= s;
-    }
+    for (int i = 0; i < n; i++) a[i][c] -= dot(a[i] + c + 1, l.data() + c + 1, n - c - 1);
   }
 
   // The row interchanges of the factorisation become column interchanges.
@@ -139,11 +150,29 @@ void product(T **C, int n, int m, T **A, int transpose_a, int p, T **B, int tran
   } else if (!transpose_a && transpose_b) {
     for (int i = 0; i < n; i++) {
       const T *arow = A[i];
-      for (int j = 0; j < m; j++) {
+      T *c = C[i];
+      int j = 0;
+      // Four independent in-order sums at a time.
+      for (; j + 4 <= m; j += 4) {
+        const T *b0 = B[j], *b1 = B[j + 1], *b2 = B[j + 2], *b3 = B[j + 3];
+        T s0 = 0, s1 = 0, s2 = 0, s3 = 0;
+        for (int k = 0; k < p; k++) {
+          const T a = arow[k];
+          s0 += a * b0[k];
+          s1 += a * b1[k];
+          s2 += a * b2[k];
+          s3 += a * b3[k];
+        }
+        c[j] = s0;
+        c[j + 1] = s1;
+        c[j + 2] = s2;
+        c[j + 3] = s3;
+      }
+      for (; j < m; j++) {
         const T *b = B[j];
         T s = 0;
         for (int k = 0; k < p; k++) s += arow[k] * b[k];
-        C[i][j] = s;
+        c[j] = s;
       }
     }
   } else if (transpose_a && !transpose_b) {
