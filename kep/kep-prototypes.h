@@ -77,6 +77,8 @@ int calculate_overlay_volume_overlap(float value);
 // kep-maps: parametric maps.
 int map_snr(const char *name);
 int map_t2(int kind, const char *name);
+// Makes the next decay map behave as the first of the process (for tests).
+void forget_decay_map_reminder();
 
 // kep-macros: read loops and macros.
 int initialize_read_loop(int kind, const char *file, const char *stack, const char *subset);
