@@ -105,6 +105,12 @@ int help_menu(int level, const char *file_name) {
     const Section *page = depth == 0 ? find_section(sections, 0, 0)
                           : depth == 1 ? find_section(sections, menu, 0)
                                        : find_section(sections, menu, item);
+    // An item whose text is the line "&pages" opens the paged help text.
+    if (depth == 2 && page != nullptr && !page->lines.empty() && page->lines[0].rfind("&pages", 0) == 0) {
+      print_help_page((std::string(home) + "/documentation/kep-pages.txt").c_str());
+      depth = 1;
+      continue;
+    }
     print_page(page);
     if (!read_answer(depth == 0 ? "help > " : "help >> ", answer)) break;
     int count = depth == 0 ? nmenus : (menu < static_cast<int>(items.size()) ? items[menu] : 0);
