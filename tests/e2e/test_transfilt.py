@@ -2,7 +2,13 @@
 import numpy as np
 import pytest
 
-from fft_files import assert_single_precision, random_complex, run_on_stack, write_complex
+from fft_files import (assert_single_precision, random_complex, run_on_stack, skip_without_volume_files,
+                       write_complex)
+
+
+@pytest.fixture(autouse=True)
+def volume_files(kep):
+    skip_without_volume_files(kep)
 
 AXIS = {"x": 3, "y": 2, "z": 1, "t": 0}
 
