@@ -109,13 +109,17 @@ std::string data_file_name(const char *file_name) {
 // Reads the listed volumes of a one-file volume into `out`.
 int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
   const std::string name = data_file_name(h.file_name);
-  file_ptr file(fopen_regular(name.c_str(), "rb"));
-  if (!file) {
+  volume_source file(name.c_str(), gzipped_nifti_name(name.c_str()));
+  if (!file.is_open()) {
     printf("Error: cannot open file %s.\n", name.c_str());
     return 1;
   }
   const long offset = static_cast<long>(h.voxel_offset);
-  if (fseek(file.get(), offset, SEEK_SET) != 0) {
+  if (!file.seek(offset, SEEK_SET)) {
+    if (gzipped_nifti_name(name.c_str())) {  // a compressed file simply ends too soon
+      printf("Error reading file %s.\n", name.c_str());
+      return 1;
+    }
     fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name.c_str());
     exit(1);
   }
@@ -125,7 +129,7 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
   const int64_t volume_bytes = volume * size;
   // 8-bit files are not skipped forward: reading starts at their first volume.
   if (h.storage_type != STORAGE_UCHAR && list.front() > 0) {
-    if (fseeko(file.get(), static_cast<off_t>(list.front()) * volume_bytes, SEEK_CUR) != 0) {
+    if (!file.seek(static_cast<long long>(list.front()) * volume_bytes, SEEK_CUR)) {
       printf("Error reading file %s.\n", name.c_str());
       return 1;
     }
@@ -139,8 +143,7 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
   const bool swap = h.byte_order != machine_byte_order();
   size_t next = 0;
   for (int v = list.front(); v <= list.back(); v++) {
-    if (fread(buffer.get(), 1, static_cast<size_t>(volume_bytes), file.get()) !=
-        static_cast<size_t>(volume_bytes)) {
+    if (file.read(buffer.get(), static_cast<size_t>(volume_bytes)) != static_cast<size_t>(volume_bytes)) {
       printf("Error reading file %s.\n", name.c_str());
       return 1;
     }

@@ -357,12 +357,12 @@ TEST(IoHeader, SingularGeometryIsReadWithAWarning) {
   h.nt = 1;
   h.resolution = {0.0f, 1.0f, 1.0f};
   h.ijk_to_xyz = scale_and_shift_to_mat44(0, 1, 1, 0, 0, 0, 1, 1, 1);
-  std::string out = capture_stdout([&] { finish_volume_header(&h); });
+  std::string out = capture_stdout([&] { EXPECT_EQ(finish_volume_header(&h), 0); });
   EXPECT_EQ(out, "Warning: the voxel-to-world matrix of file z.bfloat cannot be inverted.\n");
   EXPECT_EQ(h.n4d, 8);
   h.resolution = {2.0f, 1.0f, 1.0f};
   h.ijk_to_xyz = scale_and_shift_to_mat44(2, 1, 1, 4, 0, 0, 1, 1, 1);
-  out = capture_stdout([&] { finish_volume_header(&h); });
+  out = capture_stdout([&] { EXPECT_EQ(finish_volume_header(&h), 0); });
   EXPECT_EQ(out, "");
   EXPECT_FLOAT_EQ(h.xyz_to_ijk.m[0][0], 0.5f);
   EXPECT_FLOAT_EQ(h.xyz_to_ijk.m[0][3], -2.0f);
