@@ -1,4 +1,6 @@
 // Reading volume files into stacks.
+#include <sys/mman.h>
+
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -89,6 +91,20 @@ void convert(unsigned char *raw, int64_t count, int storage, bool swap, bool pai
       convert_elements<float>(raw, count, pairs, slope, offset, out);
       break;
   }
+}
+
+// Samples for a whole file: large arrays ask for huge pages, which spares
+// the page faults that otherwise dominate reading a big file.
+std::unique_ptr<FCOMPLEX[]> allocate_samples(size_t count) {
+  std::unique_ptr<FCOMPLEX[]> samples(new (std::nothrow) FCOMPLEX[count]);
+  constexpr uintptr_t huge = uintptr_t{2} << 20;
+  const size_t bytes = count * sizeof(FCOMPLEX);
+  if (samples && bytes >= 2 * huge) {
+    const uintptr_t start = (reinterpret_cast<uintptr_t>(samples.get()) + huge - 1) & ~(huge - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(samples.get()) + bytes) & ~(huge - 1);
+    if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
+  }
+  return samples;
 }
 
 struct file_closer {
@@ -260,7 +276,7 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
   // The samples are gathered apart and only handed to the stack once the
   // whole read has worked, so a failure leaves every stack as it was.
   const size_t samples = static_cast<size_t>(h.n3d) * static_cast<size_t>(count);
-  std::unique_ptr<FCOMPLEX[]> data(new (std::nothrow) FCOMPLEX[samples]);
+  std::unique_ptr<FCOMPLEX[]> data = allocate_samples(samples);
   if (!data) {
     printf("Error: not enough memory to read %d volumes of %d x %d x %d from file %s.\n", count, h.dim.x,
            h.dim.y, h.dim.z, file_name);
