@@ -1,13 +1,23 @@
 // Vector and matrix allocators with the system's fatal failure messages.
+#include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
 
 #include "util.h"
 
+void *kep_exit_trap = nullptr;
+
+void kep_exit(int status) {
+  fflush(stdout);
+  if (kep_exit_trap != nullptr) longjmp(*static_cast<jmp_buf *>(kep_exit_trap), 1);
+  exit(status);
+}
+
 void alloc_error(const char *text) {
+  fflush(stdout);
   fprintf(stderr, "Fatal Error:\n%s\nProgram aborted.\n", text);
-  exit(1);
+  kep_exit(1);
 }
 
 bool checked_product(int64_t a, int64_t b, int64_t limit, int64_t *result) {

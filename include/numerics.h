@@ -2,7 +2,10 @@
 // and the small polynomial and general least-squares fitters.
 #pragma once
 
+#include <vector>
+
 #include "types.h"
+#include "util.h"
 
 struct data_stack;
 
@@ -12,6 +15,9 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row);
 int rInvertSquareMatrix(int n, float **a, int *failing_row);
 void Matrix_Product(float **C, int n, int m, float **A, int transpose_a, int p, float **B,
                     int transpose_b);
+// The same product summed in double, for callers that keep double matrices.
+void dMatrix_Product(double **C, int n, int m, double **A, int transpose_a, int p, double **B,
+                     int transpose_b);
 void Matrix_Vector_Product(float *y, int n, float **A, int transpose, int p, const float *x);
 void Matrix_PseudoInverse(float **X, int t, int c, float **out);
 float Trace_of_Matrix(int n, float **A);
@@ -41,7 +47,22 @@ double pseries(double a, double b, double x);
 // `ncontrasts` contrast rows, with the doubling and folding rule for several rows.
 double p_value_of_F(double F, double dof, int ncontrasts);
 
-// Polynomial and general linear fits of one time series at a time.
+// Polynomial and general linear fits of one time series at a time. Each kind
+// keeps one design, replaced by its next define and applied to every series.
+struct linear_fit {
+  int npts = 0;
+  int order = 0;                    // number of coefficients; 0 until defined
+  std::vector<int> use;             // npts weights, 1 to use a point, 0 to leave it out
+  fmatrix X;                        // design, npts x order
+  fmatrix inverse;                  // inverse of the weighted normal matrix, order x order
+  fmatrix P;                        // projection, order x npts
+  std::vector<float> coefficients;  // of the last fit
+};
+extern linear_fit PolyGLM;
+extern linear_fit GeneralGLM;
+// Forgets both designs (start of the program and between tests).
+void reset_linear_fits();
+
 int PolynomialDefineGLM(int order, int npts, const int *use);
 int PolynomialFitGLM(int npts, const float *data, float *fit);
 int PolynomialRemoveGLM(int first, int npts, float *data, float *fit);

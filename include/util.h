@@ -6,6 +6,12 @@
 
 #include "types.h"
 
+// Ends the process with `status` after flushing standard output. Every
+// deliberate exit goes through here so a test harness can trap it.
+[[noreturn]] void kep_exit(int status);
+// When set, kep_exit jumps here instead of ending the process (fuzzing only).
+extern void *kep_exit_trap;
+
 // Fatal allocation message: "Fatal Error:\n<text>\nProgram aborted.\n", status 1.
 [[noreturn]] void alloc_error(const char *text);
 

@@ -141,7 +141,7 @@ int do_command(int is_macro, const char *line) {
                                      : act_on_command(index, arguments.data());
   if (result != 0 && from_file) {
     fflush(stdout);
-    exit(1);
+    kep_exit(1);
   }
   return result;
 }
@@ -161,7 +161,7 @@ int main_loop(int argc, char **argv) {
       if (!read_interactive_line("kep > ", line)) {
         // End of standard input: nothing more can come, so leave as `quit` does.
         fflush(stdout);
-        exit(1);
+        kep_exit(1);
       }
       do_command(0, line);
       continue;

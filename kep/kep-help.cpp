@@ -1,5 +1,210 @@
 // The help menu reader and the paged help text.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
 #include "kep-prototypes.h"
 
-int help_menu(int, const char *) { return not_available(); }
-int print_help_page(const char *) { return not_available(); }
+namespace {
+
+std::string top_level_file;
+
+struct Section {
+  int menu = 0;
+  int item = 0;
+  std::vector<std::string> lines;
+};
+
+// Reads the answer to a prompt; false at the end of input.
+bool read_answer(const char *prompt, std::string &answer) {
+  fputs(prompt, stdout);
+  fflush(stdout);
+  char line[KEP_LINE];
+  if (!get_line(stdin, line)) return false;
+  answer = line;
+  while (!answer.empty() && (answer.back() == '\n' || answer.back() == '\r')) answer.pop_back();
+  size_t first = answer.find_first_not_of(" \t");
+  answer = first == std::string::npos ? "" : answer.substr(first);
+  while (!answer.empty() && (answer.back() == ' ' || answer.back() == '\t')) answer.pop_back();
+  return true;
+}
+
+const Section *find_section(const std::vector<Section> &sections, int menu, int item) {
+  for (const Section &s : sections)
+    if (s.menu == menu && s.item == item) return &s;
+  return nullptr;
+}
+
+void print_page(const Section *s) {
+  if (s != nullptr)
+    for (const std::string &l : s->lines) fputs(l.c_str(), stdout);
+  printf("----------------------------------------------\n");
+  printf("--- choose item: 0 = main menu, return = back \n");
+  printf("----------------------------------------------\n");
+}
+
+}  // namespace
+
+int help_menu(int level, const char *file_name) {
+  const char *home = getenv("KEP_HOME");
+  if (home == nullptr) {
+    printf("For help, quit and define the environment variable KEP_HOME, and then re-start.\n");
+    return 1;
+  }
+  std::string path = std::string(home) + "/documentation/" + file_name;
+  FILE *file = fopen(path.c_str(), "r");
+  if (file == nullptr) {
+    printf("Error: cannot open the file %s.\n", path.c_str());
+    printf("The environment variable KEP_HOME is set to %s\n", home);
+    printf("If this is incorrect, quit, define this environment variable, and re-start.\n");
+    return 1;
+  }
+  if (level == 0) top_level_file = file_name;
+  printf("Help from file %s\n", path.c_str());
+
+  std::vector<Section> sections;
+  char line[KEP_LINE];
+  while (get_line(file, line)) {
+    if (line[0] == '!') {
+      Section s;
+      if (sscanf(line + 1, "%d %d", &s.menu, &s.item) < 2) s.item = 0;
+      sections.push_back(s);
+    } else if (!sections.empty()) {
+      sections.back().lines.push_back(line);
+    }
+  }
+  fclose(file);
+
+  // Sections must run menu by menu, item by item.
+  int m = 0, i = 0, nmenus = 0;
+  std::vector<int> items;
+  for (size_t k = 0; k < sections.size(); k++) {
+    const Section &s = sections[k];
+    if (s.menu == m && (s.item == i + 1 || s.item == i)) {
+      i = s.item;
+    } else if (s.menu == m + 1) {
+      m = s.menu;
+      i = 0;
+    } else {
+      printf("Warning: menu entry %d in file %s is %d %d,\n", static_cast<int>(k), path.c_str(), s.menu, s.item);
+      printf("but it should be either %d %d or %d %d,\n", m, i + 1, m + 1, i);
+      return 1;
+    }
+    if (s.menu >= static_cast<int>(items.size())) items.resize(s.menu + 1, 0);
+    if (s.item > items[s.menu]) items[s.menu] = s.item;
+    if (s.menu > nmenus) nmenus = s.menu;
+  }
+
+  // Level 0: the main menu, whose items open the menus; level 1: a menu's
+  // page; level 2: one item's text.
+  int depth = 0, menu = 0, item = 0;
+  std::string answer;
+  while (true) {
+    const Section *page = depth == 0 ? find_section(sections, 0, 0)
+                          : depth == 1 ? find_section(sections, menu, 0)
+                                       : find_section(sections, menu, item);
+    // An item whose text is the line "&pages" opens the paged help text.
+    if (depth == 2 && page != nullptr && !page->lines.empty() && page->lines[0].rfind("&pages", 0) == 0) {
+      print_help_page((std::string(home) + "/documentation/kep-pages.txt").c_str());
+      depth = 1;
+      continue;
+    }
+    print_page(page);
+    if (!read_answer(depth == 0 ? "help > " : "help >> ", answer)) break;
+    int count = depth == 0 ? nmenus : (menu < static_cast<int>(items.size()) ? items[menu] : 0);
+    if (answer == "q") break;
+    if (answer.empty() || answer == "b") {
+      if (depth == 0) break;
+      depth--;
+      continue;
+    }
+    if (answer == "0") {
+      depth = 0;
+      continue;
+    }
+    int choice = 0;
+    char extra = 0;
+    if (sscanf(answer.c_str(), "%d%c", &choice, &extra) == 1 && choice >= 1 && choice <= count) {
+      if (depth == 0) {
+        menu = choice;
+        depth = 1;
+      } else {
+        item = choice;
+        depth = 2;
+      }
+      continue;
+    }
+    printf("Bad option. Choose '0', 'b', 'q', or a number from 1 to %d\n", count);
+  }
+  if (level == 1 && !top_level_file.empty()) return help_menu(0, top_level_file.c_str());
+  return 0;
+}
+
+int print_help_page(const char *file_name) {
+  FILE *file = fopen(file_name, "r");
+  if (file == nullptr) {
+    printf("Error: cannot open the file %s.\n", file_name);
+    return 1;
+  }
+  std::vector<std::string> lines;
+  std::vector<int> keys;
+  std::vector<size_t> starts;
+  char line[KEP_LINE];
+  int number = 0, last_chapter = 0;
+  while (get_line(file, line)) {
+    number++;
+    if (line[0] == '!') {
+      int c = 0, s = 0, u = 0;
+      if (sscanf(line + 1, "%d %d %d", &c, &s, &u) != 3) {
+        fclose(file);
+        kep_textf(2, "Error reading the direction integers on line %d", number);
+        return 1;
+      }
+      keys.push_back(c * 10000 + s * 100 + u);
+      starts.push_back(lines.size() + 1);
+      last_chapter = c;
+    }
+    lines.push_back(line);
+  }
+  fclose(file);
+  if (keys.empty()) return 0;
+  keys.push_back((last_chapter + 1) * 10000);
+  starts.push_back(lines.size() + 1);
+
+  size_t page = 0;
+  std::string answer;
+  while (true) {
+    for (size_t l = starts[page]; l + 1 < starts[page + 1] && l < lines.size(); l++)
+      if (lines[l][0] != '\f') fputs(lines[l].c_str(), stdout);
+    printf("             _________________________________________________________ \n");
+    printf("            |  q = quit     m = menu          n = next       b = back |\n");
+    printf("            |__________________________<return> = next________________|\n");
+    if (!read_answer("volume help >>", answer) || answer == "q") break;
+    const size_t npages = keys.size() - 1;
+    int key = keys[page];
+    int target = -1;
+    if (answer.empty() || answer == "n") {
+      if (page + 1 < npages) page++;
+      continue;
+    }
+    if (answer == "b") {
+      if (page > 0) page--;
+      continue;
+    }
+    if (answer == "m") {
+      target = key % 100 != 0 ? key - key % 100 : key % 10000 != 0 ? key - key % 10000 : 0;
+    } else {
+      int choice = 0;
+      if (sscanf(answer.c_str(), "%d", &choice) != 1 || choice < 0) continue;
+      target = key % 10000 == 0 && key != 0 ? key + choice * 100
+               : key % 100 == 0 && key != 0  ? key + choice
+               : key == 0                    ? choice * 10000
+                                             : key - key % 100 + choice;
+    }
+    for (size_t p = 0; p < npages; p++)
+      if (keys[p] == target) page = p;
+  }
+  return 0;
+}

@@ -31,7 +31,7 @@ int kep_text(int level, const char *text) {
       fflush(stdout);
       fprintf(stderr, "Fatal error: %s\n", text);
       fprintf(stderr, "Program aborted.\n");
-      exit(1);
+      kep_exit(1);
   }
   return n;
 }

@@ -37,6 +37,12 @@ int ft_time();
 int hamming_window(int kind);
 int exponential_filter_1d(float value);
 int edge_filter();
+// The centring permutation around every transform: shift 0 before, 1 after.
+void swap_x(FCOMPLEX *line, int n, int shift);
+// Whole-volume transforms of the listed volumes (dimension 0 x, 1 y, 2 x and
+// y) with a linear phase roll; the axes must be powers of two.
+int fft_volumes(int dimension, int direction);
+int fft_volume(volume_list *vol, int dimension, int direction);
 
 // kep-io: reading and writing volume files.
 int read_xdisplay_file(const char *file_name, const char *stack_name, const char *subset);
@@ -71,6 +77,8 @@ int calculate_overlay_volume_overlap(float value);
 // kep-maps: parametric maps.
 int map_snr(const char *name);
 int map_t2(int kind, const char *name);
+// Makes the next decay map behave as the first of the process (for tests).
+void forget_decay_map_reminder();
 
 // kep-macros: read loops and macros.
 int initialize_read_loop(int kind, const char *file, const char *stack, const char *subset);

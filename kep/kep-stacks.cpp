@@ -134,7 +134,7 @@ void check_stack_index(int x, int y, int z, int t, long index, const data_stack 
   if (index < 0 || index >= stack->n4d) {
     printf("stack index out of bounds: x=%d, y=%d, z=%d, t=%d, index = %ld, n=%d\n", x, y, z, t, index,
            stack->n4d);
-    exit(1);
+    kep_exit(1);
   }
 }
 

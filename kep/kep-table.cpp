@@ -35,7 +35,7 @@ struct Command {
 
 int end_process(Decoded &) {
   fflush(stdout);
-  exit(1);
+  kep_exit(1);
 }
 
 int read_command(Decoded &d) {

@@ -1,14 +1,423 @@
-// Operations of this family that are not yet available report so and do nothing.
+// Fourier transforms along x, y, z and t, and the filters that act on the
+// complex samples: Gaussian smoothing in k-space, Hamming window,
+// exponential weighting along x and the edge filter.
+#include <fftw3.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
+
 #include "kep-prototypes.h"
 
-int smooth_in_kspace([[maybe_unused]] float fwhm, [[maybe_unused]] int dimensions) { return not_available(); }
+namespace {
 
-int ft_1d([[maybe_unused]] int axis, [[maybe_unused]] int direction) { return not_available(); }
+// Samples of double-precision buffer gathered per pass: about 256 kB, which
+// stays in the second-level cache while the lines are transformed.
+constexpr long BATCH_SAMPLES = 16384;
+// Columns gathered side by side for the strided axes (y, z, t): a row of
+// this many samples is read contiguously from the stack.
+constexpr long MAX_COLUMNS = 32;
 
-int ft_time() { return not_available(); }
+struct FftwBuffer {
+  fftw_complex *data = nullptr;
+  explicit FftwBuffer(size_t n) : data(static_cast<fftw_complex *>(fftw_malloc(sizeof(fftw_complex) * n))) {}
+  ~FftwBuffer() { fftw_free(data); }
+  FftwBuffer(const FftwBuffer &) = delete;
+  FftwBuffer &operator=(const FftwBuffer &) = delete;
+};
 
-int hamming_window([[maybe_unused]] int kind) { return not_available(); }
+struct FftwPlan {
+  fftw_plan plan = nullptr;
+  ~FftwPlan() {
+    if (plan != nullptr) fftw_destroy_plan(plan);
+  }
+};
 
-int exponential_filter_1d([[maybe_unused]] float value) { return not_available(); }
+// The lines of one transform: `nblocks` blocks `block_stride` samples apart,
+// each holding `ncolumns` lines of `n` samples `stride` apart, the lines of
+// a block starting at consecutive samples. x: stride 1 and one column per
+// block; y, z and t: the columns of a slice, a volume or the whole stack.
+struct LineSet {
+  FCOMPLEX *data;
+  long nblocks;
+  long block_stride;
+  long ncolumns;
+  long stride;
+  int n;
+};
 
-int edge_filter() { return not_available(); }
+// Transforms every line of `lines` with the centring permutation folded into
+// the copies: line sample (j + n/2) mod n goes to buffer index j before the
+// transform, buffer index (m + (n+1)/2) mod n comes back to sample m after
+// it, so the zero frequency sits at index n/2 in both domains, also for odd
+// n. The result is multiplied by `factor`. Returns 1 when memory runs out.
+int transform_lines(const LineSet &lines, int sign, double factor) {
+  const long n = lines.n;
+  if (n < 1 || lines.nblocks < 1 || lines.ncolumns < 1) return 0;
+  const long before = n / 2, after = (n + 1) / 2;
+  const bool contiguous = lines.stride == 1 && lines.ncolumns == 1;
+
+  // Lines per pass: contiguous lines are taken from consecutive blocks,
+  // strided ones from consecutive columns of one block.
+  long batch = BATCH_SAMPLES / n;
+  if (batch < 1) batch = 1;
+  if (contiguous) {
+    if (batch > lines.nblocks) batch = lines.nblocks;
+  } else {
+    if (batch > MAX_COLUMNS) batch = MAX_COLUMNS;
+    if (batch > lines.ncolumns) batch = lines.ncolumns;
+  }
+  FftwBuffer buffer(static_cast<size_t>(batch * n));
+  if (buffer.data == nullptr) {
+    kep_text(2, "Not enough memory for the Fourier transform buffer.");
+    return 1;
+  }
+  // Contiguous lines lie one after the other in the buffer; strided ones are
+  // interleaved (sample j of line b at j * batch + b) so that gathering a row
+  // of the stack writes a row of the buffer.
+  const int length = static_cast<int>(n);
+  const int istride = contiguous ? 1 : static_cast<int>(batch);
+  const int idist = contiguous ? length : 1;
+  FftwPlan plan;
+  plan.plan = fftw_plan_many_dft(1, &length, static_cast<int>(batch), buffer.data, nullptr, istride, idist,
+                                 buffer.data, nullptr, istride, idist, sign, FFTW_MEASURE);
+  if (plan.plan == nullptr) {
+    kep_text(2, "The Fourier transform could not be planned.");
+    return 1;
+  }
+  fftw_complex *buf = buffer.data;
+
+  if (contiguous) {
+    for (long first = 0; first < lines.nblocks; first += batch) {
+      long count = lines.nblocks - first < batch ? lines.nblocks - first : batch;
+      for (long b = 0; b < count; b++) {
+        const FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
+        fftw_complex *out = buf + b * n;
+        for (long j = 0; j < n - before; j++) {
+          out[j][0] = line[j + before].real;
+          out[j][1] = line[j + before].imag;
+        }
+        for (long j = n - before; j < n; j++) {
+          out[j][0] = line[j - (n - before)].real;
+          out[j][1] = line[j - (n - before)].imag;
+        }
+      }
+      if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
+      fftw_execute(plan.plan);
+      for (long b = 0; b < count; b++) {
+        FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
+        const fftw_complex *in = buf + b * n;
+        for (long m = 0; m < n - after; m++) {
+          line[m].real = static_cast<float>(in[m + after][0] * factor);
+          line[m].imag = static_cast<float>(in[m + after][1] * factor);
+        }
+        for (long m = n - after; m < n; m++) {
+          line[m].real = static_cast<float>(in[m - (n - after)][0] * factor);
+          line[m].imag = static_cast<float>(in[m - (n - after)][1] * factor);
+        }
+      }
+    }
+    return 0;
+  }
+
+  for (long block = 0; block < lines.nblocks; block++) {
+    FCOMPLEX *base = lines.data + block * lines.block_stride;
+    for (long first = 0; first < lines.ncolumns; first += batch) {
+      long count = lines.ncolumns - first < batch ? lines.ncolumns - first : batch;
+      if (count < batch) memset(buf, 0, sizeof(fftw_complex) * batch * n);
+      for (long j = 0; j < n; j++) {
+        long row = j + before < n ? j + before : j + before - n;
+        const FCOMPLEX *src = base + row * lines.stride + first;
+        fftw_complex *out = buf + j * batch;
+        for (long b = 0; b < count; b++) {
+          out[b][0] = src[b].real;
+          out[b][1] = src[b].imag;
+        }
+      }
+      fftw_execute(plan.plan);
+      for (long m = 0; m < n; m++) {
+        long row = m + after < n ? m + after : m + after - n;
+        FCOMPLEX *dst = base + m * lines.stride + first;
+        const fftw_complex *in = buf + row * batch;
+        for (long b = 0; b < count; b++) {
+          dst[b].real = static_cast<float>(in[b][0] * factor);
+          dst[b].imag = static_cast<float>(in[b][1] * factor);
+        }
+      }
+    }
+  }
+  return 0;
+}
+
+// The lines along `axis` (1 x, 2 y, 3 z) of `nt` volumes starting at `data`.
+LineSet spatial_lines(FCOMPLEX *data, IPOINT3D dim, long nt, int axis) {
+  const long nx = dim.x, ny = dim.y, nz = dim.z, n2d = nx * ny, n3d = n2d * nz;
+  switch (axis) {
+    case 1:
+      return {data, ny * nz * nt, nx, 1, 1, dim.x};
+    case 2:
+      return {data, nz * nt, n2d, nx, nx, dim.y};
+    default:
+      return {data, nt, n3d, n2d, n2d, dim.z};
+  }
+}
+
+int transform_along(FCOMPLEX *data, IPOINT3D dim, long nt, int axis, int direction) {
+  LineSet lines = spatial_lines(data, dim, nt, axis);
+  double factor = direction == -1 ? 1.0 / lines.n : 1.0;
+  return transform_lines(lines, direction == -1 ? FFTW_FORWARD : FFTW_BACKWARD, factor);
+}
+
+// Number of volume-list entries.
+int count_entries() {
+  int count = 0;
+  for (const volume_list *v = volume_list_root; v; v = v->next) count++;
+  return count;
+}
+
+bool is_power_of_two(int n) { return n > 0 && (n & (n - 1)) == 0; }
+
+// Multiplies every sample of one volume by exp(i * slope * (u_x + u_y)) with
+// u = (index - (n-1)/2) / n along each transformed axis: the linear phase
+// roll around the volume transforms.
+void roll_phase(volume_list *vol, int dimension, double slope) {
+  const int nx = vol->dim.x, ny = vol->dim.y, nz = vol->dim.z;
+  std::vector<double> px(nx, 0.0), py(ny, 0.0);
+  if (dimension == 0 || dimension == 2)
+    for (int i = 0; i < nx; i++) px[i] = slope * ((i - (nx - 1) / 2.0) / nx);
+  if (dimension == 1 || dimension == 2)
+    for (int j = 0; j < ny; j++) py[j] = slope * ((j - (ny - 1) / 2.0) / ny);
+  FCOMPLEX *s = vol->SpaceTime.fcData;
+  for (int k = 0; k < nz; k++)
+    for (int j = 0; j < ny; j++)
+      for (int i = 0; i < nx; i++, s++) {
+        double angle = px[i] + py[j];
+        double c = cos(angle), d = sin(angle);
+        double re = s->real, im = s->imag;
+        s->real = static_cast<float>(re * c - im * d);
+        s->imag = static_cast<float>(re * d + im * c);
+      }
+}
+
+}  // namespace
+
+void swap_x(FCOMPLEX *line, int n, int shift) {
+  if (n < 2) return;
+  if (n % 2 == 0) {
+    for (int i = 0; i < n / 2; i++) {
+      FCOMPLEX t = line[i];
+      line[i] = line[i + n / 2];
+      line[i + n / 2] = t;
+    }
+    return;
+  }
+  // Odd n: before a transform (shift 0) sample n/2 goes to index 0, after it
+  // (shift 1) sample 0 goes to index n/2, so zero frequency sits at n/2 in
+  // both domains.
+  std::vector<FCOMPLEX> copy(line, line + n);
+  int offset = shift == 0 ? (n + 1) / 2 : n / 2;
+  for (int i = 0; i < n; i++) line[(i + offset) % n] = copy[i];
+}
+
+int ft_1d(int axis, int direction) {
+  const data_stack *previous = nullptr;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    data_stack *s = v->stack;
+    if (s == previous) continue;
+    previous = s;
+    transform_along(s->SpaceTime.fcData, s->dim, s->nt, axis, direction);
+  }
+  return 0;
+}
+
+int ft_time() {
+  IPOINT3D dim{0, 0, 0};
+  int count = 0;
+  if (inconsistent_3d_dimensions(&dim, &count)) return 1;
+  const data_stack *previous = nullptr;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    data_stack *s = v->stack;
+    if (s == previous) continue;
+    previous = s;
+    LineSet lines{s->SpaceTime.fcData, 1, 0, s->n3d, s->n3d, s->nt};
+    transform_lines(lines, FFTW_FORWARD, 1.0);
+  }
+  return 0;
+}
+
+int fft_volume(volume_list *vol, int dimension, int direction) {
+  if (direction == 1) roll_phase(vol, dimension, M_PI);
+  if (dimension == 0 || dimension == 2) transform_along(vol->SpaceTime.fcData, vol->dim, 1, 1, direction);
+  if (dimension == 1 || dimension == 2) transform_along(vol->SpaceTime.fcData, vol->dim, 1, 2, direction);
+  if (direction == -1) roll_phase(vol, dimension, -M_PI);
+  return 0;
+}
+
+int fft_volumes(int dimension, int direction) {
+  for (const volume_list *v = volume_list_root; v; v = v->next) {
+    bool x_ok = dimension == 1 || is_power_of_two(v->dim.x);
+    bool y_ok = dimension == 0 || is_power_of_two(v->dim.y);
+    if (!x_ok || !y_ok) {
+      kep_text(2, "Data dimensions must be integral powers of 2 for a FFT.");
+      return 1;
+    }
+  }
+  int count = 0;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    printf("ft in direction %d\n", direction);
+    fft_volume(v, dimension, direction);
+    count++;
+  }
+  if (dimension == 2)
+    printf("%d volumes were transformed in two dimensions.\n", count);
+  else
+    printf("%d volumes were transformed in one dimension.\n", count);
+  return 0;
+}
+
+int smooth_in_kspace(float fwhm, int dimensions) {
+  ft_1d(1, 1);
+  ft_1d(2, 1);
+  if (dimensions == 3) ft_1d(3, 1);
+
+  const float c = 0.1404824543408127f / (fwhm * fwhm);
+  // One factor per index along an axis; the weight of a sample is their product.
+  auto axis_weights = [c](std::vector<float> &w, int n, float resolution) {
+    w.resize(static_cast<size_t>(n));
+    const float fn = static_cast<float>(n);
+    const float denominator = resolution * resolution * fn * fn * c;
+    for (int i = 0; i < n; i++) {
+      float k = static_cast<float>(i - n / 2) + 0.5f;
+      w[static_cast<size_t>(i)] = static_cast<float>(exp(static_cast<double>(k * k / -2.0f / denominator)));
+    }
+  };
+  std::vector<float> wx, wy, wz;
+  const int count = count_entries();
+  int i = 0;
+  for (volume_list *v = volume_list_root; v; v = v->next, i++) {
+    const int nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
+    axis_weights(wx, nx, v->stack->resolution.x);
+    axis_weights(wy, ny, v->stack->resolution.y);
+    if (dimensions == 3)
+      axis_weights(wz, nz, v->stack->resolution.z);
+    else
+      wz.assign(static_cast<size_t>(nz), 1.0f);
+    FCOMPLEX *s = v->SpaceTime.fcData;
+    for (int z = 0; z < nz; z++)
+      for (int y = 0; y < ny; y++) {
+        const float gyz = wy[static_cast<size_t>(y)] * wz[static_cast<size_t>(z)];
+        for (int x = 0; x < nx; x++, s++) {
+          const float w = wx[static_cast<size_t>(x)] * gyz;
+          s->real *= w;
+          s->imag *= w;
+        }
+      }
+    if (count > 10 && i >= 1 && (4 * i) % count == 0) printf("%d percent done\n", 100 * i / count);
+  }
+
+  ft_1d(1, -1);
+  ft_1d(2, -1);
+  if (dimensions == 3) ft_1d(3, -1);
+  return 0;
+}
+
+int hamming_window(int kind) {
+  // The window runs from 0.08 at index 0 through 1 in the middle to 0.08 at
+  // n - 1; a line of one sample divides 0 by 0.
+  auto axis_weights = [](std::vector<double> &w, int n) {
+    w.resize(static_cast<size_t>(n));
+    for (int i = 0; i < n; i++) {
+      float fraction = static_cast<float>(i) / static_cast<float>(n - 1);
+      w[static_cast<size_t>(i)] = 0.54 + (-0.46) * cos(6.283185308 * fraction);
+    }
+  };
+  std::vector<double> wx, wy, wz;
+  const data_stack *previous = nullptr;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    data_stack *st = v->stack;
+    if (st == previous) continue;
+    previous = st;
+    const int nx = st->dim.x, ny = st->dim.y, nz = st->dim.z;
+    axis_weights(wx, nx);
+    axis_weights(wy, ny);
+    if (kind != 0)
+      axis_weights(wz, nz);
+    else
+      wz.assign(static_cast<size_t>(nz), 1.0);
+    FCOMPLEX *s = st->SpaceTime.fcData;
+    for (int t = 0; t < st->nt; t++)
+      for (int z = 0; z < nz; z++)
+        for (int y = 0; y < ny; y++)
+          for (int x = 0; x < nx; x++, s++) {
+            const double w =
+                wx[static_cast<size_t>(x)] * wy[static_cast<size_t>(y)] * wz[static_cast<size_t>(z)];
+            s->real = static_cast<float>(s->real * w);
+            s->imag = static_cast<float>(s->imag * w);
+          }
+  }
+  return 0;
+}
+
+int exponential_filter_1d(float value) {
+  std::vector<double> w;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    const int nx = v->dim.x;
+    w.resize(static_cast<size_t>(nx));
+    for (int x = 0; x < nx; x++) {
+      const double dx = x;
+      w[static_cast<size_t>(x)] = exp(dx / value) * exp(-dx * dx / (static_cast<double>(value) * value));
+    }
+    FCOMPLEX *s = v->SpaceTime.fcData;
+    const long rows = static_cast<long>(v->dim.y) * v->dim.z;
+    for (long r = 0; r < rows; r++)
+      for (int x = 0; x < nx; x++, s++) {
+        s->real = static_cast<float>(s->real * w[static_cast<size_t>(x)]);
+        s->imag = static_cast<float>(s->imag * w[static_cast<size_t>(x)]);
+      }
+  }
+  return 0;
+}
+
+int edge_filter() {
+  static const int kernel[3][3] = {{1, 2, 1}, {0, 0, 0}, {-1, -2, -1}};
+  std::vector<float> amplitude;
+  std::vector<FCOMPLEX> result;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    const int nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
+    const long n2d = static_cast<long>(nx) * ny, n3d = n2d * nz;
+    // The wrap maps -1 and n-1 to 0 but leaves n, so the neighbour right of
+    // the last column is the first sample of the next row. Reads that leave
+    // the volume count as amplitude 0.
+    amplitude.resize(static_cast<size_t>(n3d));
+    for (long n = 0; n < n3d; n++) amplitude[static_cast<size_t>(n)] = volume_amp(v, n);
+    result.assign(static_cast<size_t>(n3d), FCOMPLEX{0.0f, 0.0f});
+    for (int z = 0; z < nz; z++)
+      for (int x = 0; x < nx; x++)
+        for (int y = 0; y < ny; y++) {
+          float gx = 0.0f, gy = 0.0f, sum = 0.0f;
+          for (int a = 0; a < 3; a++) {
+            int xx = x + a - 1;
+            if (xx < 0) xx = nx - 1;
+            if (xx == nx - 1) xx = 0;
+            for (int b = 0; b < 3; b++) {
+              int yy = y + b - 1;
+              if (yy < 0) yy = ny - 1;
+              if (yy == ny - 1) yy = 0;
+              const long index = z * n2d + static_cast<long>(yy) * nx + xx;
+              const float amp = index < n3d ? amplitude[static_cast<size_t>(index)] : 0.0f;
+              gx += static_cast<float>(kernel[a][b]) * amp;
+              gy += static_cast<float>(kernel[b][a]) * amp;
+              sum += amp;
+            }
+          }
+          if (sum != 0.0f)
+            result[static_cast<size_t>(z * n2d + static_cast<long>(y) * nx + x)].real =
+                static_cast<float>(sqrt(static_cast<double>(gx) * gx + static_cast<double>(gy) * gy) / sum);
+        }
+    memcpy(v->SpaceTime.fcData, result.data(), sizeof(FCOMPLEX) * static_cast<size_t>(n3d));
+  }
+  return 0;
+}

@@ -1,0 +1,62 @@
+// Feeds random command lines to the interpreter with a few stacks installed.
+#include <csetjmp>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "kep-prototypes.h"
+
+namespace {
+
+// Commands that touch files, read the terminal or end the process are left
+// out: the harness exercises decoding and the in-memory operations.
+bool allowed(const char *line) {
+  char word[KEP_LINE];
+  if (next_word(line, word) == nullptr) return true;
+  static const char *const skipped[] = {"help", "mode", "read", "read-loop", "end-loop", "write", "write-short",
+                                        "write-float", "write-slices", "write-overlay", "read-GLM",
+                                        "histogram", "weighted-histogram", "scatter-plot"};
+  for (const char *s : skipped)
+    if (strcmp(word, s) == 0) return false;
+  if (strcmp(word, "set") == 0 && strstr(line, "registration-distortions") != nullptr) return false;
+  return strstr(line, ".com") == nullptr;
+}
+
+void reset() {
+  while (stack_root) free_stack(stack_root.get());
+  initialize_volume_list();
+  initialize_global_variables();
+  read_loop_running = 0;
+  fatal_error = 0;
+  flags = 0;
+  const int sizes[][4] = {{4, 4, 2, 3}, {4, 4, 2, 1}, {1, 1, 1, 1}, {3, 5, 1, 2}};
+  const char *names[] = {"a", "b", "one", "odd"};
+  for (int s = 0; s < 4; s++) {
+    data_stack *d = install_stack(names[s], nullptr, sizes[s][0], sizes[s][1], sizes[s][2], sizes[s][3]);
+    for (int n = 0; n < d->n4d; n++) d->SpaceTime.fcData[n] = {static_cast<float>(n % 7) - 2.0f, 0.5f * n};
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static bool quiet = [] { return freopen("/dev/null", "w", stdout) != nullptr; }();
+  (void)quiet;
+  reset();
+  std::string input(reinterpret_cast<const char *>(data), size);
+  jmp_buf trap;
+  kep_exit_trap = &trap;
+  size_t start = 0;
+  while (start < input.size()) {
+    size_t end = input.find('\n', start);
+    std::string line = input.substr(start, end == std::string::npos ? std::string::npos : end - start + 1);
+    start = end == std::string::npos ? input.size() : end + 1;
+    if (line.size() >= KEP_LINE) line.resize(KEP_LINE - 1);
+    if (!allowed(line.c_str())) continue;
+    if (setjmp(trap) != 0) break;  // a fatal message or an exit: the input is done
+    do_command(0, line.c_str());
+  }
+  kep_exit_trap = nullptr;
+  return 0;
+}

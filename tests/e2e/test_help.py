@@ -1,0 +1,82 @@
+"""The help menu reader on small menu files."""
+import subprocess
+
+from conftest import KEP
+
+MENU = """!0 0
+Main menu
+ 1 files
+ 2 maths
+!1 0
+Files menu
+ 1 read
+!1 1
+read <file> : reads a file
+!2 0
+Maths menu
+ 1 add
+ 2 abs
+!2 1
+add text
+!2 2
+abs text
+"""
+
+
+def run(tmp_path, menu, answers, home=True):
+    doc = tmp_path / "documentation"
+    doc.mkdir(exist_ok=True)
+    (doc / "kep-menu.txt").write_text(menu)
+    env = {"PATH": "/usr/bin:/bin"}
+    if home:
+        env["KEP_HOME"] = str(tmp_path)
+    p = subprocess.run([str(KEP)], input=("help\n" + answers).encode(), cwd=tmp_path,
+                       capture_output=True, env=env)
+    return p.stdout.decode(), p.stderr.decode()
+
+
+FOOTER = ("----------------------------------------------\n"
+          "--- choose item: 0 = main menu, return = back \n"
+          "----------------------------------------------\n")
+
+
+def test_navigation_through_menus_and_items(tmp_path):
+    out, err = run(tmp_path, MENU, "2\n2\nb\n7\nx\n0\nq\nquit\n")
+    path = tmp_path / "documentation" / "kep-menu.txt"
+    expected = (f"kep > Help from file {path}\n"
+                "Main menu\n 1 files\n 2 maths\n" + FOOTER + "help > "
+                "Maths menu\n 1 add\n 2 abs\n" + FOOTER + "help >> "
+                "abs text\n" + FOOTER + "help >> "
+                "Maths menu\n 1 add\n 2 abs\n" + FOOTER + "help >> "
+                "Bad option. Choose '0', 'b', 'q', or a number from 1 to 2\n"
+                "Maths menu\n 1 add\n 2 abs\n" + FOOTER + "help >> "
+                "Bad option. Choose '0', 'b', 'q', or a number from 1 to 2\n"
+                "Maths menu\n 1 add\n 2 abs\n" + FOOTER + "help >> "
+                "Main menu\n 1 files\n 2 maths\n" + FOOTER + "help > "
+                "kep > ")
+    assert out == expected
+    assert err == ""
+
+
+def test_empty_answer_at_top_leaves_help(tmp_path):
+    out, _ = run(tmp_path, MENU, "\nshow io-increment\n")
+    assert out.endswith("help > kep > \tio-increment    0\nkep > ")
+
+
+def test_out_of_order_sections_are_reported(tmp_path):
+    out, _ = run(tmp_path, "!0 0\nmain\n!0 1\none\n!0 3\nthree\n", "quit\n")
+    path = tmp_path / "documentation" / "kep-menu.txt"
+    assert (f"Warning: menu entry 2 in file {path} is 0 3,\n"
+            "but it should be either 0 2 or 1 1,\n") in out
+    assert "help >" not in out
+
+
+def test_missing_home_and_missing_file(tmp_path):
+    out, _ = run(tmp_path, MENU, "quit\n", home=False)
+    assert "For help, quit and define the environment variable KEP_HOME, and then re-start.\n" in out
+    env = {"PATH": "/usr/bin:/bin", "KEP_HOME": str(tmp_path / "nowhere")}
+    p = subprocess.run([str(KEP)], input=b"help\nquit\n", cwd=tmp_path, capture_output=True, env=env)
+    out = p.stdout.decode()
+    assert f"Error: cannot open the file {tmp_path}/nowhere/documentation/kep-menu.txt.\n" in out
+    assert f"The environment variable KEP_HOME is set to {tmp_path}/nowhere\n" in out
+    assert "If this is incorrect, quit, define this environment variable, and re-start.\n" in out
