@@ -41,18 +41,28 @@ int GLMInternal_create_stimulus_paradigm(int e, int n, float *buffer) {
       const double on = on_s[s], off = off_s[s], m = mag_s[s];
       if (!(on <= t && t <= off)) continue;
       if (shape != GLM_GAMMA && buffer[i] != 0.0f) {
-        printf("Error: overlapping stimuli for event %c and stimulus %d\n", GLM_EventChar(GLM.event_number[e]),
-               s + 1);
+        printf("Error: overlapping stimuli for event %c and stimulus %d\n",
+               GLM_EventChar(GLM.event_number[e]), s + 1);
         return 1;
       }
       double value;
       switch (shape) {
         case GLM_SQUARE:
-        case GLM_DRUG_IRF: value = m; break;
-        case GLM_RAMP_UP: value = m * (t - on) / (off - on); break;
-        case GLM_RAMP_DOWN: value = m * (1.0 - (t - on) / (off - on)); break;
-        case GLM_SINE: value = m * sin(6.283185308 / tau * (t - on)); break;
-        case GLM_COSINE: value = m * cos(6.283185308 / tau * (t - on)); break;
+        case GLM_DRUG_IRF:
+          value = m;
+          break;
+        case GLM_RAMP_UP:
+          value = m * (t - on) / (off - on);
+          break;
+        case GLM_RAMP_DOWN:
+          value = m * (1.0 - (t - on) / (off - on));
+          break;
+        case GLM_SINE:
+          value = m * sin(6.283185308 / tau * (t - on));
+          break;
+        case GLM_COSINE:
+          value = m * cos(6.283185308 / tau * (t - on));
+          break;
         default: {
           const double x = (t - on) / tau;
           value = m * x * exp(-x) / exp(-1.0);
@@ -78,8 +88,8 @@ int GLMInternal_create_table(int e, int n, float *buffer) {
       const int rows = GLM.table_ntime[r];
       if (rows != GLM.run_stop[r] - GLM.run_start[r] + 1) {
         printf("Programming error #1 in GLMInternal_create_table.\n");
-        printf("# points in table (%d) != # points (%d) in run %d\n", rows, GLM.run_stop[r] - GLM.run_start[r] + 1,
-               r + 1);
+        printf("# points in table (%d) != # points (%d) in run %d\n", rows,
+               GLM.run_stop[r] - GLM.run_start[r] + 1, r + 1);
         GLMInternal_terminate();
       }
       const int column = GLM.table_icolumn[e][s];
@@ -193,7 +203,8 @@ int GLM_define_basis_functions() {
   }
   const int requested_ar = GLM_input.AR_order;
   int64_t square;
-  if (requested_ar > 0 && (!checked_product(ntime, ntime, int64_t(1) << 30, &square) || requested_ar >= ntime)) {
+  if (requested_ar > 0 &&
+      (!checked_product(ntime, ntime, int64_t(1) << 30, &square) || requested_ar >= ntime)) {
     printf("Error: an AR model of order %d cannot be used with %d images.\n", requested_ar, ntime);
     return 1;
   }
@@ -269,9 +280,12 @@ int GLM_define_basis_functions() {
       for (int t = GLM.run_start[r]; t <= GLM.run_stop[r]; t++) {
         const float u = static_cast<float>(t - GLM.run_start[r]);
         float v = 1.0f;
-        if (k == 1) v = u / d;
-        else if (k == 2) v = u * u / (d * d);
-        else if (k == 3) v = u * u * u / (d * d * d);
+        if (k == 1)
+          v = u / d;
+        else if (k == 2)
+          v = u * u / (d * d);
+        else if (k == 3)
+          v = u * u * u / (d * d * d);
         GLM.X_tc[t][c] = v - centre[k];
       }
     }
@@ -310,6 +324,7 @@ void GLM_describe_basis_functions() {
     printf("%3d event_%c\n", e, c);
   }
   for (int k = 0; k < GLM_input.nbaseline_terms && GLM.nruns > 0; k++)
-    for (int r = 0; r < GLM.nruns; r++) printf("%3d %s%d\n", GLM.nevents + k * GLM.nruns + r, terms[k], r + 1);
+    for (int r = 0; r < GLM.nruns; r++)
+      printf("%3d %s%d\n", GLM.nevents + k * GLM.nruns + r, terms[k], r + 1);
   printf("\n");
 }

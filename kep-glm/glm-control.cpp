@@ -47,7 +47,8 @@ void GLMInternal_reset_for_read() {
   // Matrices, kernels, tables and stimuli all go; the record is rebuilt as at start.
   GLM = glm_struct{};
   for (int e = 0; e < GLM_MAX_EVENTS; e++) GLM.event_scale[e] = 1.0f;
-  for (int c = 0; c < GLM_MAX_TABLE_COLUMNS; c++) snprintf(GLM.table_column_name[c], GLM_NAME_LENGTH, "undefined");
+  for (int c = 0; c < GLM_MAX_TABLE_COLUMNS; c++)
+    snprintf(GLM.table_column_name[c], GLM_NAME_LENGTH, "undefined");
 }
 
 void GLMInternal_describe_glm_format() {
@@ -82,8 +83,10 @@ const char *first_word_and_rest(const char *text, char *word) {
 
 void copy_word(char *to, const char *text) {
   char word[GLM_NAME_LENGTH];
-  if (sscanf(text, "%1023s", word) == 1) snprintf(to, GLM_NAME_LENGTH, "%s", word);
-  else to[0] = '\0';
+  if (sscanf(text, "%1023s", word) == 1)
+    snprintf(to, GLM_NAME_LENGTH, "%s", word);
+  else
+    to[0] = '\0';
 }
 
 }  // namespace
@@ -160,7 +163,8 @@ int GLMInternal_decode_keyword(const char *line) {
     snprintf(GLM_input.condition_string, GLM_NAME_LENGTH, "%s", args);
     // The line's own end is not part of the conditions.
     size_t len = strlen(GLM_input.condition_string);
-    while (len > 0 && (GLM_input.condition_string[len - 1] == '\n' || GLM_input.condition_string[len - 1] == '\r'))
+    while (len > 0 &&
+           (GLM_input.condition_string[len - 1] == '\n' || GLM_input.condition_string[len - 1] == '\r'))
       GLM_input.condition_string[--len] = '\0';
     return 0;
   }
@@ -235,7 +239,8 @@ int GLM_read_control_file(const char *file_name, int verbose) {
   if (HRF.nhrf) {
     for (int e = 0; e < GLM.nevents; e++) {
       int shape = GLM.event_shape[e];
-      if (shape != GLM_SQUARE && shape != GLM_RAMP_UP && shape != GLM_RAMP_DOWN && shape != GLM_DRUG_IRF) continue;
+      if (shape != GLM_SQUARE && shape != GLM_RAMP_UP && shape != GLM_RAMP_DOWN && shape != GLM_DRUG_IRF)
+        continue;
       for (int j = 0; j < GLM.nstims[e]; j++)
         for (int k = 0; k < GLM.nstims[e]; k++)
           if (GLM.stim_on[e][j] == GLM.stim_off[e][k]) GLM.stim_off[e][k] -= HRF.time_step;
@@ -294,29 +299,48 @@ void write_run_events(FILE *f, int r) {
       double on = GLM.stim_on[e][s] - start, off = GLM.stim_off[e][s] - start;
       // Table and interaction markers span their run [start, end); other windows include both ends.
       bool spans_run = shape == GLM_TABLE || shape == GLM_INTERACTION;
-      bool inside = point ? (on >= 0 && on < duration) : spans_run ? (on < duration && off > 0) : (on < duration && off >= 0);
+      bool inside = point       ? (on >= 0 && on < duration)
+                    : spans_run ? (on < duration && off > 0)
+                                : (on < duration && off >= 0);
       if (inside) first = s;
     }
     if (first < 0) continue;
     char c = GLM_EventChar(GLM.event_number[e]);
     fprintf(f, "\n");
     switch (shape) {
-      case GLM_SQUARE: fprintf(f, "%c square\n", c); break;
-      case GLM_RAMP_UP: fprintf(f, "%c ramp-up\n", c); break;
-      case GLM_RAMP_DOWN: fprintf(f, "%c ramp-down\n", c); break;
-      case GLM_GAMMA: fprintf(f, "%c gamma %f\n", c, GLM.event_tau1[e]); break;
-      case GLM_SINE: fprintf(f, "%c sine %f\n", c, GLM.event_tau1[e]); break;
-      case GLM_COSINE: fprintf(f, "%c cosine %f\n", c, GLM.event_tau1[e]); break;
-      case GLM_DRUG_IRF:
-        if (GLM.event_tau2[e] == 0.0f) fprintf(f, "%c drug-IRF %f\n", c, GLM.event_tau1[e]);
-        else fprintf(f, "%c drug-IRF %f %f\n", c, GLM.event_tau1[e], GLM.event_tau2[e]);
+      case GLM_SQUARE:
+        fprintf(f, "%c square\n", c);
         break;
-      case GLM_TABLE: fprintf(f, "%c table %d\n", c, GLM.table_icolumn[e][first]); break;
+      case GLM_RAMP_UP:
+        fprintf(f, "%c ramp-up\n", c);
+        break;
+      case GLM_RAMP_DOWN:
+        fprintf(f, "%c ramp-down\n", c);
+        break;
+      case GLM_GAMMA:
+        fprintf(f, "%c gamma %f\n", c, GLM.event_tau1[e]);
+        break;
+      case GLM_SINE:
+        fprintf(f, "%c sine %f\n", c, GLM.event_tau1[e]);
+        break;
+      case GLM_COSINE:
+        fprintf(f, "%c cosine %f\n", c, GLM.event_tau1[e]);
+        break;
+      case GLM_DRUG_IRF:
+        if (GLM.event_tau2[e] == 0.0f)
+          fprintf(f, "%c drug-IRF %f\n", c, GLM.event_tau1[e]);
+        else
+          fprintf(f, "%c drug-IRF %f %f\n", c, GLM.event_tau1[e], GLM.event_tau2[e]);
+        break;
+      case GLM_TABLE:
+        fprintf(f, "%c table %d\n", c, GLM.table_icolumn[e][first]);
+        break;
       case GLM_INTERACTION:
         fprintf(f, "%c interaction %d %d\n", c, static_cast<int>(GLM.event_tau1[e]),
                 static_cast<int>(GLM.event_tau2[e]));
         break;
-      default: break;
+      default:
+        break;
     }
     if (shape == GLM_TABLE || shape == GLM_INTERACTION) continue;
     for (int s = 0; s < GLM.nstims[e]; s++) {
@@ -330,8 +354,10 @@ void write_run_events(FILE *f, int r) {
       on = on < 0 ? 0 : on;
       off = off > duration ? duration : off;
       // A magnitude other than 1 is kept so the file reads back into the same model.
-      if (shape == GLM_DRUG_IRF || mag != 1.0f) fprintf(f, "%g %g %g\n", on, off, mag);
-      else fprintf(f, "%g %g\n", on, off);
+      if (shape == GLM_DRUG_IRF || mag != 1.0f)
+        fprintf(f, "%g %g %g\n", on, off, mag);
+      else
+        fprintf(f, "%g %g\n", on, off);
     }
   }
   bool header = false;
@@ -364,7 +390,8 @@ int GLM_write_glm_files(const char *control, const char *event_root) {
     fprintf(f.get(), "normalize-BOLD    # adjust each run for av. signal before fit\n");
   else if (GLM_input.normalize_runs == 2)
     fprintf(f.get(), "normalize-IRON    # adjust each run for av. signal before fit\n");
-  if (GLM_input.nifti_output) fprintf(f.get(), "output-format nifti # use .nii output format for P-x, T-x, S-x files\n");
+  if (GLM_input.nifti_output)
+    fprintf(f.get(), "output-format nifti # use .nii output format for P-x, T-x, S-x files\n");
   if (GLM_input.HRF_file_name[0]) fprintf(f.get(), "IRF %s       # FIR analysis\n", GLM_input.HRF_file_name);
   fprintf(f.get(), "conditions ");
   if (GLM.nconditions > 0) {
@@ -377,8 +404,10 @@ int GLM_write_glm_files(const char *control, const char *event_root) {
   fprintf(f.get(), "runs:\n");
   char names[GLM_MAX_RUNS][GLM_NAME_LENGTH + 16];
   for (int r = 0; r < GLM.nruns; r++) {
-    if (GLM.nruns == 1) snprintf(names[r], sizeof names[r], "%s.glm", event_root);
-    else snprintf(names[r], sizeof names[r], "%s%d.glm", event_root, r + 1);
+    if (GLM.nruns == 1)
+      snprintf(names[r], sizeof names[r], "%s.glm", event_root);
+    else
+      snprintf(names[r], sizeof names[r], "%s%d.glm", event_root, r + 1);
     fprintf(f.get(), "%s %s\n", GLM_input.run_name[r], names[r]);
   }
   f.reset();

@@ -14,10 +14,14 @@ int GLM_EventNumberFromChar(char c) {
 }
 
 int GLM_EventCharFromInteger(int n, char *c) {
-  if (n >= 1 && n <= 9) *c = static_cast<char>('0' + n);
-  else if (n >= 10 && n <= 35) *c = static_cast<char>('a' + n - 10);
-  else if (n >= 36 && n <= 61) *c = static_cast<char>('A' + n - 36);
-  else return 1;
+  if (n >= 1 && n <= 9)
+    *c = static_cast<char>('0' + n);
+  else if (n >= 10 && n <= 35)
+    *c = static_cast<char>('a' + n - 10);
+  else if (n >= 36 && n <= 61)
+    *c = static_cast<char>('A' + n - 36);
+  else
+    return 1;
   return 0;
 }
 
@@ -89,7 +93,8 @@ void GLMInternal_describe_event_format(int shape) {
       printf("\nExample of definition for interaction events (product of 2 events):\n");
       printf("I interaction 1 2  # [event identifier] interaction [event1] [event2]\n");
       break;
-    default: break;
+    default:
+      break;
   }
 }
 
@@ -101,19 +106,18 @@ struct shape_word {
   const char *word;
   int shape;
 };
-constexpr shape_word shape_words[] = {{"square", GLM_SQUARE},       {"gamma", GLM_GAMMA},
-                                      {"table", GLM_TABLE},         {"drug-IRF", GLM_DRUG_IRF},
-                                      {"sine", GLM_SINE},           {"cosine", GLM_COSINE},
-                                      {"ramp-up", GLM_RAMP_UP},     {"ramp-down", GLM_RAMP_DOWN},
-                                      {"interaction", GLM_INTERACTION}};
+constexpr shape_word shape_words[] = {
+    {"square", GLM_SQUARE},     {"gamma", GLM_GAMMA},         {"table", GLM_TABLE},
+    {"drug-IRF", GLM_DRUG_IRF}, {"sine", GLM_SINE},           {"cosine", GLM_COSINE},
+    {"ramp-up", GLM_RAMP_UP},   {"ramp-down", GLM_RAMP_DOWN}, {"interaction", GLM_INTERACTION}};
 
 // State of the event file being read.
 struct reader {
   const char *file;
   int run;
   int line = 0;
-  int event = 0;       // event number of the current block, EXCLUSION, or 0 before a header
-  int index = -1;      // its event index
+  int event = 0;   // event number of the current block, EXCLUSION, or 0 before a header
+  int index = -1;  // its event index
   int nheaders = 0;
 };
 
@@ -134,7 +138,8 @@ int read_header(reader &r, const char *text) {
   r.nheaders++;
   int n = sscanf(text, "%1023s %1023s %f %f", id, word, &a, &b);
   if (n < 1) {
-    printf("Error reading line %d of the GLM file %s (event & shape for stimulus %d).\n", r.line, r.file, r.nheaders);
+    printf("Error reading line %d of the GLM file %s (event & shape for stimulus %d).\n", r.line, r.file,
+           r.nheaders);
     return 1;
   }
   if (id[0] == '-' || id[0] == ',') {
@@ -163,14 +168,16 @@ int read_header(reader &r, const char *text) {
   bool failed = false;
   switch (shape) {
     case GLM_GAMMA:
-      if (n < 3) failed = line_error(r, shape) && printf("For gamma shapes, specify the gamma time constant.\n");
+      if (n < 3)
+        failed = line_error(r, shape) && printf("For gamma shapes, specify the gamma time constant.\n");
       else if (!(a > 0.0f))
         failed = stim_error(index, number) && printf("Gamma time constant (%f) must be > 0\n", a);
       tau1 = a;
       break;
     case GLM_SINE:
     case GLM_COSINE:
-      if (n < 3) failed = line_error(r, shape) && printf("For sine or cosine shapes, specify the period.\n");
+      if (n < 3)
+        failed = line_error(r, shape) && printf("For sine or cosine shapes, specify the period.\n");
       else if (!(a > 0.0f))
         failed = stim_error(index, number) &&
                  printf("Sine and cosine events must have a period (%g) must be > 0\n", a);
@@ -182,15 +189,20 @@ int read_header(reader &r, const char *text) {
       } else {
         tau1 = a;
         tau2 = n == 4 ? b : 0.0f;
-        if (!(tau1 >= 0.0f)) failed = stim_error(index, number) && printf("Time constant for shape drug-IRF (%f) must be >= 0.\n", tau1);
-        else if (!(tau2 >= 0.0f)) failed = stim_error(index, number) && printf("Time constant for shape drug-IRF (%f) must be >= 0.\n", tau2);
+        if (!(tau1 >= 0.0f))
+          failed = stim_error(index, number) &&
+                   printf("Time constant for shape drug-IRF (%f) must be >= 0.\n", tau1);
+        else if (!(tau2 >= 0.0f))
+          failed = stim_error(index, number) &&
+                   printf("Time constant for shape drug-IRF (%f) must be >= 0.\n", tau2);
       }
       break;
     case GLM_TABLE:
       if (n < 3) {
         failed = line_error(r, shape) && printf("For table events, give the column entry.\n");
       } else if (!(a >= 0.0f && a <= GLM.table_ncolumns[r.run])) {
-        printf("Error: The TABLE event %c refers to column %d for run %d,\n", id[0], static_cast<int>(a), r.run + 1);
+        printf("Error: The TABLE event %c refers to column %d for run %d,\n", id[0], static_cast<int>(a),
+               r.run + 1);
         printf("...but allowed values are 0 to %d.\n", GLM.table_ncolumns[r.run]);
         failed = true;
       }
@@ -213,7 +225,8 @@ int read_header(reader &r, const char *text) {
         tau2 = static_cast<float>(eb);
       }
       break;
-    default: break;
+    default:
+      break;
   }
   if (failed) {
     GLMInternal_describe_event_format(shape);
@@ -227,13 +240,15 @@ int read_header(reader &r, const char *text) {
       return 1;
     }
     bool timed = shape == GLM_GAMMA || shape == GLM_DRUG_IRF || shape == GLM_SINE || shape == GLM_COSINE;
-    if (timed && (GLM.event_tau1[index] != tau1 || (shape == GLM_DRUG_IRF && GLM.event_tau2[index] != tau2))) {
+    if (timed &&
+        (GLM.event_tau1[index] != tau1 || (shape == GLM_DRUG_IRF && GLM.event_tau2[index] != tau2))) {
       printf("Error: event %c does not have a consistent time constant.\n", id[0]);
       return 1;
     }
   } else {
     if (GLM.nevents >= GLM_MAX_EVENTS) {
-      printf("Error: # of stimulus events (%d) > max dimension in program (%d).\n", GLM.nevents + 1, GLM_MAX_EVENTS);
+      printf("Error: # of stimulus events (%d) > max dimension in program (%d).\n", GLM.nevents + 1,
+             GLM_MAX_EVENTS);
       return 1;
     }
     index = GLM.nevents++;
@@ -284,12 +299,13 @@ int read_stimulus(reader &r, const char *text) {
       return 1;
     }
     if (GLM.nexclude >= GLM_MAX_EXCLUDE) {
-      printf("Error: the number of segments to exclude (%d) > max dimension in program (%d).\n", GLM.nexclude + 1,
-             GLM_MAX_EXCLUDE);
+      printf("Error: the number of segments to exclude (%d) > max dimension in program (%d).\n",
+             GLM.nexclude + 1, GLM_MAX_EXCLUDE);
       return 0;
     }
     // Image numbers, not seconds; kept within the int range before truncation.
-    double a = GLM.run_start[r.run] + static_cast<double>(on), b = GLM.run_start[r.run] + static_cast<double>(off);
+    double a = GLM.run_start[r.run] + static_cast<double>(on),
+           b = GLM.run_start[r.run] + static_cast<double>(off);
     a = a > 2e9 ? 2e9 : a;
     b = b > 2e9 ? 2e9 : b;
     GLM.exclude_start.push_back(static_cast<int>(a));
@@ -338,7 +354,8 @@ int read_stimulus(reader &r, const char *text) {
   const double run_origin = GLM.run_start[r.run] * static_cast<double>(GLM.tr[r.run]);
   if (shape == GLM_GAMMA) {
     // A gamma response is left to decay until the end of its run.
-    off = static_cast<float>((GLM.run_stop[r.run] + 1 - GLM.run_start[r.run]) * static_cast<double>(GLM.tr[r.run]));
+    off = static_cast<float>((GLM.run_stop[r.run] + 1 - GLM.run_start[r.run]) *
+                             static_cast<double>(GLM.tr[r.run]));
   } else if (!(off > on)) {
     printf("Error: OFF time must be > ON time for stim %d of event %c.\n", stim, c);
     return 1;
@@ -378,7 +395,8 @@ int GLM_read_event_file(const char *file_name, int run) {
   }
   r.line = 1;
   float tr, duration;
-  if (sscanf(line, "%f %f", &tr, &duration) != 2 || !(tr > 0.0f) || !std::isfinite(tr) || !(duration >= 0.0f)) {
+  if (sscanf(line, "%f %f", &tr, &duration) != 2 || !(tr > 0.0f) || !std::isfinite(tr) ||
+      !(duration >= 0.0f)) {
     printf("Error reading line %d of the GLM file %s (TR, run duration).\n", r.line, file_name);
     return 1;
   }
@@ -389,8 +407,8 @@ int GLM_read_event_file(const char *file_name, int run) {
   // The whole time axis is held in int image numbers and sized arrays: keep it bounded.
   double images = rint(static_cast<double>(duration) / tr);
   if (!(images >= 1.0) || images + GLM.ntime > MAX_NSET) {
-    printf("Error: run %d of the GLM file %s has %.0f images; the runs may hold 1 to %d images in all.\n", run + 1,
-           file_name, images, MAX_NSET);
+    printf("Error: run %d of the GLM file %s has %.0f images; the runs may hold 1 to %d images in all.\n",
+           run + 1, file_name, images, MAX_NSET);
     return 1;
   }
   GLM.tr[run] = tr;

@@ -10,6 +10,9 @@
 
 namespace {
 
+// F of the last call of GLM_calculate_F, before it was rounded into the statistic.
+double last_F = 0.0;
+
 bool blank_char(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
 // Parses one condition word into contrast rows by event index; 1 after a message.
@@ -86,7 +89,8 @@ int GLM_fit_data(int nt, float *data, float *fit, float *variance) {
     return 1;
   }
   if (nt != GLM.ntime) {
-    printf("Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", nt, GLM.ntime);
+    printf("Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", nt,
+           GLM.ntime);
     GLMInternal_terminate();
   }
   const int nc = GLM.ncoeff;
@@ -131,7 +135,8 @@ int GLM_fit_block(int nt, int nvox, const float *data, float *fit, float *beta, 
     return 1;
   }
   if (nt != GLM.ntime) {
-    printf("Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", nt, GLM.ntime);
+    printf("Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", nt,
+           GLM.ntime);
     GLMInternal_terminate();
   }
   if (GLM.AR_order > 0) {
@@ -189,13 +194,15 @@ void GLM_load_block_coefficients(int nvox, const float *beta, int v) {
 
 int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
                     float *p_corrected, float *effect, float *effect_error) {
+  last_F = 0.0;
   if (variance == 0.0f) {
     *stat = *effect = *effect_error = 0.0f;
     *p = *p_corrected = 1.0f;
     return 0;
   }
   if (GLM.initialized != 2 || condition < 0 || condition >= GLM.nconditions) {
-    printf("Error: condition %d is not defined in the GLM (%d conditions).\n", condition + 1, GLM.nconditions);
+    printf("Error: condition %d is not defined in the GLM (%d conditions).\n", condition + 1,
+           GLM.nconditions);
     return 1;
   }
   if (nt != GLM.ntime) {
@@ -222,12 +229,15 @@ int GLM_calculate_F(int nt, float variance, float nresels, int condition, float 
   }
   double quad = 0.0;
   for (int i = 0; i < nc; i++)
-    for (int j = 0; j < nc; j++) quad += eff[i] * static_cast<double>(GLM.FCovarInv[condition][i][j]) * eff[j];
+    for (int j = 0; j < nc; j++)
+      quad += eff[i] * static_cast<double>(GLM.FCovarInv[condition][i][j]) * eff[j];
   double F = quad / variance / nc;
   if (!(F >= 0.0)) F = 0.0;
+  last_F = F;
   const double dof = GLM.dof;
   *effect = static_cast<float>(eff[chosen]);
-  *effect_error = static_cast<float>(sqrt(fabs(GLM.FCovar[condition][chosen][chosen] * static_cast<double>(variance))));
+  *effect_error =
+      static_cast<float>(sqrt(fabs(GLM.FCovar[condition][chosen][chosen] * static_cast<double>(variance))));
   *stat = static_cast<float>(eff[chosen] < 0.0 ? -sqrt(F) : sqrt(F));
   double pv = 1.0, pc = 1.0;
   if (dof > 0.0) {
@@ -258,7 +268,8 @@ int GLM_remove_baseline(int percent, int nt, float *data, float *fit) {
   if (percent && GLM.nbaseline >= GLM.nruns) {
     for (int r = 0; r < GLM.nruns; r++) {
       const float offset = GLM.Beta_c[first + r];
-      for (int t = GLM.run_start[r]; t <= GLM.run_stop[r]; t++) data[t] = offset == 0.0f ? 0.0f : data[t] * (100.0f / offset);
+      for (int t = GLM.run_start[r]; t <= GLM.run_stop[r]; t++)
+        data[t] = offset == 0.0f ? 0.0f : data[t] * (100.0f / offset);
     }
   }
   return 0;
@@ -294,7 +305,8 @@ int GLM_correct_baseline(int nt, float *data, float *fit, float *mean) {
 
 int GLM_create_selective_residue(const char *selection, int nt, float *data, float *fit) {
   if (nt != GLM.ntime || GLM.initialized != 2) {
-    printf("Error: # time points (%d) does not match GLM (%d) in GLM_create_selective_residue()\n", nt, GLM.ntime);
+    printf("Error: # time points (%d) does not match GLM (%d) in GLM_create_selective_residue()\n", nt,
+           GLM.ntime);
     return 1;
   }
   bool keep[GLM_MAX_EVENTS] = {};
@@ -343,3 +355,5 @@ float GLM_get_maximal_effect_size(int first_condition) {
 }
 
 float GLM_get_DOF() { return GLM.dof; }
+
+double GLM_get_last_F() { return last_F; }

@@ -144,8 +144,8 @@ int GLM_read_table_file(const char *file_name, int run) {
     for (int c = 0; c < ncolumns; c++) memcpy(GLM.table_column_name[c], names[c], GLM_NAME_LENGTH);
   } else {
     if (ncolumns != GLM.table_ncolumns[0])
-      printf("Warning: the tables for runs %d/%d have different numbers of columns (%d/%d)\n", run, 0, ncolumns,
-             GLM.table_ncolumns[0]);
+      printf("Warning: the tables for runs %d/%d have different numbers of columns (%d/%d)\n", run, 0,
+             ncolumns, GLM.table_ncolumns[0]);
     for (int c = 0; c < ncolumns && c < GLM.table_ncolumns[0]; c++)
       if (strcmp(names[c], GLM.table_column_name[c]) != 0)
         printf("Warning: runs 1 & %d have mismatched names (%s & %s) in column %d.\n", run + 1,

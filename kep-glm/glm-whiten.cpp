@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "glm-prototypes.h"
+#include "numerics.h"
 
 namespace {
 
@@ -14,52 +15,14 @@ fmatrix unwhitened;
 std::vector<double> scratch_xtx;
 std::vector<double> scratch_copy;
 
-// Gauss-Jordan inverse with partial pivoting, in place; 1 when singular.
-int invert_double(int n, double *a) {
-  std::vector<int> column_of(static_cast<size_t>(n));
-  for (int i = 0; i < n; i++) column_of[i] = i;
-  std::vector<int> pivot_row(static_cast<size_t>(n));
-  for (int c = 0; c < n; c++) {
-    int p = c;
-    for (int r = c + 1; r < n; r++)
-      if (fabs(a[static_cast<size_t>(r) * n + c]) > fabs(a[static_cast<size_t>(p) * n + c])) p = r;
-    const double pivot = a[static_cast<size_t>(p) * n + c];
-    if (pivot == 0.0 || !std::isfinite(pivot)) return 1;
-    pivot_row[c] = p;
-    if (p != c)
-      for (int k = 0; k < n; k++) std::swap(a[static_cast<size_t>(p) * n + k], a[static_cast<size_t>(c) * n + k]);
-    double *rc = a + static_cast<size_t>(c) * n;
-    const double inv = 1.0 / rc[c];
-    rc[c] = 1.0;
-    for (int k = 0; k < n; k++) rc[k] *= inv;
-    for (int r = 0; r < n; r++) {
-      if (r == c) continue;
-      double *rr = a + static_cast<size_t>(r) * n;
-      const double f = rr[c];
-      if (f == 0.0) continue;
-      rr[c] = 0.0;
-      for (int k = 0; k < n; k++) rr[k] -= f * rc[k];
-    }
-  }
-  // Undo the row interchanges as column interchanges, last first.
-  for (int c = n - 1; c >= 0; c--)
-    if (pivot_row[c] != c)
-      for (int r = 0; r < n; r++)
-        std::swap(a[static_cast<size_t>(r) * n + c], a[static_cast<size_t>(r) * n + pivot_row[c]]);
-  return 0;
-}
+// Scratch for (X'X)^-1 in double precision, kept between refits.
+dmatrix scratch_inverse;
 
 }  // namespace
 
 int GLMInternal_invert(int n, float **a) {
-  std::vector<double> d(static_cast<size_t>(n) * n);
-  for (int i = 0; i < n; i++)
-    for (int j = 0; j < n; j++) d[static_cast<size_t>(i) * n + j] = a[i][j];
-  int failed = invert_double(n, d.data());
-  if (failed) return 1;
-  for (int i = 0; i < n; i++)
-    for (int j = 0; j < n; j++) a[i][j] = static_cast<float>(d[static_cast<size_t>(i) * n + j]);
-  return 0;
+  int failing_row;
+  return rInvertSquareMatrix(n, a, &failing_row);
 }
 
 void GLMInternal_form_condition_matrices() {
@@ -90,6 +53,7 @@ void GLMInternal_form_condition_matrices() {
 
 void GLMInternal_form_fit_matrices() {
   const int nt = GLM.ntime, nc = GLM.ncoeff;
+  // X'X accumulated in double, rows first so the design is read contiguously.
   scratch_xtx.assign(static_cast<size_t>(nc) * nc, 0.0);
   for (int t = 0; t < nt; t++) {
     const float *x = GLM.X_tc[t];
@@ -99,12 +63,17 @@ void GLMInternal_form_fit_matrices() {
       for (int j = 0; j < nc; j++) row[j] += static_cast<double>(x[i]) * x[j];
     }
   }
-  // A singular X'X (an all-zero column, say) is not reported: the fits then give zero coefficients.
-  if (invert_double(nc, scratch_xtx.data())) scratch_xtx.assign(static_cast<size_t>(nc) * nc, 0.0);
+  if (scratch_inverse.rows() != nc) scratch_inverse = dmatrix(nc, nc);
   for (int i = 0; i < nc; i++)
-    for (int j = 0; j < nc; j++) GLM.XTXm1_cc[i][j] = static_cast<float>(scratch_xtx[static_cast<size_t>(i) * nc + j]);
+    for (int j = 0; j < nc; j++) scratch_inverse[i][j] = scratch_xtx[static_cast<size_t>(i) * nc + j];
+  int failing_row;
+  // A singular X'X (an all-zero column, say) is not reported: the fits then give zero coefficients.
+  if (dInvertSquareMatrix(nc, scratch_inverse, &failing_row))
+    for (int i = 0; i < nc; i++) std::fill(scratch_inverse[i], scratch_inverse[i] + nc, 0.0);
+  for (int i = 0; i < nc; i++)
+    for (int j = 0; j < nc; j++) GLM.XTXm1_cc[i][j] = static_cast<float>(scratch_inverse[i][j]);
   for (int c = 0; c < nc; c++) {
-    const double *inv = &scratch_xtx[static_cast<size_t>(c) * nc];
+    const double *inv = scratch_inverse[c];
     float *out = GLM.XTXm1XT_ct[c];
     for (int t = 0; t < nt; t++) {
       const float *x = GLM.X_tc[t];

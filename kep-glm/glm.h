@@ -111,10 +111,10 @@ struct glm_struct {
   int ncoeff = 0;
   float dof = 0.0f;
   std::vector<int> include_time;
-  fmatrix Xorig_tc;     // design before whitening, excluded images kept
-  fmatrix X_tc;         // design in use: excluded images zeroed, whitened with AR
-  fmatrix XTXm1_cc;     // (X'X)^-1
-  fmatrix XTXm1XT_ct;   // (X'X)^-1 X'
+  fmatrix Xorig_tc;    // design before whitening, excluded images kept
+  fmatrix X_tc;        // design in use: excluded images zeroed, whitened with AR
+  fmatrix XTXm1_cc;    // (X'X)^-1
+  fmatrix XTXm1XT_ct;  // (X'X)^-1 X'
   std::vector<float> Beta_c;
   fmatrix WhiteFilter_tt;
   fmatrix ResMat_tt;
@@ -183,6 +183,8 @@ float GLM_get_effect_size(int e);
 // Largest |C beta| over the rows of the conditions from `first_condition` on, sign kept.
 float GLM_get_maximal_effect_size(int first_condition);
 float GLM_get_DOF();
+// F of the last GLM_calculate_F in double precision (stat is its signed square root).
+double GLM_get_last_F();
 
 // Autoregressive whitening (used by the fitting above).
 int GLM_calculate_AR_coefficient(int nt, float *data, int order, float *coefficients);

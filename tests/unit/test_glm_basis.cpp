@@ -41,9 +41,11 @@ TEST_F(GlmBasis, OversamplingFactor) {
 }
 
 TEST_F(GlmBasis, SquareRampAndSinusoidShapesAtImageTimes) {
-  ASSERT_EQ(model("2 24\n\n1\n2 6 3\n\n2 ramp-up\n0 8\n\n3 ramp-down\n10 18\n\n4 sine 8\n0 16\n\n5 cosine 8\n0 16\n",
-                  "baseline-terms 0\n"),
-            0);
+  ASSERT_EQ(
+      model(
+          "2 24\n\n1\n2 6 3\n\n2 ramp-up\n0 8\n\n3 ramp-down\n10 18\n\n4 sine 8\n0 16\n\n5 cosine 8\n0 16\n",
+          "baseline-terms 0\n"),
+      0);
   ASSERT_EQ(GLM.ncoeff, 5);
   // Normalised to a peak of 1: the magnitude does not survive.
   EXPECT_EQ(column(0), (std::vector<float>{0, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0}));
@@ -83,7 +85,9 @@ TEST_F(GlmBasis, TouchingSquareStimuliOverlap) {
 TEST_F(GlmBasis, BaselineColumnsExclusionAndDof) {
   file("r1.glm", "2 10\n\n1\n2 4\n\n-1\n1 2\n");
   file("r2.glm", "2 12\n\n1\n0 2\n");
-  ASSERT_EQ(read_control(file("c.txt", "baseline-terms 4\nruns:\nd1 " + path("r1.glm") + "\nd2 " + path("r2.glm") + "\n")), 0);
+  ASSERT_EQ(read_control(file(
+                "c.txt", "baseline-terms 4\nruns:\nd1 " + path("r1.glm") + "\nd2 " + path("r2.glm") + "\n")),
+            0);
   ASSERT_EQ(capture_stdout([] { EXPECT_EQ(GLM_define_basis_functions(), 0); }), "");
   ASSERT_EQ(GLM.ntime, 11);
   ASSERT_EQ(GLM.nbaseline, 8);

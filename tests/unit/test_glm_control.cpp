@@ -99,7 +99,9 @@ TEST_F(GlmControl, RunLines) {
   std::string table = "a b\n";
   for (int i = 0; i < 10; i++) table += std::to_string(i) + " 1\n";
   file("t.dat", table);
-  ASSERT_EQ(read_control(file("c2.txt", "runs:\nd1 " + path("run1.glm") + " " + path("t.dat") + " extra\n"), &out), 0)
+  ASSERT_EQ(
+      read_control(file("c2.txt", "runs:\nd1 " + path("run1.glm") + " " + path("t.dat") + " extra\n"), &out),
+      0)
       << out;
   EXPECT_STREQ(GLM_input.table_name[0], path("t.dat").c_str());
   EXPECT_EQ(GLM.table_ncolumns[0], 2);
@@ -163,11 +165,14 @@ TEST_F(GlmControl, AbuttingStimuliAreSeparatedWithAResponseFunction) {
 
 TEST_F(GlmControl, DescribeInputFiles) {
   file("run1.glm", "2 20\n\n1\n2 6\n");
-  ASSERT_EQ(read_control(file("c.txt", "runs:\nd1 " + path("run1.glm") + "\nd2 " + path("run1.glm") + "\n")), 0);
+  ASSERT_EQ(read_control(file("c.txt", "runs:\nd1 " + path("run1.glm") + "\nd2 " + path("run1.glm") + "\n")),
+            0);
   std::string out = capture_stdout([] { GLM_describe_input_files(); });
-  EXPECT_EQ(out, "\nFiles: FMRI (mandatory), GLM (mandatory), TABLE (optional)\n"
-                 "---------------------------------------------------------\n"
-                 "1 d1 " + path("run1.glm") + " \n2 d2 " + path("run1.glm") + " \n\n");
+  EXPECT_EQ(out,
+            "\nFiles: FMRI (mandatory), GLM (mandatory), TABLE (optional)\n"
+            "---------------------------------------------------------\n"
+            "1 d1 " +
+                path("run1.glm") + " \n2 d2 " + path("run1.glm") + " \n\n");
 }
 
 TEST_F(GlmControl, WritingBackReadsIntoTheSameModel) {
@@ -176,8 +181,10 @@ TEST_F(GlmControl, WritingBackReadsIntoTheSameModel) {
   file("t1.dat", table);
   file("r1.glm", "2 30\n\n1\n2 6\n10 14 2\n\n2 gamma 4\n3 1.5\n\nx table 0\n\n-1\n3 4\n");
   file("r2.glm", "2 30\n\n3 drug-IRF 5 2\n0 8 3\n\n1 square\n20 22\n\n4 sine 12\n1 9\n\n,\n0 0\n");
-  std::string c = file("c.txt", "baseline-terms 2\nnormalize-BOLD\noutput-format nifti\nconditions 1 2,3\n"
-                                "runs:\nd1 " + path("r1.glm") + " " + path("t1.dat") + "\nd2 " + path("r2.glm") + "\n");
+  std::string c = file("c.txt",
+                       "baseline-terms 2\nnormalize-BOLD\noutput-format nifti\nconditions 1 2,3\n"
+                       "runs:\nd1 " +
+                           path("r1.glm") + " " + path("t1.dat") + "\nd2 " + path("r2.glm") + "\n");
   ASSERT_EQ(read_control(c), 0);
   ASSERT_EQ(capture_stdout([] { GLM_define_basis_functions(); }), "");
   // Copy the model's stimuli before writing over it.
@@ -192,7 +199,8 @@ TEST_F(GlmControl, WritingBackReadsIntoTheSameModel) {
   }
   std::vector<int> excl_start = GLM.exclude_start, excl_end = GLM.exclude_end;
 
-  std::string out = capture_stdout([&] { EXPECT_EQ(GLM_write_glm_files(path("w.txt").c_str(), path("exp").c_str()), 0); });
+  std::string out =
+      capture_stdout([&] { EXPECT_EQ(GLM_write_glm_files(path("w.txt").c_str(), path("exp").c_str()), 0); });
   EXPECT_EQ(out, "");
   EXPECT_EQ(slurp(path("w.txt")),
             "#notify             # output GLM information\n"
@@ -201,11 +209,13 @@ TEST_F(GlmControl, WritingBackReadsIntoTheSameModel) {
             "output-format nifti # use .nii output format for P-x, T-x, S-x files\n"
             "conditions 1 2,3\n"
             "runs:\n"
-            "d1 " + path("exp1.glm") + "\nd2 " + path("exp2.glm") + "\n");
+            "d1 " +
+                path("exp1.glm") + "\nd2 " + path("exp2.glm") + "\n");
   EXPECT_EQ(slurp(path("exp1.glm")),
             "2 30\n\n1 square\n2 6\n10 14 2\n\n2 gamma 4.000000\n3 1.5\n\nx table 0\n\n-1\n3 4\n");
-  EXPECT_EQ(slurp(path("exp2.glm")),
-            "2 30\n\n1 square\n20 22\n\n3 drug-IRF 5.000000 2.000000\n0 8 3\n\n4 sine 12.000000\n1 9\n\n-1\n0 0\n");
+  EXPECT_EQ(
+      slurp(path("exp2.glm")),
+      "2 30\n\n1 square\n20 22\n\n3 drug-IRF 5.000000 2.000000\n0 8 3\n\n4 sine 12.000000\n1 9\n\n-1\n0 0\n");
 
   // The table file is not written back, so give the new control file a table-free event file.
   std::string text = slurp(path("exp1.glm"));

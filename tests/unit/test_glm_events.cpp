@@ -69,7 +69,7 @@ TEST_F(GlmEvents, HeadersAndShapes) {
                  "8 drug-IRF 4 6\n10 20\n\n9 sine 12\n0 30\n\na cosine 12.5\n0 30\n\nb ramp-up\n0 5\n\n"
                  "c ramp-down\n6 9\n\nI interaction 5 6\n"),
             0);
-  const int shapes[] = {GLM_SQUARE, GLM_GAMMA, GLM_DRUG_IRF, GLM_DRUG_IRF, GLM_SINE,
+  const int shapes[] = {GLM_SQUARE, GLM_GAMMA,   GLM_DRUG_IRF,  GLM_DRUG_IRF,   GLM_SINE,
                         GLM_COSINE, GLM_RAMP_UP, GLM_RAMP_DOWN, GLM_INTERACTION};
   const int numbers[] = {5, 6, 7, 8, 9, 10, 11, 12, 44};
   ASSERT_EQ(GLM.nevents, 9);
@@ -93,32 +93,43 @@ TEST_F(GlmEvents, ShapeErrorsPrintTheirMessagesAndExample) {
     std::string events, expected;
   };
   const Case cases[] = {
-      {"5 gamma\n0\n", "Error on line 3 for event type 1 in file @\nFor gamma shapes, specify the gamma time constant.\n"
-                       "\nExample of definition for gamma events:\n"},
+      {"5 gamma\n0\n",
+       "Error on line 3 for event type 1 in file @\nFor gamma shapes, specify the gamma time constant.\n"
+       "\nExample of definition for gamma events:\n"},
       {"5 gamma -2\n0\n", "Error reading stim 0 of event 5:\nGamma time constant (-2.000000) must be > 0\n"},
-      {"5 sine\n", "Error on line 3 for event type 4 in file @\nFor sine or cosine shapes, specify the period.\n"},
-      {"5 cosine 0\n", "Error reading stim 0 of event 5:\nSine and cosine events must have a period (0) must be > 0\n"},
-      {"5 drug-IRF\n", "Error: for drug-IRF shape, specify the convolution time constant.\n"
-                       "\nExample of definition for drug-IRF events:\n"},
-      {"5 drug-IRF 3 -1\n", "Error reading stim 0 of event 5:\nTime constant for shape drug-IRF (-1.000000) must be >= 0.\n"},
+      {"5 sine\n",
+       "Error on line 3 for event type 4 in file @\nFor sine or cosine shapes, specify the period.\n"},
+      {"5 cosine 0\n",
+       "Error reading stim 0 of event 5:\nSine and cosine events must have a period (0) must be > 0\n"},
+      {"5 drug-IRF\n",
+       "Error: for drug-IRF shape, specify the convolution time constant.\n"
+       "\nExample of definition for drug-IRF events:\n"},
+      {"5 drug-IRF 3 -1\n",
+       "Error reading stim 0 of event 5:\nTime constant for shape drug-IRF (-1.000000) must be >= 0.\n"},
       {"5 table\n", "Error on line 3 for event type 2 in file @\nFor table events, give the column entry.\n"},
-      {"5 table 1\n", "Error: The TABLE event 5 refers to column 1 for run 1,\n...but allowed values are 0 to 0.\n"},
+      {"5 table 1\n",
+       "Error: The TABLE event 5 refers to column 1 for run 1,\n...but allowed values are 0 to 0.\n"},
       {"5 table 0\n", "Error: column number (0) for event 5\n>= number of columns (0) for run 1\n"},
-      {"5 interaction 1\n", "Error on line 3 for event type 8 in file @\nFor table events, give the column entry.\n"},
+      {"5 interaction 1\n",
+       "Error on line 3 for event type 8 in file @\nFor table events, give the column entry.\n"},
       {"1\n0 2\n\n5 interaction 1 2\n", "For event 5, interacting events must be previously defined.\n"},
       {"1\n0 2\n\n5 interaction 1 1\n", "For event 5, the two interacting events are the same!\n"},
-      {"5 boxcar\n", "Error: stimulus shapes are `square' (default), `gamma', `drug-IRF'\nor `table' (error on line 3).\n"},
+      {"5 boxcar\n",
+       "Error: stimulus shapes are `square' (default), `gamma', `drug-IRF'\nor `table' (error on line 3).\n"},
       {"0\n1 2\n", "Event number (0) is out of range on line 3 in file @\n"},
       {"$ gamma 2\n1\n", "Event number (0) is out of range on line 3 in file @\n"},
-      {"5\n1\n", "Error reading line 4 of the GLM file @\nThis should be on time & off time for event 5 and stim 1.\n"},
-      {"5 gamma 2\nx\n", "Error reading line 4 of the GLM file @\n"
-                         "This line should at least give the ON time for event 5 and stim 1.\n"},
+      {"5\n1\n",
+       "Error reading line 4 of the GLM file @\nThis should be on time & off time for event 5 and stim 1.\n"},
+      {"5 gamma 2\nx\n",
+       "Error reading line 4 of the GLM file @\n"
+       "This line should at least give the ON time for event 5 and stim 1.\n"},
       {"5 table 0\n1 2\n", ""},
       {"1\n0 2\n\n5 interaction 1 3\n", "For event 5, interacting events must be previously defined.\n"},
       {"5\n-1 4\n", "Error: ON time must be > 0 for stim 1 of event 5.\n"},
       {"5\n10 10\n", "Error: OFF time must be > ON time for stim 1 of event 5.\n"},
       {"-1\n10 9\n", "Error: OFF time must be >= ON time for exclusion segments (event ,).\n"},
-      {"5\n\n6\n1 2\n", "Error checking problem: # stims < 1 for event 5.\nCheck format of event description file.\n"},
+      {"5\n\n6\n1 2\n",
+       "Error checking problem: # stims < 1 for event 5.\nCheck format of event description file.\n"},
   };
   for (const Case &c : cases) {
     GLM_reset_all();
@@ -168,7 +179,9 @@ TEST_F(GlmEvents, ConsistencyAcrossRuns) {
   ASSERT_EQ(read("2 20\n\n1\n0 4\n\n2 gamma 3\n1\n"), 0);
   std::string out;
   EXPECT_EQ(read("2 20\n\n1 gamma 4\n1\n", &out), 1);
-  EXPECT_EQ(out, "Error: event 1 does not have a consistent shape.\nThe shape is 0 in the 1st run and 1 in run 2\n");
+  EXPECT_EQ(
+      out,
+      "Error: event 1 does not have a consistent shape.\nThe shape is 0 in the 1st run and 1 in run 2\n");
   EXPECT_EQ(read("2 20\n\n2 gamma 4\n1\n", &out), 1);
   EXPECT_EQ(out, "Error: event 2 does not have a consistent time constant.\n");
   ASSERT_EQ(read("2 20\n\n2 gamma 3\n1\n\n1\n3 4\n"), 0);
