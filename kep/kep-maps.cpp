@@ -1,6 +1,167 @@
-// Operations of this family that are not yet available report so and do nothing.
+// Parametric maps fitted voxel by voxel over the listed volumes: SNR after a
+// polynomial baseline, and mono-exponential decays (T2, diffusion).
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <vector>
+
 #include "kep-prototypes.h"
+#include "numerics.h"
 
-int map_snr([[maybe_unused]] const char *name) { return not_available(); }
+namespace {
 
-int map_t2([[maybe_unused]] int kind, [[maybe_unused]] const char *name) { return not_available(); }
+// The decay maps remind the user of the filter once per process, and that
+// first call goes ahead without checking its input.
+bool decay_reminder_given = false;
+
+// Relative size of the rounding that a float polynomial fit leaves behind.
+constexpr double NOISE_FLOOR = 32 * FLT_EPSILON;
+
+std::vector<const volume_list *> listed_volumes() {
+  std::vector<const volume_list *> volumes;
+  for (const volume_list *v = volume_list_root; v; v = v->next) volumes.push_back(v);
+  return volumes;
+}
+
+// Installs the three maps (values in `maps`, n3d per map) as the map stack
+// `name`, with the geometry of `template_stack`.
+int install_maps(const char *name, const data_stack *template_stack, IPOINT3D dim,
+                 const std::vector<float> &maps) {
+  // Copy what the stack record offers before a re-used name releases it.
+  data_stack geometry_source;
+  geometry_source.resolution = template_stack->resolution;
+  geometry_source.resolution_t = template_stack->resolution_t;
+  geometry_source.origin = template_stack->origin;
+  geometry_source.direction = template_stack->direction;
+  geometry_source.status = template_stack->status;
+  geometry_source.registration = template_stack->registration;
+  geometry_source.lDOF = template_stack->lDOF;
+  data_stack *out = install_stack_checked(name, &geometry_source, dim.x, dim.y, dim.z, 3);
+  initialize_volume_list();  // the list may point into the replaced stack
+  if (out == nullptr) return 1;
+  out->data_type = 2;
+  out->status |= STATUS_MAP;
+  for (long n = 0; n < out->n4d; n++) out->SpaceTime.fcData[n] = {maps[static_cast<size_t>(n)], 0.0f};
+  return 0;
+}
+
+}  // namespace
+
+void forget_decay_map_reminder() { decay_reminder_given = false; }
+
+int map_snr(const char *name) {
+  IPOINT3D dim{0, 0, 0};
+  int n = 0;
+  if (inconsistent_3d_dimensions(&dim, &n)) return 1;
+  if (n < 5) {
+    printf("Error: there must be >= 5 images to fit the 3 baseline + 2 snr parameters.\n");
+    return 1;
+  }
+  std::vector<int> use(static_cast<size_t>(n), 1);
+  if (PolynomialDefineGLM(3, n, use.data())) {
+    printf("Error defining polynomial GLM in function map_snr.\n");
+    return 1;
+  }
+  const std::vector<const volume_list *> volumes = listed_volumes();
+  const long n3d = static_cast<long>(dim.x) * dim.y * dim.z;
+  std::vector<float> maps(static_cast<size_t>(3 * n3d), 0.0f);
+  std::vector<float> data(static_cast<size_t>(n)), fit(static_cast<size_t>(n));
+  for (long v = 0; v < n3d; v++) {
+    for (int k = 0; k < n; k++) data[static_cast<size_t>(k)] = volume_amp(volumes[static_cast<size_t>(k)], v);
+    if (PolynomialFitGLM(n, data.data(), fit.data()) || PolynomialRemoveGLM(1, n, data.data(), fit.data()))
+      return 1;
+    double sum = 0.0, largest = 0.0;
+    for (int k = 0; k < n; k++) {
+      sum += data[static_cast<size_t>(k)];
+      largest = std::max(largest, std::fabs(static_cast<double>(data[static_cast<size_t>(k)])));
+    }
+    const double signal = sum / n;
+    double squares = 0.0;
+    for (int k = 0; k < n; k++) {
+      const double d = signal - data[static_cast<size_t>(k)];
+      squares += d * d;
+    }
+    // The single-precision baseline leaves a few units of rounding even on
+    // noiseless data: that much is no noise.
+    const double noise = sqrt(squares / (n - 1));
+    if (noise > NOISE_FLOOR * largest) {
+      maps[static_cast<size_t>(v)] = static_cast<float>(signal / noise);
+      maps[static_cast<size_t>(n3d + v)] = static_cast<float>(signal);
+      maps[static_cast<size_t>(2 * n3d + v)] = static_cast<float>(noise);
+    }
+  }
+  if (install_maps(name, volumes[0]->stack, dim, maps)) return 1;
+  if (!(flags & FLAG_QUIET)) printf("The map stack contains 3 images in the order SNR, S, N.\n");
+  return 0;
+}
+
+int map_t2(int kind, const char *name) {
+  IPOINT3D dim{0, 0, 0};
+  int n = 0;
+  if (inconsistent_3d_dimensions(&dim, &n)) return 1;
+  if (volume_list_root == nullptr) return 1;
+  const char *what = kind ? "T2" : "ADC";
+  const char *abscissa = kind ? "TE" : "b";
+  const bool first_call = !decay_reminder_given;
+  if (first_call) {
+    decay_reminder_given = true;
+    printf("\nRemember: the `filter-range' variable is always applied to %s maps.\n", what);
+  } else if (n < 2) {
+    printf("Error: there must be >= 2 images to fit the 2 parameters.\n");
+    return 1;
+  }
+  // Even the unchecked first call needs a value for every volume.
+  if ((!first_call && n != nmap_array) || n > nmap_array) {
+    printf("Error: # of time points (%d) != number of %s values (%d).\n", n, abscissa, nmap_array);
+    printf("Use `set map-array ...'\n");
+    return 1;
+  }
+  if (n == 2) printf("The %s map will be calculated (not fit) from 2 points.\n", what);
+
+  std::vector<float> x(static_cast<size_t>(n)), y(static_cast<size_t>(n));
+  for (int i = 0; i < n; i++) x[static_cast<size_t>(i)] = map_array[i] * array_scale + array_offset;
+  const float low = filter_range.x, high = filter_range.y;
+  const bool filter_on = high >= low;
+
+  const std::vector<const volume_list *> volumes = listed_volumes();
+  const long n3d = static_cast<long>(dim.x) * dim.y * dim.z;
+  std::vector<float> maps(static_cast<size_t>(3 * n3d), 0.0f);
+  int fits = 0, filtered = 0;
+  for (long v = 0; v < n3d; v++) {
+    // The fit takes the leading points up to the first non-positive amplitude.
+    int m = 0;
+    while (m < n) {
+      const float a = volume_amp(volumes[static_cast<size_t>(m)], v);
+      const float ln = a > 0.0f ? static_cast<float>(log(static_cast<double>(a))) : 0.0f;
+      if (ln == 0.0f) break;
+      y[static_cast<size_t>(m)] = ln;
+      m++;
+    }
+    if (m < 2) continue;
+    float slope = 0.0f, intercept = 0.0f, sigma = 0.0f;
+    fit_line(m, x.data(), y.data(), &slope, &intercept, &sigma);
+    float value = -1.0f / slope;
+    const float s0 = static_cast<float>(exp(static_cast<double>(intercept)));
+    fits++;
+    if (filter_on && (value < low || value > high)) {
+      value = 0.0f;
+      filtered++;
+    }
+    if (value != 0.0f) {
+      maps[static_cast<size_t>(v)] = 1.0f / value;
+      maps[static_cast<size_t>(n3d + v)] = value;
+      maps[static_cast<size_t>(2 * n3d + v)] = s0;
+    }
+  }
+  if (install_maps(name, volumes[0]->stack, dim, maps)) return 1;
+  if (!(flags & FLAG_QUIET)) {
+    // No fit at all counts as nothing filtered rather than 0/0.
+    printf("Of %d fits, %f %c were filtered.\n", fits, fits > 0 ? 100.0 * filtered / fits : 0.0, '%');
+    if (kind)
+      printf("The map stack contains 3 images in the order R2, T2, S0.\n");
+    else
+      printf("The map stack contains 3 images in the order ACD, 1/ADC, S0.\n");
+  }
+  return 0;
+}

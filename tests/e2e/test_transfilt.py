@@ -1,0 +1,195 @@
+"""Fourier transforms and k-space filters against numpy on complex stacks read from files."""
+import numpy as np
+import pytest
+
+from fft_files import (assert_single_precision, random_complex, run_on_stack, skip_without_volume_files,
+                       write_complex)
+
+
+@pytest.fixture(autouse=True)
+def volume_files(kep):
+    skip_without_volume_files(kep)
+
+AXIS = {"x": 3, "y": 2, "z": 1, "t": 0}
+
+
+def centred(data, axis, direction, scale):
+    """Transform with zero frequency (and position) at index n/2; forward divided by n when `scale`."""
+    n = data.shape[axis]
+    shifted = np.fft.ifftshift(data.astype(np.complex128), axes=axis)
+    if direction < 0:
+        out = np.fft.fft(shifted, axis=axis)
+        if scale:
+            out /= n
+    else:
+        out = np.fft.ifft(shifted, axis=axis) * n
+    return np.fft.fftshift(out, axes=axis)
+
+
+COMMANDS = {
+    "transform": ("xy", -1), "transform-x": ("x", -1), "transform-y": ("y", -1),
+    "transform-xyz": ("xyz", -1), "inverse-transform": ("xy", 1), "inverse-transform-x": ("x", 1),
+    "inverse-transform-y": ("y", 1), "inverse-transform-xyz": ("xyz", 1),
+}
+# (t, z, y, x): even, odd and prime lengths on every axis, and a length of 1.
+SHAPES = [(2, 4, 6, 8), (2, 5, 9, 7), (1, 3, 11, 13), (3, 2, 1, 5)]
+
+
+@pytest.mark.parametrize("shape", SHAPES, ids=lambda s: "x".join(map(str, s)))
+def test_every_transform_command_matches_numpy(kep, shape):
+    data = random_complex(shape, seed=sum(shape))
+    for command, (axes, direction) in COMMANDS.items():
+        _, written = run_on_stack(kep, data, f"{command} a")
+        expected = data.astype(np.complex128)
+        for axis in axes:
+            expected = centred(expected, AXIS[axis], direction, scale=True)
+        assert_single_precision(written, expected)
+
+
+@pytest.mark.parametrize("shape", SHAPES, ids=lambda s: "x".join(map(str, s)))
+def test_forward_then_inverse_restores_the_data(kep, shape):
+    data = random_complex(shape, seed=7)
+    _, written = run_on_stack(kep, data, "transform-xyz a\ninverse-transform-xyz a\ntransform a>0\n"
+                                         "inverse-transform a")
+    assert_single_precision(written, data.astype(np.complex128))
+
+
+@pytest.mark.parametrize("nt", [8, 7, 13])
+def test_time_transform_is_centred_and_unscaled(kep, nt):
+    data = random_complex((nt, 2, 3, 4), seed=nt)
+    _, written = run_on_stack(kep, data, "transform-time a")
+    assert_single_precision(written, centred(data, 0, -1, scale=False))
+
+
+def test_time_transform_of_a_constant_course(kep):
+    data = np.full((6, 1, 2, 2), 2.5 - 1j, dtype=np.complex64)
+    _, written = run_on_stack(kep, data, "transform-time a")
+    expected = np.zeros(data.shape, complex)
+    expected[3] = 6 * (2.5 - 1j)
+    assert_single_precision(written, expected)
+
+
+def test_time_transform_refuses_stacks_of_different_sizes(kep):
+    data = random_complex((4, 1, 4, 4), seed=3)
+    write_complex(kep.path("other.bfloat"), random_complex((4, 1, 2, 4), seed=4))
+    result, written = run_on_stack(kep, data, "read other.bfloat b\ntransform-time a b",
+                                   interactive=True)
+    assert "Error: Stacks a and b have different dimensions.\n" in result.stderr
+    assert_single_precision(written, data.astype(np.complex128))
+
+
+def kspace_weights(shape, fwhm, resolution, ndim):
+    """Gaussian weight of each sample of a volume in the inverse-transformed domain."""
+    c = 0.1404824543408127 / fwhm ** 2
+    w = np.ones(shape[1:])
+    for axis, r in zip((3, 2, 1)[:ndim], resolution):
+        n = shape[axis]
+        k = np.arange(n) - n // 2 + 0.5
+        g = np.exp(-k ** 2 / 2 / (r * r * n * n * c))
+        w = w * g.reshape([n if a == axis else 1 for a in (1, 2, 3)])
+    return w
+
+
+@pytest.mark.parametrize("ndim", [2, 3])
+def test_smoothing_multiplies_kspace_by_a_gaussian(kep, ndim):
+    shape, resolution, fwhm = (3, 5, 12, 9), (1.5, 2.0, 3.0), 4.5
+    data = random_complex(shape, seed=ndim)
+    result, written = run_on_stack(kep, data, f"smooth-{ndim}d {fwhm} a>1,2", resolution=resolution)
+    k = data.astype(np.complex128)
+    axes = (3, 2, 1)[:ndim]
+    for axis in axes:
+        k = centred(k, axis, 1, scale=True)
+    k[1:] *= kspace_weights(shape, fwhm, resolution, ndim)
+    for axis in axes:
+        k = centred(k, axis, -1, scale=True)
+    assert_single_precision(written, k)
+    assert "percent done" not in result.stdout
+
+
+def test_smoothing_reports_each_quarter_of_a_long_list(kep):
+    data = random_complex((20, 1, 4, 4), seed=1)
+    result, _ = run_on_stack(kep, data, "smooth-3d 2 a")
+    assert [line for line in result.stdout.splitlines() if "percent" in line] == [
+        "25 percent done", "50 percent done", "75 percent done"]
+
+
+def test_smoothing_2d_leaves_z_alone(kep):
+    data = random_complex((1, 4, 8, 8), seed=2)
+    data[:, 1:] = data[:, :1]  # identical slices stay identical
+    _, written = run_on_stack(kep, data, "smooth-2d 3 a")
+    for z in range(1, 4):
+        np.testing.assert_allclose(written[:, z], written[:, 0], rtol=0, atol=1e-6)
+    assert not np.allclose(written, data, atol=1e-3)
+
+
+def hamming(n):
+    return 0.54 - 0.46 * np.cos(2 * np.pi * np.arange(n) / (n - 1))
+
+
+@pytest.mark.parametrize("command", ["hamming-window", "hamming-window-xyz"])
+def test_hamming_window_matches_numpy(kep, command):
+    shape = (2, 4, 6, 7)
+    data = random_complex(shape, seed=5)
+    _, written = run_on_stack(kep, data, f"{command} a>0")  # the whole stack
+    wz = hamming(4) if command.endswith("xyz") else np.ones(4)
+    w = wz[:, None, None] * hamming(6)[None, :, None] * hamming(7)[None, None, :]
+    assert_single_precision(written, data * w)
+
+
+def test_hamming_window_of_one_sample_is_nan(kep):
+    data = np.ones((1, 1, 3, 1), dtype=np.complex64)
+    _, written = run_on_stack(kep, data, "hamming-window a")
+    assert np.all(np.isnan(written.real))
+
+
+def test_exponential_weighting_of_listed_volumes(kep):
+    shape, tau = (3, 2, 3, 10), 4.0
+    data = random_complex(shape, seed=6)
+    _, written = run_on_stack(kep, data, f"exp-filter-1d {tau} a>0,2")
+    x = np.arange(10)
+    expected = data.astype(np.complex128)
+    expected[[0, 2]] *= np.exp(x / tau) * np.exp(-x ** 2 / tau ** 2)
+    assert_single_precision(written, expected)
+
+
+def edge_reference(volume):
+    """Sobel magnitude over the sum of amplitudes, with the wrap that maps -1 and n-1 to 0."""
+    amp = np.abs(volume.astype(np.complex128))
+    nz, ny, nx = amp.shape
+    flat = amp.ravel()
+    kernel = np.array([[1, 2, 1], [0, 0, 0], [-1, -2, -1]])
+    out = np.zeros(amp.shape)
+
+    def wrap(i, n):
+        i = n - 1 if i < 0 else i
+        return 0 if i == n - 1 else i
+
+    for z in range(nz):
+        for y in range(ny):
+            for x in range(nx):
+                gx = gy = s = 0.0
+                for a in range(3):
+                    for b in range(3):
+                        index = z * nx * ny + wrap(y + b - 1, ny) * nx + wrap(x + a - 1, nx)
+                        value = flat[index] if index < flat.size else 0.0
+                        gx += kernel[a][b] * value
+                        gy += kernel[b][a] * value
+                        s += value
+                out[z, y, x] = np.hypot(gx, gy) / s if s != 0 else 0.0
+    return out
+
+
+def test_edge_filter_matches_its_wrap_rule(kep):
+    shape = (2, 2, 5, 6)
+    data = random_complex(shape, seed=8) + 2
+    _, written = run_on_stack(kep, data, "edge-filter a")
+    expected = np.stack([edge_reference(v) for v in data])
+    assert_single_precision(written, expected.astype(complex), factor=16)
+
+
+def test_edge_filter_of_a_constant_image(kep):
+    data = np.full((1, 1, 4, 5), 3.0, dtype=np.complex64)
+    _, written = run_on_stack(kep, data, "edge-filter a")
+    assert np.all(written.imag == 0)
+    assert np.all(written[0, 0, :3].real == 0)
+    assert np.all(written[0, 0, 3].real > 0)  # the wrapped last row reaches past the volume
