@@ -1,8 +1,303 @@
-// Operations of this family that are not yet available report so and do nothing.
+// Reading volume files into stacks.
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "io.h"
 #include "kep-prototypes.h"
 
-int read_xdisplay_file([[maybe_unused]] const char *file_name, [[maybe_unused]] const char *stack_name, [[maybe_unused]] const char *subset) { return not_available(); }
+data_stack registration_distortions;
 
-int write_output_file([[maybe_unused]] int requested_storage, [[maybe_unused]] const char *root) { return not_available(); }
+namespace {
 
-int write_slices([[maybe_unused]] const char *root) { return not_available(); }
+constexpr int STATUS_READ = 4;  // set on every stack made from a file
+
+int element_size(int storage) {
+  switch (storage) {
+    case STORAGE_SHORT:
+    case STORAGE_USHORT:
+      return 2;
+    case STORAGE_UCHAR:
+      return 1;
+    default:
+      return 4;
+  }
+}
+
+void swap_buffer(unsigned char *raw, int64_t count, int size) {
+  if (size == 2) {
+    for (int64_t i = 0; i < count; i++) {
+      uint16_t v;
+      memcpy(&v, raw + 2 * i, 2);
+      v = __builtin_bswap16(v);
+      memcpy(raw + 2 * i, &v, 2);
+    }
+  } else if (size == 4) {
+    for (int64_t i = 0; i < count; i++) {
+      uint32_t v;
+      memcpy(&v, raw + 4 * i, 4);
+      v = __builtin_bswap32(v);
+      memcpy(raw + 4 * i, &v, 4);
+    }
+  }
+}
+
+// Converts `count` stored elements to samples: one element per sample for
+// magnitude data (imaginary part 0), two per sample for pairs.
+template <typename T>
+void convert_elements(const unsigned char *raw, int64_t count, bool pairs, float slope, float offset,
+                      FCOMPLEX *out) {
+  const T *src = reinterpret_cast<const T *>(raw);
+  if (pairs) {
+    float *dst = reinterpret_cast<float *>(out);
+    if (slope != 0.0f)
+      for (int64_t i = 0; i < count; i++) dst[i] = static_cast<float>(src[i]) * slope + offset;
+    else
+      for (int64_t i = 0; i < count; i++) dst[i] = static_cast<float>(src[i]);
+  } else {
+    if (slope != 0.0f)
+      for (int64_t i = 0; i < count; i++) out[i] = {static_cast<float>(src[i]) * slope + offset, 0.0f};
+    else
+      for (int64_t i = 0; i < count; i++) out[i] = {static_cast<float>(src[i]), 0.0f};
+  }
+}
+
+void convert(unsigned char *raw, int64_t count, int storage, bool swap, bool pairs, float slope, float offset,
+             FCOMPLEX *out) {
+  if (swap) swap_buffer(raw, count, element_size(storage));
+  switch (storage) {
+    case STORAGE_SHORT:
+      convert_elements<int16_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_USHORT:
+      convert_elements<uint16_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_LONG:
+      convert_elements<int32_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_UCHAR:
+      convert_elements<uint8_t>(raw, count, pairs, slope, offset, out);
+      break;
+    default:
+      convert_elements<float>(raw, count, pairs, slope, offset, out);
+      break;
+  }
+}
+
+struct file_closer {
+  void operator()(FILE *f) const { fclose(f); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+// The file that holds the data: the name itself, except that a ".hdr" name
+// stands for the data file without extension that the header describes.
+std::string data_file_name(const char *file_name) {
+  std::string name(file_name);
+  const size_t n = name.size();
+  if (n > 4 && name.compare(n - 4, 4, ".hdr") == 0 && name.find('/', n - 4) == std::string::npos)
+    return name.substr(0, n - 4);
+  return name;
+}
+
+// Reads the listed volumes of a one-file volume into `out`.
+int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
+  const std::string name = data_file_name(h.file_name);
+  file_ptr file(fopen_regular(name.c_str(), "rb"));
+  if (!file) {
+    printf("Error: cannot open file %s.\n", name.c_str());
+    return 1;
+  }
+  const long offset = static_cast<long>(h.voxel_offset);
+  if (fseek(file.get(), offset, SEEK_SET) != 0) {
+    fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name.c_str());
+    exit(1);
+  }
+  const bool pairs = h.data_type != DATA_MAGNITUDE;
+  const int size = element_size(h.storage_type);
+  const int64_t volume = static_cast<int64_t>(h.n3d) * (pairs ? 2 : 1);
+  const int64_t volume_bytes = volume * size;
+  // 8-bit files are not skipped forward: reading starts at their first volume.
+  if (h.storage_type != STORAGE_UCHAR && list.front() > 0) {
+    if (fseeko(file.get(), static_cast<off_t>(list.front()) * volume_bytes, SEEK_CUR) != 0) {
+      printf("Error reading file %s.\n", name.c_str());
+      return 1;
+    }
+  }
+  std::unique_ptr<unsigned char[]> buffer(
+      new (std::nothrow) unsigned char[static_cast<size_t>(volume_bytes)]);
+  if (!buffer) {
+    printf("Error: not enough memory to read a volume of file %s.\n", name.c_str());
+    return 1;
+  }
+  const bool swap = h.byte_order != machine_byte_order();
+  size_t next = 0;
+  for (int v = list.front(); v <= list.back(); v++) {
+    if (fread(buffer.get(), 1, static_cast<size_t>(volume_bytes), file.get()) !=
+        static_cast<size_t>(volume_bytes)) {
+      printf("Error reading file %s.\n", name.c_str());
+      return 1;
+    }
+    if (v != list[next]) continue;
+    convert(buffer.get(), volume, h.storage_type, swap, pairs, h.scale_slope, h.scale_offset,
+            out + next * static_cast<size_t>(h.n3d));
+    next++;
+  }
+  return 0;
+}
+
+// A FreeSurfer series: one file per slice, each with every time point.
+int read_slice_files(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
+  const int size = element_size(h.storage_type);
+  const int64_t plane = h.n2d;
+  std::unique_ptr<unsigned char[]> buffer(
+      new (std::nothrow) unsigned char[static_cast<size_t>(plane * size)]);
+  if (!buffer) {
+    printf("Error: not enough memory to read the slices of %s.\n", h.file_name);
+    return 1;
+  }
+  const size_t plane_bytes = static_cast<size_t>(plane * size);
+  const bool swap = h.byte_order != machine_byte_order();
+  const char *extension = h.storage_type == STORAGE_SHORT ? "bshort" : "bfloat";
+  for (int z = 0; z < h.dim.z; z++) {
+    char name[KEP_LINE + 32];
+    if (z <= 9)
+      snprintf(name, sizeof name, "%s00%d.%s", h.file_name, z, extension);
+    else if (z <= 99)
+      snprintf(name, sizeof name, "%s0%d.%s", h.file_name, z, extension);
+    else
+      snprintf(name, sizeof name, "%s%d.%s", h.file_name, z, extension);
+    file_ptr file(fopen_regular(name, "rb"));
+    if (!file) {
+      printf("\nError: cannot open file %s.\n", name);
+      return 1;
+    }
+    if (fseeko(file.get(), static_cast<off_t>(list.front()) * plane * size, SEEK_SET) != 0) {
+      printf("Error reading file %s.\n", name);
+      return 1;
+    }
+    size_t next = 0;
+    for (int v = list.front(); v <= list.back(); v++) {
+      if (fread(buffer.get(), 1, plane_bytes, file.get()) != plane_bytes) {
+        printf("Error reading file %s.\n", name);
+        return 1;
+      }
+      if (v != list[next]) continue;
+      convert(buffer.get(), plane, h.storage_type, swap, false, 0.0f, 0.0f,
+              out + z * plane + next * static_cast<int64_t>(h.n3d));
+      next++;
+    }
+  }
+  return 0;
+}
+
+void copy_geometry(data_stack *s, const XD_HEADER &h) {
+  s->status = STATUS_READ | (h.data_type == DATA_MAGNITUDE ? STATUS_POLAR : 0);
+  s->registration = h.registration;
+  s->resolution = h.resolution;
+  s->origin = h.origin;
+  s->direction = h.direction;
+  s->fov = h.fov;
+  s->resolution_t = h.resolution_t;
+  s->off_diagonal = h.off_diagonal;
+  s->lDOF = h.lDOF;
+  s->ijk_to_xyz = h.ijk_to_xyz;
+  s->xyz_to_ijk = h.xyz_to_ijk;
+}
+
+}  // namespace
+
+void clear_registration_distortions() { registration_distortions = data_stack{}; }
+
+int read_xdisplay_file(const char *file_name, const char *stack_name, const char *subset) {
+  XD_HEADER h;
+  if (read_volume_header(file_name, &h)) return 1;
+  if (h.data_type == DATA_COMPLEX && h.dim.x % 2 != 0) {
+    printf("Error: the number of readout points must be divisible by 2 for complex data.\n");
+    return 1;
+  }
+  // An empty subset lists every volume: refuse an impossible count first.
+  if ((subset == nullptr || subset[0] == '\0') && h.nt > MAX_NSET) {
+    printf("Error: Too many volumes (%d) to read; increase MAX_NSET.\n", h.nt);
+    return 1;
+  }
+  std::vector<int> list;
+  if (decode_subset(subset, h.nt, list)) return 1;
+  const int count = static_cast<int>(list.size());
+  if (count < 1) {
+    printf("Programming error in routine read_xdisplay_file.\n");
+    exit(1);
+  }
+  if (count > MAX_NSET) {
+    printf("Error: Too many volumes (%d) to read; increase MAX_NSET.\n", count);
+    return 1;
+  }
+  for (int i = 1; i < count; i++)
+    if (list[i] <= list[i - 1]) {
+      kep_text(2, "volumes must be read in ascending order.");
+      return 1;
+    }
+  if (h.file_type < 1 || h.file_type > FILE_FREESURFER) {
+    printf("Programming error: unknown file type in read_xdisplay_file\n");
+    exit(1);
+  }
+  const bool distortions = strcmp(stack_name, "registration_distortions") == 0;
+  if (distortions && count != 3) {
+    printf("Error: 3 distortion fields (x,y,z), not %d, should be read from the distortion file %s\n", count,
+           file_name);
+    return 1;
+  }
+
+  // The samples are gathered apart and only handed to the stack once the
+  // whole read has worked, so a failure leaves every stack as it was.
+  const size_t samples = static_cast<size_t>(h.n3d) * static_cast<size_t>(count);
+  std::unique_ptr<FCOMPLEX[]> data(new (std::nothrow) FCOMPLEX[samples]);
+  if (!data) {
+    printf("Error: not enough memory to read %d volumes of %d x %d x %d from file %s.\n", count, h.dim.x,
+           h.dim.y, h.dim.z, file_name);
+    return 1;
+  }
+  int failed = h.file_type == FILE_FREESURFER ? read_slice_files(h, list, data.get())
+                                              : read_single_file(h, list, data.get());
+  if (failed) return 1;
+
+  data_stack *target = nullptr;
+  if (distortions) {
+    target = &registration_distortions;
+    snprintf(target->name, sizeof target->name, "%s", stack_name);
+    target->dim = h.dim;
+    target->nt = count;
+    target->n2d = h.n2d;
+    target->n3d = h.n3d;
+    target->n4d = h.n3d * count;
+    target->npts_volume = 2 * h.n3d;
+    target->data_type = 0;
+  } else {
+    target = install_stack_checked(stack_name, nullptr, h.dim.x, h.dim.y, h.dim.z, count);
+    if (target == nullptr) return 1;
+  }
+  target->samples = std::move(data);
+  target->SpaceTime.fcData = target->samples.get();
+  copy_geometry(target, h);
+  if (h.off_diagonal) {
+    printf("Warning: the stack has voxel indices            (i,j,k)\n");
+    printf("         that are not parallel with coordinates (x,y,z)\n.\n");
+    printf("         On output, (i,j,k) will map to (+-x,+-y,+-z).\n");
+  }
+  if (distortions)
+    printf("%d volumes of size %d x %d x %d were stored as distortion maps\n", count, h.dim.x, h.dim.y,
+           h.dim.z);
+  else if (count == 1)
+    printf("%d volume of size %d x %d x %d was read and stored in stack %s\n", count, h.dim.x, h.dim.y,
+           h.dim.z, stack_name);
+  else
+    printf("%d volumes of size %d x %d x %d were read and stored in stack %s\n", count, h.dim.x, h.dim.y,
+           h.dim.z, stack_name);
+  return 0;
+}

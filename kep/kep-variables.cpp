@@ -83,7 +83,7 @@ void initialize_global_variables() {
   hist_nbins = 0;
   free_int_vector(histogram);
   histogram = nullptr;
-  if (data_stack *d = find_stack("registration_distortions")) free_stack(d);
+  clear_registration_distortions();
 }
 
 int set_variable(int index, const char *value) {

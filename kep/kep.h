@@ -101,6 +101,9 @@ extern volume_list *comparison_list_root;
 
 // Program variables.
 extern OVERLAY overlay;
+// The x, y and z distortion fields read for the registration commands.
+extern data_stack registration_distortions;
+void clear_registration_distortions();
 extern int io_increment;
 extern int *slice_order;
 extern int nslice_order;

@@ -1,0 +1,690 @@
+// Volume headers: format detection from the name and the three header readers
+// (xdisplay text ".hdr", NIfTI-1 binary, FreeSurfer-style ".bhdr").
+#include <sys/stat.h>
+
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "io.h"
+#include "numerics.h"
+#include "util.h"
+
+static_assert(sizeof(nifti_1_header) == NIFTI_HEADER_SIZE, "the NIfTI-1 header must be 348 bytes");
+
+namespace {
+
+// Reads one line of at most 1023 characters and cuts it at the first '#'.
+bool read_header_line(FILE *file, char *buffer) {
+  if (fgets(buffer, KEP_LINE, file) == nullptr) {
+    buffer[0] = '\0';
+    return false;
+  }
+  if (char *hash = strchr(buffer, '#')) *hash = '\0';
+  return true;
+}
+
+// A line on which a "%d" scan meets the end of its text holds no word.
+bool blank_line(const char *line) {
+  int dummy = 0;
+  return sscanf(line, "%d", &dummy) == EOF;
+}
+
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
+
+// Splits a line into its keyword and the text after the keyword's blanks.
+const char *split_keyword(const char *line, char *keyword) {
+  const char *p = line;
+  while (is_blank(*p)) p++;
+  size_t n = 0;
+  while (*p != '\0' && !is_blank(*p)) {
+    if (n < KEP_LINE - 1) keyword[n++] = *p;
+    p++;
+  }
+  keyword[n] = '\0';
+  while (is_blank(*p)) p++;
+  return p;
+}
+
+bool same(const char *a, const char *b) { return strcmp(a, b) == 0; }
+
+// Reports the first missing (or non-positive) dimension.
+int check_dimensions(const XD_HEADER *h, const char *header_name) {
+  const char *axis = nullptr;
+  if (h->dim.x < 1)
+    axis = "x";
+  else if (h->dim.y < 1)
+    axis = "y";
+  else if (h->dim.z < 1)
+    axis = "z";
+  else if (h->nt < 1)
+    axis = "t";
+  if (axis == nullptr) return 0;
+  printf("Error: Value for %s dimension not found in header file '%s'\n", axis, header_name);
+  return 1;
+}
+
+// The sample counts are ints; a file whose counts do not fit is refused here,
+// before anything is allocated for it.
+int check_sample_count(const XD_HEADER *h, const char *header_name) {
+  int64_t n2d = 0, n3d = 0, n4d = 0;
+  if (!checked_product(h->dim.x, h->dim.y, INT_MAX, &n2d) ||
+      !checked_product(n2d, h->dim.z, INT_MAX / 2, &n3d) || !checked_product(n3d, h->nt, INT_MAX / 2, &n4d)) {
+    printf("Error: the dimensions %d x %d x %d x %d in file '%s' hold more samples than kep can store.\n",
+           h->dim.x, h->dim.y, h->dim.z, h->nt, header_name);
+    return 1;
+  }
+  return 0;
+}
+
+void set_orientation_from_matrix(XD_HEADER *h) {
+  const mat44 &m = h->ijk_to_xyz;
+  h->origin = {m.m[0][3], m.m[1][3], m.m[2][3]};
+  h->direction = {m.m[0][0] > 0 ? 1.0f : -1.0f, m.m[1][1] > 0 ? 1.0f : -1.0f, m.m[2][2] > 0 ? 1.0f : -1.0f};
+  h->off_diagonal = 0;
+  for (int r = 0; r < 3; r++)
+    for (int c = 0; c < 3; c++)
+      if (r != c && m.m[r][c] != 0.0f) h->off_diagonal = 1;
+}
+
+// True when the rotation part is safely invertible (the general inverter
+// would end the program on a singular matrix).
+bool invertible(const mat44 &m) {
+  double a[3][3];
+  double scale = 1.0;
+  for (int r = 0; r < 3; r++) {
+    double norm = 0.0;
+    for (int c = 0; c < 3; c++) {
+      a[r][c] = m.m[r][c];
+      norm += a[r][c] * a[r][c];
+    }
+    scale *= sqrt(norm);
+    if (!std::isfinite(m.m[r][3])) return false;
+  }
+  double det = a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
+               a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
+               a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
+  return std::isfinite(det) && std::isfinite(scale) && scale > 0.0 && fabs(det) > 1e-12 * scale;
+}
+
+void swap_nifti_header(nifti_1_header *n) {
+  swap_32(&n->sizeof_hdr);
+  swap_32(&n->extents);
+  swap_16(&n->session_error);
+  for (short &d : n->dim) swap_16(&d);
+  swap_32(&n->intent_p1);
+  swap_32(&n->intent_p2);
+  swap_32(&n->intent_p3);
+  swap_16(&n->intent_code);
+  swap_16(&n->datatype);
+  swap_16(&n->bitpix);
+  swap_16(&n->slice_start);
+  for (float &p : n->pixdim) swap_32(&p);
+  swap_32(&n->vox_offset);
+  swap_32(&n->scl_slope);
+  swap_32(&n->scl_inter);
+  swap_16(&n->slice_end);
+  swap_32(&n->cal_max);
+  swap_32(&n->cal_min);
+  swap_32(&n->slice_duration);
+  swap_32(&n->toffset);
+  swap_32(&n->glmax);
+  swap_32(&n->glmin);
+  swap_16(&n->qform_code);
+  swap_16(&n->sform_code);
+  swap_32(&n->quatern_b);
+  swap_32(&n->quatern_c);
+  swap_32(&n->quatern_d);
+  swap_32(&n->qoffset_x);
+  swap_32(&n->qoffset_y);
+  swap_32(&n->qoffset_z);
+  for (int i = 0; i < 4; i++) {
+    swap_32(&n->srow_x[i]);
+    swap_32(&n->srow_y[i]);
+    swap_32(&n->srow_z[i]);
+  }
+}
+
+int storage_type_missing(const char *header_name) {
+  printf("Error: the file type is not recognized,\n");
+  printf("so it was assumed to be an xdisplay file without an extension.\n");
+  printf("However, the storage type was not read from file %s\n", header_name);
+  printf("Valid types end in .nii, .img, .bshort, .bfloat, .blong, or _'\n");
+  return 1;
+}
+
+int32_t int_at(const unsigned char *bytes) {
+  int32_t v;
+  memcpy(&v, bytes, sizeof v);
+  return v;
+}
+
+}  // namespace
+
+FILE *fopen_regular(const char *name, const char *mode) {
+  FILE *file = fopen(name, mode);
+  if (file == nullptr) return nullptr;
+  struct stat st;
+  if (fstat(fileno(file), &st) != 0 || S_ISDIR(st.st_mode)) {
+    fclose(file);
+    return nullptr;
+  }
+  return file;
+}
+
+int machine_byte_order() {
+  const uint16_t probe = 1;
+  unsigned char first;
+  memcpy(&first, &probe, 1);
+  return first == 1 ? LITTLE_ENDIAN_ORDER : BIG_ENDIAN_ORDER;
+}
+
+void swap_16(void *p) {
+  unsigned char *b = static_cast<unsigned char *>(p);
+  unsigned char t = b[0];
+  b[0] = b[1];
+  b[1] = t;
+}
+
+void swap_32(void *p) {
+  unsigned char *b = static_cast<unsigned char *>(p);
+  unsigned char t = b[0];
+  b[0] = b[3];
+  b[3] = t;
+  t = b[1];
+  b[1] = b[2];
+  b[2] = t;
+}
+
+int get_extension(char *name, int *type, char *extension) {
+  size_t len = strlen(name);
+  if (len > 0 && name[len - 1] == '\n') name[len - 1] = '\0';
+  const char *dot = strrchr(name, '.');
+  if (dot == nullptr) {
+    printf("The file name has no extension!\n");
+    return 1;
+  }
+  snprintf(extension, KEP_LINE, "%s", dot + 1);
+  static const struct {
+    const char *text;
+    int code;
+  } known[] = {{"bshort", FILE_BSHORT}, {"bfloat", FILE_BFLOAT}, {"blong", FILE_BLONG},
+               {"ushort", FILE_USHORT}, {"nii", FILE_NII},       {"img", FILE_IMG}};
+  *type = FILE_UNKNOWN;
+  for (const auto &k : known)
+    if (same(extension, k.text)) *type = k.code;
+  return 0;
+}
+
+int replace_extension(char *name, int *type, const char *new_extension, char *result) {
+  char extension[KEP_LINE];
+  if (get_extension(name, type, extension)) return 1;
+  snprintf(result, KEP_LINE, "%s", name);
+  char *dot = strrchr(result, '.');
+  if (dot == nullptr) {
+    printf("Programming error in replace_extension.\n");
+    exit(1);
+  }
+  size_t room = KEP_LINE - static_cast<size_t>(dot + 1 - result);
+  snprintf(dot + 1, room, "%s", new_extension);
+  return 0;
+}
+
+int xdisplay_format(char *name) {
+  char *dot = strrchr(name, '.');
+  if (dot == nullptr) return -1;
+  *dot = '\0';
+  const char *ext = dot + 1;
+  if (same(ext, "bfloat")) return FILE_BFLOAT;
+  if (same(ext, "bshort")) return FILE_BSHORT;
+  if (same(ext, "ushort")) return FILE_USHORT;
+  if (same(ext, "img")) return FILE_IMG;
+  if (same(ext, "nii")) return FILE_NII;
+  return -1;
+}
+
+int decode_xdisplay_header_keyword(const char *line, XD_HEADER *h) {
+  char keyword[KEP_LINE], word[KEP_LINE];
+  const char *value = split_keyword(line, keyword);
+  if (same(keyword, "info") || same(keyword, "info:") || same(keyword, "information") ||
+      same(keyword, "information:"))
+    return -1;
+  int i[4];
+  float f[4];
+  if (same(keyword, "x") || same(keyword, "y") || same(keyword, "z") || same(keyword, "t") ||
+      same(keyword, "byte-order") || same(keyword, "degrees-of-freedom")) {
+    if (sscanf(value, "%d", &i[0]) != 1) return 1;
+    switch (keyword[0]) {
+      case 'x':
+        h->dim.x = i[0];
+        break;
+      case 'y':
+        h->dim.y = i[0];
+        break;
+      case 'z':
+        h->dim.z = i[0];
+        break;
+      case 't':
+        h->nt = i[0];
+        break;
+      case 'b':
+        h->byte_order = i[0];
+        break;
+      default:
+        h->lDOF = i[0];
+        break;
+    }
+    return 0;
+  }
+  if (same(keyword, "matrix")) {
+    int n = sscanf(value, "%d %d %d %d", &i[0], &i[1], &i[2], &i[3]);
+    if (n < 3) return 1;
+    h->dim = {i[0], i[1], i[2]};
+    if (n == 4) h->nt = i[3];
+    return 0;
+  }
+  if (same(keyword, "resolution")) {
+    int n = sscanf(value, "%f %f %f %f", &f[0], &f[1], &f[2], &f[3]);
+    if (n < 3) return 1;
+    h->resolution = {f[0], f[1], f[2]};
+    h->resolution_t = n == 4 ? f[3] : 0.0f;
+    return 0;
+  }
+  if (same(keyword, "origin")) {
+    if (sscanf(value, "%f %f %f", &f[0], &f[1], &f[2]) != 3) return 1;
+    h->origin = {f[0], f[1], f[2]};
+    return 0;
+  }
+  if (same(keyword, "direction")) {
+    if (sscanf(value, "%f %f %f", &f[0], &f[1], &f[2]) != 3) return 1;
+    if (fabsf(f[0]) != 1.0f || fabsf(f[1]) != 1.0f || fabsf(f[2]) != 1.0f) {
+      printf("Error: allowed values for direction (%g,%g,%g) are 1 and -1.\n", f[0], f[1], f[2]);
+      return 1;
+    }
+    h->direction = {f[0], f[1], f[2]};
+    return 0;
+  }
+  if (same(keyword, "data-type")) {
+    if (sscanf(value, "%1023s", word) == 1) {
+      if (same(word, "magnitude"))
+        h->data_type = DATA_MAGNITUDE;
+      else if (same(word, "complex") || same(word, "real-imaginary"))
+        h->data_type = DATA_COMPLEX;
+      else if (same(word, "magnitude-phase"))
+        h->data_type = DATA_MAGNITUDE_PHASE;
+      else
+        word[0] = '\0';
+      if (word[0] != '\0') return 0;
+    }
+    h->data_type = DATA_MAGNITUDE;
+    printf(
+        "Error: arguments for data-type are\n1) magnitude (this is the default),\n"
+        "2) complex (or real-imaginary),\n3) magnitude-phase\n");
+    return 1;
+  }
+  if (same(keyword, "storage-type")) {
+    if (sscanf(value, "%1023s", word) == 1) {
+      static const char *names[] = {"short", "float", "long", "unsigned-short", "unsigned-char"};
+      for (int k = 0; k < 5; k++)
+        if (same(word, names[k])) {
+          h->storage_type = k + 1;
+          return 0;
+        }
+    }
+    printf(
+        "Error: arguments for storage-type are ...\n    short, float, long, unsigned-short, unsigned-char\n");
+    return 1;
+  }
+  if (same(keyword, "registration")) {
+    if (sscanf(value, "%1023s", word) == 1) {
+      if (same(word, "paxinos-rat")) {
+        h->registration = -1;
+        return 0;
+      }
+      if (same(word, "PW-rat")) {
+        h->registration = 1;
+        return 0;
+      }
+    }
+    printf(
+        "Error: arguments for registration are\n1) paxinos-rat, and\n2) nothing else (paxinos-monkey "
+        "later?)\n");
+    return 1;
+  }
+  return 1;
+}
+
+int read_xdisplay_header_stream(FILE *file, const char *header_name, XD_HEADER *h) {
+  char line[KEP_LINE];
+  bool first = true;
+  int count = 1;
+  while (read_header_line(file, line)) {
+    if (blank_line(line)) continue;
+    if (first) {
+      first = false;
+      if (decode_xdisplay_header_keyword(line, h) != 0) {
+        // An older first-line form: four numbers, not used.
+        int a, b, c, d;
+        if (sscanf(line, "%d %d %d %d", &a, &b, &c, &d) != 4) {
+          printf("Error reading the 1st line of the xds header file '%s'.\n", header_name);
+          return 1;
+        }
+      }
+      continue;
+    }
+    int result = decode_xdisplay_header_keyword(line, h);
+    if (result == -1) break;
+    if (result == 1) {
+      printf("Error reading line %d of file '%s'\n", count, header_name);
+      return 1;
+    }
+    count++;
+  }
+  if (check_dimensions(h, header_name)) return 1;
+  h->ijk_to_xyz =
+      scale_and_shift_to_mat44(h->resolution.x, h->resolution.y, h->resolution.z, h->origin.x, h->origin.y,
+                               h->origin.z, h->direction.x, h->direction.y, h->direction.z);
+  return 0;
+}
+
+int read_xdisplay_header(const char *name, XD_HEADER *h) {
+  char copy[KEP_LINE], header_name[KEP_LINE];
+  int type = 0;
+  snprintf(copy, sizeof copy, "%s", name);
+  if (replace_extension(copy, &type, "hdr", header_name)) return 1;
+  FILE *file = fopen_regular(header_name, "r");
+  if (file == nullptr) {
+    printf("Error: cannot open xdisplay file %s.\n", header_name);
+    return 1;
+  }
+  int result = read_xdisplay_header_stream(file, header_name, h);
+  fclose(file);
+  return result;
+}
+
+int decode_nifti_header(const unsigned char *bytes, size_t size, const char *header_name, XD_HEADER *h) {
+  nifti_1_header n;
+  memcpy(&n, bytes, sizeof n);
+  // Only the first extension is looked at, and only for the degrees of freedom.
+  if (size >= NIFTI_HEADER_SIZE + 4 && bytes[NIFTI_HEADER_SIZE] != 0) {
+    const unsigned char *ext = bytes + NIFTI_HEADER_SIZE + 4;
+    if (size < NIFTI_HEADER_SIZE + 8) {
+      printf("Error: A NIFTI1 extension was indicated, but it is missing.\n");
+      return 1;
+    }
+    if (size < NIFTI_HEADER_SIZE + 12) {
+      printf("Error: A NIFTI1 extension was indicated, but the ecode is missing.\n");
+      return 1;
+    }
+    if (int_at(ext + 4) == NIFTI_DOF_ECODE) {
+      if (size < NIFTI_HEADER_SIZE + 16) {
+        printf("Error read degrees of freedom.\n");
+        return 1;
+      }
+      h->lDOF = int_at(ext + 8);
+    }
+  }
+  if (n.dim[0] < 1 || n.dim[0] > 7) {
+    swap_nifti_header(&n);
+    // The data are in the file's order, which is not the machine's.
+    h->byte_order = 1 - machine_byte_order();
+  }
+  h->dim = {n.dim[1], n.dim[2], n.dim[3]};
+  if (n.dim[0] > 4) {
+    printf("Error: kep does not currently handle data of dimensionality (%d) > 4.\n", n.dim[0]);
+    return 1;
+  }
+  h->nt = n.dim[0] == 4 ? n.dim[4] : 1;
+  h->resolution = {n.pixdim[1], n.pixdim[2], n.pixdim[3]};
+  h->resolution_t = n.pixdim[4];
+  // A slope that is not a finite number means no scaling, as files in
+  // circulation that carry NaN there intend.
+  h->scale_slope = std::isfinite(n.scl_slope) ? n.scl_slope : 0.0f;
+  h->scale_offset = n.scl_inter;
+  h->qfac = n.pixdim[0];
+  h->quaternion = {n.quatern_b, n.quatern_c, n.quatern_d};
+  h->voxel_offset = n.vox_offset;
+  switch (n.datatype) {
+    case NIFTI_INT16:
+      h->storage_type = STORAGE_SHORT;
+      break;
+    case NIFTI_FLOAT32:
+      h->storage_type = STORAGE_FLOAT;
+      break;
+    case NIFTI_COMPLEX64:
+      h->storage_type = STORAGE_FLOAT;
+      h->data_type = DATA_COMPLEX;
+      break;
+    case NIFTI_INT32:
+      h->storage_type = STORAGE_LONG;
+      break;
+    case NIFTI_UINT16:
+      h->storage_type = STORAGE_USHORT;
+      break;
+    case NIFTI_UINT8:
+      h->storage_type = STORAGE_UCHAR;
+      break;
+    default:
+      printf("Error: the Nifti data storage type %d is not supported.\n", n.datatype);
+      return 1;
+  }
+  if (check_dimensions(h, header_name)) return 1;
+  if (!(h->voxel_offset >= 0.0f && h->voxel_offset < 1e15f)) {
+    printf("Error: the voxel offset (%g) in file %s is not valid.\n", h->voxel_offset, header_name);
+    return 1;
+  }
+  // A single file keeps its data after the 352 bytes of header and extender;
+  // older writers left vox_offset 0 there.
+  if (h->file_type == FILE_NII && h->voxel_offset < NIFTI_HEADER_SIZE + 4) h->voxel_offset = NIFTI_HEADER_SIZE + 4;
+  int method;
+  if (n.qform_code == 0) {
+    method = 1;
+    h->origin = {0.0f, 0.0f, 0.0f};
+    h->ijk_to_xyz = scale_and_shift_to_mat44(h->resolution.x, h->resolution.y, h->resolution.z, 0.0f, 0.0f,
+                                             0.0f, h->direction.x, h->direction.y, h->direction.z);
+  } else if (n.sform_code == 0) {
+    method = 2;
+    h->ijk_to_xyz = nifti_quatern_to_mat44(n.quatern_b, n.quatern_c, n.quatern_d, n.qoffset_x, n.qoffset_y,
+                                           n.qoffset_z, n.pixdim[1], n.pixdim[2], n.pixdim[3], n.pixdim[0]);
+  } else {
+    method = 3;
+    h->ijk_to_xyz = general_affine_to_mat44(n.srow_x, n.srow_y, n.srow_z);
+  }
+  set_orientation_from_matrix(h);
+  static const char *methods[] = {"", "1: the old analyze format", "2: quaternion rotations",
+                                  "3: affine transformation of voxel indices"};
+  printf("The NIFTI header for file %s uses Method %s\n", h->file_name, methods[method]);
+  return 0;
+}
+
+int read_nifti_header(const char *name, XD_HEADER *h) {
+  char header_name[KEP_LINE];
+  if (h->file_type == FILE_IMG) {
+    char copy[KEP_LINE];
+    int type = 0;
+    snprintf(copy, sizeof copy, "%s", name);
+    if (replace_extension(copy, &type, "hdr", header_name)) return 1;
+  } else {
+    snprintf(header_name, sizeof header_name, "%s", name);
+  }
+  FILE *file = fopen_regular(header_name, "rb");
+  if (file == nullptr) {
+    printf("Error: cannot open Nifti file %s.\n", header_name);
+    return 1;
+  }
+  unsigned char bytes[NIFTI_HEADER_SIZE + 16];
+  size_t size = fread(bytes, 1, NIFTI_HEADER_SIZE, file);
+  if (size < NIFTI_HEADER_SIZE) {
+    fclose(file);
+    fprintf(stderr, "\nError reading header file %s\n", header_name);
+    exit(1);
+  }
+  // The extender, and when it announces one, the extension's size, code and first word.
+  size += fread(bytes + size, 1, 4, file);
+  if (size == NIFTI_HEADER_SIZE + 4 && bytes[NIFTI_HEADER_SIZE] != 0)
+    size += fread(bytes + size, 1, sizeof bytes - size, file);
+  fclose(file);
+  return decode_nifti_header(bytes, size, header_name, h);
+}
+
+int decode_freesurfer_header_keyword(const char *line, XD_HEADER *h, float *corners) {
+  char keyword[KEP_LINE];
+  const char *value = split_keyword(line, keyword);
+  static const char *ints[] = {"cols:", "rows:", "nslices:", "n_time_points:"};
+  int *targets[] = {&h->dim.x, &h->dim.y, &h->dim.z, &h->nt};
+  for (int k = 0; k < 4; k++)
+    if (same(keyword, ints[k])) return sscanf(value, "%d", targets[k]) == 1 ? 0 : 1;
+  if (same(keyword, "slice_thick:")) return sscanf(value, "%f", &h->resolution.z) == 1 ? 0 : 1;
+  static const char *floats[] = {
+      "top_left_r:",     "top_left_a:",     "top_left_s:",     "top_right_r:", "top_right_a:", "top_right_s:",
+      "bottom_right_r:", "bottom_right_a:", "bottom_right_s:", "normal_r:",    "normal_a:",    "normal_s:",
+      "image_te:",       "image_tr:",       "image_ti:",       "flip_angle:"};
+  for (int k = 0; k < 16; k++)
+    if (same(keyword, floats[k])) return sscanf(value, "%f", &corners[k]) == 1 ? 0 : 1;
+  return 1;
+}
+
+int read_freesurfer_header(const char *name, XD_HEADER *h) {
+  size_t len = strlen(name);
+  if (len == 0 || name[len - 1] != '_') {
+    printf("Programming error: file name should end with '_' in read_freesurfer_header\n");
+    exit(1);
+  }
+  h->file_type = FILE_FREESURFER;
+  std::string stem(name, len - 1);
+  std::string bhdr = stem + ".bhdr";
+  FILE *file = fopen_regular(bhdr.c_str(), "r");
+  if (file == nullptr) {
+    printf("Error: cannot open freesurfer bhdr file %s.\n", bhdr.c_str());
+    return 1;
+  }
+  float corners[16] = {};
+  char line[KEP_LINE];
+  int count = 1;
+  while (read_header_line(file, line)) {
+    if (blank_line(line)) continue;
+    if (decode_freesurfer_header_keyword(line, h, corners)) {
+      printf("Error reading line %d of file '%s'\n", count, bhdr.c_str());
+      fclose(file);
+      return 1;
+    }
+    count++;
+  }
+  fclose(file);
+  if (check_dimensions(h, bhdr.c_str())) return 1;
+  double d[3];
+  for (int k = 0; k < 3; k++) d[k] = static_cast<double>(corners[3 + k]) - corners[k];
+  h->resolution.x = static_cast<float>(sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]) / h->dim.x);
+  for (int k = 0; k < 3; k++) d[k] = static_cast<double>(corners[6 + k]) - corners[3 + k];
+  h->resolution.y = static_cast<float>(sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]) / h->dim.y);
+
+  std::string slice_header = std::string(name) + "000.hdr";
+  file = fopen_regular(slice_header.c_str(), "r");
+  if (file == nullptr) {
+    printf("Error: cannot open freesurfer file %s.\n", slice_header.c_str());
+    return 1;
+  }
+  int a, b, c, order;
+  int scanned = fscanf(file, "%d %d %d %d", &a, &b, &c, &order);
+  fclose(file);
+  if (scanned != 4) {
+    printf("Error: the slice header %s does not hold four numbers.\n", slice_header.c_str());
+    return 1;
+  }
+  h->byte_order = order;
+
+  std::string probe = std::string(name) + "000.bshort";
+  if (FILE *f = fopen_regular(probe.c_str(), "rb")) {
+    fclose(f);
+    h->storage_type = STORAGE_SHORT;
+  } else {
+    probe = std::string(name) + "000.bfloat";
+    if (FILE *g = fopen_regular(probe.c_str(), "rb")) {
+      fclose(g);
+      h->storage_type = STORAGE_FLOAT;
+    } else {
+      printf("\nError: cannot open file %s as bshort or bfloat.\n", name);
+      return 1;
+    }
+  }
+  h->ijk_to_xyz =
+      scale_and_shift_to_mat44(h->resolution.x, h->resolution.y, h->resolution.z, h->origin.x, h->origin.y,
+                               h->origin.z, h->direction.x, h->direction.y, h->direction.z);
+  return 0;
+}
+
+void initialize_volume_header(const char *name, XD_HEADER *h) {
+  memset(h, 0, sizeof *h);
+  snprintf(h->file_name, sizeof h->file_name, "%s", name);
+  h->resolution = {1.0f, 1.0f, 1.0f};
+  h->direction = {1.0f, 1.0f, 1.0f};
+  h->byte_order = machine_byte_order();
+}
+
+void finish_volume_header(XD_HEADER *h) {
+  if (invertible(h->ijk_to_xyz)) {
+    h->xyz_to_ijk = invert_mat44(h->ijk_to_xyz);
+  } else {
+    // A degenerate geometry (a zero voxel size, say) must not stop the data
+    // from being read: world-to-voxel is then left as the identity.
+    printf("Warning: the voxel-to-world matrix of file %s cannot be inverted.\n", h->file_name);
+    h->xyz_to_ijk = mat44{};
+    for (int k = 0; k < 4; k++) h->xyz_to_ijk.m[k][k] = 1.0f;
+  }
+  h->fov = {h->resolution.x * h->dim.x, h->resolution.y * h->dim.y, h->resolution.z * h->dim.z};
+  h->n2d = h->dim.x * h->dim.y;
+  h->n3d = h->n2d * h->dim.z;
+  h->n4d = h->n3d * h->nt;
+}
+
+int read_volume_header(const char *name, XD_HEADER *h) {
+  initialize_volume_header(name, h);
+  char copy[KEP_LINE];
+  snprintf(copy, sizeof copy, "%s", name);
+  size_t len = strlen(copy);
+  int result = 0;
+  const char *slash = strrchr(copy, '/');
+  const char *dot = strrchr(copy, '.');
+  if (len > 0 && copy[len - 1] == '_') {
+    result = read_freesurfer_header(copy, h);
+  } else if (dot == nullptr || (slash != nullptr && dot < slash)) {
+    char header_name[KEP_LINE + 8];
+    snprintf(header_name, sizeof header_name, "%s.hdr", copy);
+    h->storage_type = -1;
+    result = read_xdisplay_header(header_name, h);
+    if (result == 0 && h->storage_type > 0) {
+      h->file_type = h->storage_type;
+    } else if (result == 0) {
+      result = storage_type_missing(header_name);
+    }
+  } else {
+    int type = 0;
+    char extension[KEP_LINE];
+    if (get_extension(copy, &type, extension)) return 1;
+    if (type == FILE_NII || type == FILE_IMG) {
+      h->file_type = type;
+      result = read_nifti_header(copy, h);
+    } else {
+      h->file_type = h->storage_type = type;
+      result = read_xdisplay_header(copy, h);
+      if (result == 0 && type == FILE_UNKNOWN) {
+        // Storage and file type of an unknown extension come from the ".hdr".
+        char header_name[KEP_LINE];
+        replace_extension(copy, &type, "hdr", header_name);
+        if (h->storage_type > 0) {
+          h->file_type = h->storage_type;
+        } else {
+          result = storage_type_missing(header_name);
+        }
+      }
+    }
+  }
+  if (result != 0) return 1;
+  if (check_sample_count(h, h->file_name)) return 1;
+  finish_volume_header(h);
+  return 0;
+}

@@ -1,0 +1,109 @@
+// Volume file headers: the decoded header record, the format codes and the
+// header readers shared by the file commands.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+
+#include "types.h"
+
+// File type codes, told by the name.
+constexpr int FILE_BSHORT = 1;
+constexpr int FILE_BFLOAT = 2;
+constexpr int FILE_BLONG = 3;
+constexpr int FILE_USHORT = 4;
+constexpr int FILE_NII = 6;
+constexpr int FILE_IMG = 7;
+constexpr int FILE_FREESURFER = 8;
+constexpr int FILE_UNKNOWN = -1;
+
+// Storage type codes (".hdr" word "storage-type", NIfTI datatype).
+constexpr int STORAGE_SHORT = 1;
+constexpr int STORAGE_FLOAT = 2;
+constexpr int STORAGE_LONG = 3;
+constexpr int STORAGE_USHORT = 4;
+constexpr int STORAGE_UCHAR = 5;
+
+// Data type codes.
+constexpr int DATA_MAGNITUDE = 0;
+constexpr int DATA_COMPLEX = 1;
+constexpr int DATA_MAGNITUDE_PHASE = 2;
+
+// Byte order codes.
+constexpr int BIG_ENDIAN_ORDER = 0;
+constexpr int LITTLE_ENDIAN_ORDER = 1;
+
+// NIfTI-1 datatype codes and the degrees-of-freedom extension code.
+constexpr int NIFTI_UINT8 = 2;
+constexpr int NIFTI_INT16 = 4;
+constexpr int NIFTI_INT32 = 8;
+constexpr int NIFTI_FLOAT32 = 16;
+constexpr int NIFTI_COMPLEX64 = 32;
+constexpr int NIFTI_UINT16 = 512;
+constexpr int NIFTI_DOF_ECODE = 20;
+constexpr int NIFTI_HEADER_SIZE = 348;
+
+struct XD_HEADER {
+  char file_name[KEP_LINE];
+  IPOINT3D dim;
+  POINT3D resolution;
+  POINT3D origin;
+  POINT3D direction;
+  POINT3D fov;
+  float resolution_t;
+  int nt;
+  int n2d;
+  int n3d;
+  int n4d;
+  int byte_order;
+  mat44 ijk_to_xyz;
+  mat44 xyz_to_ijk;
+  int off_diagonal;
+  int file_type;
+  int storage_type;
+  int data_type;
+  int lDOF;
+  float voxel_offset;
+  float scale_slope;
+  float scale_offset;
+  float qfac;
+  POINT3D quaternion;
+  int registration;
+};
+
+// The one entry point: decodes the header of the volume file `name`.
+// 0 on success, 1 on failure (message printed).
+int read_volume_header(const char *name, XD_HEADER *header);
+
+// The format readers, called by read_volume_header on an initialised header.
+int read_xdisplay_header(const char *name, XD_HEADER *header);
+int read_nifti_header(const char *name, XD_HEADER *header);
+int read_freesurfer_header(const char *name, XD_HEADER *header);
+
+// Decodes the text lines of an open ".hdr"; `header_name` is used in messages.
+int read_xdisplay_header_stream(FILE *file, const char *header_name, XD_HEADER *header);
+// Decodes a NIfTI-1 header held in memory: the 348 bytes followed by what
+// the file holds after them (`size` bytes in all). `size` must be >= 348.
+int decode_nifti_header(const unsigned char *bytes, size_t size, const char *header_name, XD_HEADER *header);
+
+// One ".hdr" line: 0 decoded, 1 bad line, -1 information keyword (ends the header).
+int decode_xdisplay_header_keyword(const char *line, XD_HEADER *header);
+// One ".bhdr" line: into the header or into the 16 floats of `corners`.
+int decode_freesurfer_header_keyword(const char *line, XD_HEADER *header, float *corners);
+
+// Name classifiers.
+int get_extension(char *name, int *type, char *extension);
+int replace_extension(char *name, int *type, const char *new_extension, char *result);
+int xdisplay_format(char *name);
+
+// fopen that treats a directory as a file that cannot be opened.
+FILE *fopen_regular(const char *name, const char *mode);
+
+int machine_byte_order();
+void swap_16(void *p);
+void swap_32(void *p);
+
+// Sets the fields read_volume_header starts from.
+void initialize_volume_header(const char *name, XD_HEADER *header);
+// Fills the derived fields (inverse, field of view, counts) of a decoded header.
+void finish_volume_header(XD_HEADER *header);

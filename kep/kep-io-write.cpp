@@ -1,0 +1,445 @@
+// Writing stacks to volume files: the output-file registry, the xdisplay and
+// NIfTI-1 headers, whole volumes and per-slice files.
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "io.h"
+#include "kep-io.h"
+#include "kep-prototypes.h"
+#include "numerics.h"
+
+std::unique_ptr<volume_file> output_file_root;
+
+namespace {
+
+struct file_closer {
+  void operator()(FILE *f) const { fclose(f); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+bool complex_output() { return (flags & FLAG_COMPLEX_OUTPUT) != 0; }
+
+// Short output: truncation toward zero; what does not fit 16 bits (and
+// -32768 itself) becomes 32767.
+inline int16_t to_short(float v) {
+  if (v > -32768.0f && v < 32768.0f) return static_cast<int16_t>(static_cast<int>(v));
+  return 32767;
+}
+
+// Unsigned short output: truncation to 32 bits, of which the low 16 are kept.
+inline uint16_t to_ushort(float v) {
+  int32_t i = INT32_MIN;
+  if (v > -2147483648.0f && v < 2147483648.0f) i = static_cast<int32_t>(v);
+  return static_cast<uint16_t>(static_cast<uint32_t>(i) & 0xffffu);
+}
+
+int storage_size(int storage) { return storage == STORAGE_FLOAT ? 4 : 2; }
+
+// Converts `count` samples starting at `samples` into `out` as the file's
+// elements: both numbers of each sample with complex output, else the
+// magnitude (the value itself for polar and map stacks).
+template <typename T, typename F>
+void convert_samples(const FCOMPLEX *samples, int64_t count, bool pairs, bool real_part, F to, T *out) {
+  if (pairs) {
+    const float *in = reinterpret_cast<const float *>(samples);
+    for (int64_t i = 0; i < 2 * count; i++) out[i] = to(in[i]);
+  } else if (real_part) {
+    for (int64_t i = 0; i < count; i++) out[i] = to(samples[i].real);
+  } else {
+    for (int64_t i = 0; i < count; i++) {
+      const double re = samples[i].real, im = samples[i].imag;
+      out[i] = to(static_cast<float>(sqrt(re * re + im * im)));
+    }
+  }
+}
+
+void convert_block(const volume_list *v, int64_t first, int64_t count, int storage, unsigned char *out) {
+  const FCOMPLEX *samples = v->SpaceTime.fcData + first;
+  const bool pairs = complex_output();
+  const bool real_part = v->stack != nullptr && (v->stack->status & (STATUS_POLAR | STATUS_MAP)) != 0;
+  switch (storage) {
+    case STORAGE_FLOAT:
+      convert_samples(
+          samples, count, pairs, real_part, [](float x) { return x; }, reinterpret_cast<float *>(out));
+      break;
+    case STORAGE_USHORT:
+      convert_samples(samples, count, pairs, real_part, to_ushort, reinterpret_cast<uint16_t *>(out));
+      break;
+    default:
+      convert_samples(samples, count, pairs, real_part, to_short, reinterpret_cast<int16_t *>(out));
+      break;
+  }
+}
+
+bool differs(const POINT3D &a, const POINT3D &b) { return a.x != b.x || a.y != b.y || a.z != b.z; }
+
+// The stack's geometry against the file's; `exact` prints "%f", else "%g".
+void warn_geometry(const data_stack *s, const volume_file *e, bool exact) {
+  if (differs(s->resolution, e->resolution)) {
+    if (exact)
+      printf(
+          "Warning: the resolution of stack %s (%f %f %f)\ndiffers from the resolution assigned to the file "
+          "(%f %f %f)\n",
+          s->name, s->resolution.x, s->resolution.y, s->resolution.z, e->resolution.x, e->resolution.y,
+          e->resolution.z);
+    else
+      printf(
+          "Warning: the resolution of stack %s (%g %g %g)\ndiffers from the resolution assigned to the file "
+          "(%g %g %g)\n",
+          s->name, s->resolution.x, s->resolution.y, s->resolution.z, e->resolution.x, e->resolution.y,
+          e->resolution.z);
+  }
+  if (exact && s->resolution_t != e->resolution_t)
+    printf("Warning: the time step of stack %s (%g)\ndiffers from that assigned to the file (%g)\n", s->name,
+           s->resolution_t, e->resolution_t);
+  if (differs(s->origin, e->origin)) {
+    if (exact)
+      printf(
+          "Warning: the origin of stack %s (%f %f %f)\ndiffers from the origin assigned to the file (%f %f "
+          "%f)\n",
+          s->name, s->origin.x, s->origin.y, s->origin.z, e->origin.x, e->origin.y, e->origin.z);
+    else
+      printf(
+          "Warning: the origin of stack %s (%g %g %g)\ndiffers from the origin assigned to the file (%g %g "
+          "%g)\n",
+          s->name, s->origin.x, s->origin.y, s->origin.z, e->origin.x, e->origin.y, e->origin.z);
+  }
+  if (differs(s->direction, e->direction)) {
+    if (exact)
+      printf(
+          "Warning: the direction of stack %s (%f %f %f)\ndiffers from the direction assigned to the file "
+          "(%f %f %f)\n",
+          s->name, s->direction.x, s->direction.y, s->direction.z, e->direction.x, e->direction.y,
+          e->direction.z);
+    else
+      printf(
+          "Warning: the direction of stack %s (%g %g %g)\ndiffers from the direction assigned to the file "
+          "(%g %g %g)\n",
+          s->name, s->direction.x, s->direction.y, s->direction.z, e->direction.x, e->direction.y,
+          e->direction.z);
+  }
+}
+
+void take_geometry(volume_file *e, const data_stack *s) {
+  e->resolution = s->resolution;
+  e->origin = s->origin;
+  e->direction = s->direction;
+  e->registration = s->registration;
+  e->lDOF = s->lDOF;
+  e->resolution_t = s->resolution_t;
+}
+
+[[noreturn]] void empty_list() {
+  printf("Programming error: nt=0 in routine write-xdisplay !!?\n");
+  exit(1);
+}
+
+int unsupported_format() {
+  printf("Error: that output file format is not supported.\n");
+  printf("Use the `bfloat' extension or use `bshort' after `rescale'.\n");
+  return 1;
+}
+
+int write_error(const char *name) {
+  printf("Error writing the output file %s.\n", name);
+  return 1;
+}
+
+// Closes a written file; a failing flush is a failing write.
+int close_written(file_ptr &file, const char *name) {
+  const bool failed = ferror(file.get()) != 0;
+  FILE *f = file.release();
+  if (fclose(f) != 0 || failed) return write_error(name);
+  return 0;
+}
+
+}  // namespace
+
+volume_file *install_file(const char *stem) {
+  std::unique_ptr<volume_file> *slot = &output_file_root;
+  for (; *slot; slot = &(*slot)->next)
+    if (strcmp((*slot)->name, stem) == 0) return slot->get();
+  slot->reset(new (std::nothrow) volume_file);
+  if (!*slot) {
+    printf("Error: out of memory in routine `install_file'.\n");
+    exit(1);
+  }
+  snprintf((*slot)->name, sizeof(*slot)->name, "%s", stem);
+  return slot->get();
+}
+
+void clear_output_files() {
+  while (output_file_root) output_file_root = std::move(output_file_root->next);
+}
+
+int write_xdisplay_header_file(const char *stem, const volume_file *e) {
+  char name[KEP_LINE + 8];
+  snprintf(name, sizeof name, "%s.hdr", stem);
+  file_ptr file(fopen(name, "w"));
+  if (!file) {
+    printf("Error: cannot open the header file %s.\n", name);
+    return 1;
+  }
+  FILE *f = file.get();
+  if (complex_output()) fprintf(f, "data-type complex  # data are stored as (real, imag) pairs\n");
+  fprintf(f, "x %d\ny %d\nz %d\nt %d\nbyte-order %d\n", e->dim.x, e->dim.y, e->dim.z, e->nt,
+          machine_byte_order());
+  if (e->resolution_t != 0.0f)
+    fprintf(f, "resolution %g %g %g %g\n", e->resolution.x, e->resolution.y, e->resolution.z,
+            e->resolution_t);
+  else
+    fprintf(f, "resolution %g %g %g 1\n", e->resolution.x, e->resolution.y, e->resolution.z);
+  fprintf(f, "origin %g %g %g\n", e->origin.x, e->origin.y, e->origin.z);
+  fprintf(f, "direction %g %g %g\n", e->direction.x, e->direction.y, e->direction.z);
+  if (e->registration == 1)
+    fprintf(f, "registration PW-rat\n");
+  else if (e->registration == -1)
+    fprintf(f, "registration paxinos-rat\n");
+  if (e->lDOF != 0) fprintf(f, "degrees-of-freedom %d\n", e->lDOF);
+  return close_written(file, name);
+}
+
+int write_nifti_header(int format, int storage, int first, const char *stem, const volume_file *e) {
+  nifti_1_header n;
+  memset(&n, 0, sizeof n);
+  n.sizeof_hdr = NIFTI_HEADER_SIZE;
+  n.regular = 'r';
+  const short dims[8] = {4,
+                         static_cast<short>(e->dim.x),
+                         static_cast<short>(e->dim.y),
+                         static_cast<short>(e->dim.z),
+                         static_cast<short>(e->nt),
+                         1,
+                         1,
+                         1};
+  memcpy(n.dim, dims, sizeof dims);
+  const bool pairs = complex_output();
+  n.datatype = pairs ? NIFTI_COMPLEX64 : storage == STORAGE_FLOAT ? NIFTI_FLOAT32 : NIFTI_INT16;
+  n.bitpix = pairs ? 64 : 32;
+  const mat44 m =
+      scale_and_shift_to_mat44(e->resolution.x, e->resolution.y, e->resolution.z, e->origin.x, e->origin.y,
+                               e->origin.z, e->direction.x, e->direction.y, e->direction.z);
+  float dx, dy, dz, qfac;
+  nifti_mat44_to_quatern(m, &n.quatern_b, &n.quatern_c, &n.quatern_d, &n.qoffset_x, &n.qoffset_y,
+                         &n.qoffset_z, &dx, &dy, &dz, &qfac);
+  n.pixdim[0] = qfac;
+  n.pixdim[1] = e->resolution.x;
+  n.pixdim[2] = e->resolution.y;
+  n.pixdim[3] = e->resolution.z;
+  n.pixdim[4] = e->resolution_t;
+  n.vox_offset = format == FILE_NII ? (e->lDOF != 0 ? 368.0f : 352.0f) : 0.0f;
+  n.xyzt_units = 2;
+  n.qform_code = 1;
+  n.sform_code = nifti_method == 2 ? 0 : 1;
+  const float sx[4] = {e->resolution.x * e->direction.x, 0.0f, 0.0f, e->origin.x};
+  const float sy[4] = {0.0f, e->resolution.y * e->direction.y, 0.0f, e->origin.y};
+  const float sz[4] = {0.0f, 0.0f, e->resolution.z * e->direction.z, e->origin.z};
+  memcpy(n.srow_x, sx, sizeof sx);
+  memcpy(n.srow_y, sy, sizeof sy);
+  memcpy(n.srow_z, sz, sizeof sz);
+  memcpy(n.magic, format == FILE_NII ? "n+1" : "ni1", 4);
+
+  char name[KEP_LINE + 8];
+  snprintf(name, sizeof name, "%s.%s", stem, format == FILE_NII ? "nii" : "hdr");
+  file_ptr file(fopen(name, format == FILE_NII && !first ? "rb+" : "wb"));
+  if (!file) {
+    printf("Error: cannot open the header file %s.\n", name);
+    return 1;
+  }
+  if (fwrite(&n, sizeof n, 1, file.get()) != 1) {
+    printf("Error writing the NIFTI header into file %s\n", name);
+    return 1;
+  }
+  if (format == FILE_NII) {
+    const unsigned char extender[4] = {static_cast<unsigned char>(e->lDOF != 0 ? 1 : 0), 0, 0, 0};
+    if (fwrite(extender, 1, 4, file.get()) != 4) {
+      fprintf(stderr, "\nError writing header file extension pad %s\n", name);
+      return 1;
+    }
+    if (e->lDOF != 0) {
+      const int32_t extension[4] = {16, NIFTI_DOF_ECODE, e->lDOF, 0};
+      if (fwrite(extension, sizeof extension, 1, file.get()) != 1) {
+        fprintf(stderr, "\nError writing nifti header extension for DOF %s\n", name);
+        return 1;
+      }
+    }
+  }
+  FILE *f = file.release();
+  if (fclose(f) != 0) {
+    printf("Error writing the NIFTI header into file %s\n", name);
+    return 1;
+  }
+  return 0;
+}
+
+int write_output_file(int requested_storage, const char *root) {
+  char stem[KEP_LINE];
+  snprintf(stem, sizeof stem, "%s", root);
+  const int format = xdisplay_format(stem);
+  if (format < 0) return unsupported_format();
+  if (volume_list_root == nullptr) empty_list();
+  IPOINT3D dim;
+  int count = 0;
+  if (inconsistent_3d_dimensions(&dim, &count)) return 1;
+
+  static const char *extensions[] = {"", "bshort", "bfloat", "", "ushort", "", "nii", "img"};
+  char name[KEP_LINE + 8];
+  snprintf(name, sizeof name, "%s.%s", stem, extensions[format]);
+  int storage = format;
+  if (format == FILE_NII || format == FILE_IMG)
+    storage = requested_storage == STORAGE_SHORT || requested_storage == STORAGE_FLOAT ? requested_storage
+                                                                                       : STORAGE_FLOAT;
+  const data_stack *first_stack = volume_list_root->stack;
+
+  int volumes = 0;
+  for (const volume_list *v = volume_list_root; v; v = v->next) volumes++;
+  volume_file *entry = install_file(stem);
+  const bool existed = entry->nt > 0;
+  if ((format == FILE_NII || format == FILE_IMG) &&
+      (dim.x > SHRT_MAX || dim.y > SHRT_MAX || dim.z > SHRT_MAX ||
+       static_cast<long>(entry->nt) + volumes > SHRT_MAX)) {
+    printf("Error: %d volume(s) of dimension %d x %d x %d do not fit a NIFTI-1 header.\n",
+           entry->nt + volumes, dim.x, dim.y, dim.z);
+    return 1;
+  }
+  file_ptr file;
+  if (existed) {
+    if (entry->dim.x != dim.x || entry->dim.y != dim.y || entry->dim.z != dim.z) {
+      printf("Error: the xdisplay file `%s' has different dimensions.\n", name);
+      return 1;
+    }
+    if (entry->data_type != storage) {
+      printf("Error: don't mix data types in output file `%s'\n", name);
+      return 1;
+    }
+    if (entry->registration != first_stack->registration)
+      printf("Warning: o not combine registered and un-registered data in the same file.\n");
+    file.reset(fopen(name, "ab"));
+    if (!file) {
+      printf("Error: cannot open the existing file %s.\n", name);
+      return 1;
+    }
+  } else {
+    entry->dim = dim;
+    take_geometry(entry, first_stack);
+    entry->data_type = storage;
+    if (format == FILE_NII) {
+      if (write_nifti_header(format, storage, 1, stem, entry)) return 1;
+      file.reset(fopen(name, "rb+"));
+      if (file && fseek(file.get(), 0, SEEK_END) != 0) file.reset();
+    } else {
+      file.reset(fopen(name, "wb"));
+    }
+    if (!file) {
+      printf("Error: cannot open the new file %s.\n", name);
+      return 1;
+    }
+  }
+  entry->nt += volumes;
+  if (complex_output() && (format == FILE_NII || format == FILE_IMG) && storage == STORAGE_SHORT) {
+    printf("There is no NIFTI data type for complex shorts; use complex floats.\n");
+    return 1;
+  }
+
+  const int64_t n3d = static_cast<int64_t>(dim.x) * dim.y * dim.z;
+  const int64_t elements = n3d * (complex_output() ? 2 : 1);
+  const size_t bytes = static_cast<size_t>(elements) * storage_size(storage);
+  std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[bytes > 0 ? bytes : 1]);
+  if (!buffer) alloc_error("Allocation error in float_vector().");
+  const data_stack *previous = nullptr;
+  for (const volume_list *v = volume_list_root; v; v = v->next) {
+    if (v->stack != previous) {
+      previous = v->stack;
+      if (v->stack != nullptr) warn_geometry(v->stack, entry, true);
+    }
+    convert_block(v, 0, n3d, storage, buffer.get());
+    if (fwrite(buffer.get(), 1, bytes, file.get()) != bytes) return write_error(name);
+  }
+  if (close_written(file, name)) return 1;
+  int failed = 0;
+  if (format == FILE_NII || format == FILE_IMG)
+    failed = write_nifti_header(format, storage, 0, stem, entry);
+  else
+    failed = write_xdisplay_header_file(stem, entry);
+  if (failed) return 1;
+  printf("%d volume(s) of dimension %d x %d x %d were written to file %s.\n", volumes, entry->dim.x,
+         entry->dim.y, entry->dim.z, stem);
+  if (existed) printf("%d volumes now reside in file %s.\n", entry->nt, stem);
+  return 0;
+}
+
+int write_slices(const char *root) {
+  char stem[KEP_LINE];
+  snprintf(stem, sizeof stem, "%s", root);
+  const int format = xdisplay_format(stem);
+  if (format < 0) return unsupported_format();
+  const int storage = format == FILE_BFLOAT ? STORAGE_FLOAT : STORAGE_SHORT;
+  const char *extension = storage == STORAGE_FLOAT ? "bfloat" : "bshort";
+  if (volume_list_root == nullptr) empty_list();
+  IPOINT3D dim;
+  int count = 0;
+  if (inconsistent_3d_dimensions(&dim, &count)) return 1;
+
+  volume_file *entry = install_file(stem);
+  const bool existed = entry->nt > 0;
+  if (existed) {
+    if (entry->dim.x != dim.x || entry->dim.y != dim.y || entry->dim.z != 1) {
+      printf("Error: the xdisplay file `%s' has different dimensions.\n", stem);
+      return 1;
+    }
+  } else {
+    entry->dim = {dim.x, dim.y, 1};
+    take_geometry(entry, volume_list_root->stack);
+    entry->data_type = storage;
+  }
+  int volumes = 0;
+  for (const volume_list *v = volume_list_root; v; v = v->next) volumes++;
+  entry->nt += volumes;
+
+  const int64_t n2d = static_cast<int64_t>(dim.x) * dim.y;
+  const int64_t elements = n2d * (complex_output() ? 2 : 1);
+  const size_t bytes = static_cast<size_t>(elements) * storage_size(storage);
+  std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[bytes > 0 ? bytes : 1]);
+  if (!buffer) alloc_error("Allocation error in float_vector().");
+  for (int z = 0; z < dim.z; z++) {
+    char name[KEP_LINE + 32], header[KEP_LINE + 32];
+    const char *pad = z <= 9 ? "_00" : "_0";
+    snprintf(name, sizeof name, "%s%s%d.%s", stem, pad, z, extension);
+    snprintf(header, sizeof header, "%s%s%d.hdr", stem, pad, z);
+    file_ptr file(fopen(name, existed ? "a" : "w"));
+    if (!file) {
+      printf(existed ? "Error: cannot open the existing file %s.\n" : "Error: cannot open the new file %s.\n",
+             name);
+      return 1;
+    }
+    for (const volume_list *v = volume_list_root; v; v = v->next) {
+      if (v->stack != nullptr) warn_geometry(v->stack, entry, false);
+      convert_block(v, z * n2d, n2d, storage, buffer.get());
+      if (fwrite(buffer.get(), 1, bytes, file.get()) != bytes) return write_error(name);
+    }
+    if (close_written(file, name)) return 1;
+    file_ptr hdr(fopen(header, "w"));
+    if (!hdr) {
+      printf("Error: cannot open the header file %s.\n", header);
+      return 1;
+    }
+    FILE *f = hdr.get();
+    if (complex_output()) fprintf(f, "data-type complex  # data are stored as (real, imag) pairs\n");
+    fprintf(f, "x %d\ny %d\nz %d\nt %d\nbyte-order %d\n", entry->dim.x, entry->dim.y, 1, entry->nt,
+            machine_byte_order());
+    fprintf(f, "resolution %g %g %g\n", entry->resolution.x, entry->resolution.y, entry->resolution.z);
+    fprintf(f, "origin %g %g %g\n", entry->origin.x, entry->origin.y, entry->origin.z);
+    fprintf(f, "direction %g %g %g\n", entry->direction.x, entry->direction.y, entry->direction.z);
+    if (close_written(hdr, header)) return 1;
+  }
+  printf("%d slices of dimension %d x %d x %d were written to separate files.\n", dim.z, dim.x, dim.y,
+         entry->nt);
+  if (existed) printf("%d volumes now reside in files of type %s.\n", entry->nt, stem);
+  return 0;
+}

@@ -1,0 +1,29 @@
+// The output-file registry and the header writers behind the write commands.
+#pragma once
+
+#include <memory>
+
+#include "kep.h"
+
+// One file written by this process, keyed by its name without extension.
+struct volume_file {
+  char name[KEP_LINE]{};
+  IPOINT3D dim{0, 0, 0};
+  int nt = 0;  // 0: the entry is new
+  POINT3D resolution{1.0f, 1.0f, 1.0f};
+  POINT3D origin{0.0f, 0.0f, 0.0f};
+  POINT3D direction{1.0f, 1.0f, 1.0f};
+  float resolution_t = 0.0f;
+  int data_type = 0;  // storage code of the file
+  int registration = 0;
+  int lDOF = 0;
+  std::unique_ptr<volume_file> next;
+};
+
+extern std::unique_ptr<volume_file> output_file_root;
+
+volume_file *install_file(const char *stem);
+int write_xdisplay_header_file(const char *stem, const volume_file *entry);
+int write_nifti_header(int format, int storage, int first, const char *stem, const volume_file *entry);
+// Forgets every written file (the registry otherwise lives for the process).
+void clear_output_files();

@@ -1,0 +1,257 @@
+"""NIfTI-1 files: what kep writes loads in nibabel, what nibabel writes reads into kep."""
+import glob
+import os
+import struct
+from pathlib import Path
+
+import nibabel as nib
+import numpy as np
+import pytest
+
+from io_files import kep_values, read_xdisplay, write_xdisplay
+
+NIBABEL_DATA = Path("/usr/lib/python3/dist-packages/nibabel/tests/data")
+
+RESOLUTION = (2.0, 3.0, 4.0)
+ORIGIN = (-10.0, 20.0, 5.5)
+DIRECTION = (-1.0, 1.0, 1.0)
+EXPECTED_AFFINE = np.array([[-2.0, 0, 0, -10.0], [0, 3.0, 0, 20.0], [0, 0, 4.0, 5.5], [0, 0, 0, 1]])
+
+
+def source_data(complex_values=False):
+    rng = np.random.default_rng(7)
+    data = rng.uniform(-500, 500, size=(4, 6, 3, 2)).astype(np.float32)
+    data[0, 0, 0, 0] = 40000.7
+    data[1, 0, 0, 0] = -3.9
+    data[2, 0, 0, 0] = -40000.0
+    if complex_values:
+        imag = rng.uniform(-500, 500, size=data.shape).astype(np.float32)
+        return data + 1j * imag
+    return data
+
+
+def make_source(kep, complex_values=False, dof=0):
+    lines = ["resolution 2 3 4 1.5", "origin -10 20 5.5", "direction -1 1 1"]
+    if dof:
+        lines.append(f"degrees-of-freedom {dof}")
+    if complex_values:
+        lines.insert(0, "data-type complex")
+    data = source_data(complex_values)
+    write_xdisplay(kep.dir, "src.bfloat", data, "f4", lines, pairs=complex_values)
+    return data
+
+
+def short_rule(values):
+    t = np.trunc(values.astype(np.float64))
+    out = np.where((t > -32768) & (t < 32768), t, 32767)
+    return out.astype(np.int16)
+
+
+@pytest.mark.parametrize("extension", ["nii", "img"])
+@pytest.mark.parametrize("kind", ["float", "short", "complex"])
+@pytest.mark.parametrize("dof", [0, 27])
+def test_kep_output_loads_in_nibabel(kep, extension, kind, dof):
+    data = make_source(kep, complex_values=(kind == "complex"), dof=dof)
+    command = "write-short" if kind == "short" else "write"
+    prefix = "set complex-output on\n" if kind == "complex" else ""
+    r = kep.stdin(f"{prefix}read src.bfloat s\n{command} out.{extension} s\nquit\n")
+    assert "2 volume(s) of dimension 4 x 6 x 3 were written to file out.\n" in r.stdout, r
+
+    img = nib.load(str(kep.dir / f"out.{extension}"))
+    hdr = img.header
+    assert img.shape == (4, 6, 3, 2)
+    values = np.asanyarray(img.dataobj)
+    if kind == "float":
+        assert values.dtype == np.float32
+        np.testing.assert_array_equal(values, data)
+    elif kind == "short":
+        assert values.dtype == np.int16
+        np.testing.assert_array_equal(values, short_rule(data))
+        assert values[0, 0, 0, 0] == 32767 and values[1, 0, 0, 0] == -3 and values[2, 0, 0, 0] == 32767
+    else:
+        assert values.dtype == np.complex64
+        np.testing.assert_array_equal(values, data.astype(np.complex64))
+    assert int(hdr["qform_code"]) == 1 and int(hdr["sform_code"]) == 1
+    np.testing.assert_allclose(hdr.get_qform(), EXPECTED_AFFINE, atol=1e-5)
+    np.testing.assert_allclose(hdr.get_sform(), EXPECTED_AFFINE, atol=1e-6)
+    np.testing.assert_allclose(img.affine, EXPECTED_AFFINE, atol=1e-5)
+    assert float(hdr["pixdim"][4]) == pytest.approx(1.5)
+    assert int(hdr["xyzt_units"]) == 2
+    if extension == "img":
+        assert (kep.dir / "out.hdr").stat().st_size == 348
+        assert hdr["magic"].tobytes() == b"ni1\0"
+        assert len(hdr.extensions) == 0
+    else:
+        assert hdr["magic"].tobytes() == b"n+1\0"
+        raw = (kep.dir / "out.nii").read_bytes()
+        if dof:
+            assert struct.unpack("<f", raw[108:112])[0] == 368
+            assert raw[348:352] == bytes([1, 0, 0, 0])
+            assert struct.unpack("<4i", raw[352:368]) == (16, 20, dof, 0)
+            assert [e.get_code() for e in hdr.extensions] == [20]
+        else:
+            assert struct.unpack("<f", raw[108:112])[0] == 352
+            assert raw[348:352] == bytes(4)
+
+
+def test_nifti_method_2_writes_no_sform_and_appends(kep):
+    make_source(kep)
+    r = kep.stdin("set nifti-method 2\nread src.bfloat s\nwrite out.nii s>0\nwrite out.nii s>1\nquit\n")
+    assert "2 volumes now reside in file out.\n" in r.stdout
+    img = nib.load(str(kep.dir / "out.nii"))
+    assert int(img.header["sform_code"]) == 0 and int(img.header["qform_code"]) == 1
+    np.testing.assert_allclose(img.affine, EXPECTED_AFFINE, atol=1e-5)
+    np.testing.assert_array_equal(np.asanyarray(img.dataobj), source_data())
+
+
+def test_kep_reads_back_its_own_degrees_of_freedom(kep):
+    make_source(kep, dof=27)
+    kep.stdin("read src.bfloat s\nwrite out.nii s\nquit\n")
+    data, fields, r = kep_values(kep, "out.nii")
+    assert fields["degrees-of-freedom"] == ["27"]
+    assert fields["origin"] == ["-10", "20", "5.5"] and fields["direction"] == ["-1", "1", "1"]
+    np.testing.assert_array_equal(data, source_data())
+
+
+def nibabel_file(path: Path, data, dtype, endianness="<", slope=None, inter=None, affine=None, qform=1, sform=1):
+    """Writes a NIfTI-1 file with nibabel's header, controlling every field kep reads."""
+    pair = path.suffix == ".img"
+    hdr = (nib.nifti1.Nifti1PairHeader if pair else nib.Nifti1Header)(endianness=endianness)
+    hdr.set_data_dtype(dtype)
+    hdr.set_data_shape(data.shape)
+    if affine is None:
+        affine = np.array([[1.5, 0, 0, 7], [0, -2.5, 0, 9], [0, 0, 3.0, -4], [0, 0, 0, 1]])
+    hdr.set_qform(affine, code=qform)
+    hdr.set_sform(affine, code=sform)
+    if slope is not None:
+        hdr["scl_slope"] = slope
+        hdr["scl_inter"] = inter
+    raw = np.asarray(data).astype(hdr.get_data_dtype()).tobytes(order="F")
+    if pair:
+        path.with_suffix(".hdr").write_bytes(hdr.binaryblock)
+        path.write_bytes(raw)
+    else:
+        hdr["vox_offset"] = 352
+        path.write_bytes(hdr.binaryblock + bytes(4) + raw)
+    return np.asanyarray(nib.load(str(path)).dataobj)
+
+
+STORAGE = [np.uint8, np.int16, np.int32, np.uint16, np.float32]
+
+
+@pytest.mark.parametrize("dtype", STORAGE, ids=lambda d: np.dtype(d).name)
+@pytest.mark.parametrize("endianness", ["<", ">"])
+@pytest.mark.parametrize("scaling", [None, (2.0, 10.0), (float("nan"), 5.0), (0.0, 10.0)],
+                         ids=["none", "slope2", "nanslope", "zeroslope"])
+@pytest.mark.parametrize("suffix", [".nii", ".img"])
+def test_nibabel_files_read_with_nibabel_values(kep, dtype, endianness, scaling, suffix):
+    rng = np.random.default_rng(3)
+    info = np.iinfo(dtype) if np.issubdtype(dtype, np.integer) else None
+    lo, hi = (info.min, info.max) if info else (-1e4, 1e4)
+    data = rng.uniform(lo, hi, size=(3, 4, 2, 3))
+    slope, inter = scaling if scaling else (None, None)
+    expected = nibabel_file(kep.dir / ("n" + suffix), data, dtype, endianness, slope, inter)
+    values, fields, r = kep_values(kep, "n" + suffix)
+    assert "3 volumes of size 3 x 4 x 2 were read and stored in stack v\n" in r.stdout, r
+    np.testing.assert_allclose(values, expected, rtol=1e-6)
+    if scaling == (2.0, 10.0):
+        raw = np.asarray(data).astype(dtype).astype(np.float64)
+        np.testing.assert_allclose(values, raw * 2 + 10, rtol=1e-6)
+    elif scaling is not None:  # a slope of NaN or 0 means no scaling at all
+        np.testing.assert_array_equal(values, np.asarray(data).astype(dtype).astype(np.float32))
+
+
+@pytest.mark.parametrize("endianness", ["<", ">"])
+def test_nibabel_complex_reads_as_pairs(kep, endianness):
+    rng = np.random.default_rng(5)
+    data = (rng.normal(size=(4, 3, 2, 2)) + 1j * rng.normal(size=(4, 3, 2, 2))).astype(np.complex64)
+    expected = nibabel_file(kep.dir / "c.nii", data, np.complex64, endianness)
+    values, fields, r = kep_values(kep, "c.nii", complex_output=True)
+    np.testing.assert_array_equal(values, expected)
+
+
+ROTATED = np.array([[0.0, -2.0, 0, 11], [1.5, 0.0, 0, -7], [0, 0, 3.0, 2.5], [0, 0, 0, 1]])
+
+
+@pytest.mark.parametrize("qform,sform,method", [(0, 0, 1), (0, 1, 1), (1, 0, 2), (1, 1, 3), (2, 4, 3)])
+def test_orientation_method_follows_the_codes(kep, qform, sform, method):
+    qaff = np.array([[-1.5, 0, 0, 7], [0, 2.5, 0, 9], [0, 0, 3.0, -4], [0, 0, 0, 1]])
+    data = np.arange(24, dtype=np.float32).reshape(2, 3, 4)
+    hdr = nib.Nifti1Header()
+    hdr.set_data_dtype(np.float32)
+    hdr.set_data_shape(data.shape)
+    hdr.set_qform(qaff, code=qform)
+    # sform differs from qform so the method shows in the origin kep reports
+    saff = qaff.copy()
+    saff[:3, 3] = [1, 2, 3]
+    saff[0, 0] = 1.5
+    hdr.set_sform(saff, code=sform)
+    hdr["vox_offset"] = 352
+    (kep.dir / "o.nii").write_bytes(hdr.binaryblock + bytes(4) + data.tobytes(order="F"))
+    values, fields, r = kep_values(kep, "o.nii")
+    names = {1: "1: the old analyze format", 2: "2: quaternion rotations",
+             3: "3: affine transformation of voxel indices"}
+    assert f"The NIFTI header for file o.nii uses Method {names[method]}\n" in r.stdout
+    expected_origin = {1: ["0", "0", "0"], 2: ["7", "9", "-4"], 3: ["1", "2", "3"]}[method]
+    expected_direction = {1: ["1", "1", "1"], 2: ["-1", "1", "1"], 3: ["1", "1", "1"]}[method]
+    assert fields["origin"] == expected_origin
+    assert fields["direction"] == expected_direction
+    assert fields["resolution"][:3] == ["1.5", "2.5", "3"]
+    np.testing.assert_array_equal(values[..., 0], data)
+
+
+def test_rotated_matrix_warns_and_keeps_signs(kep):
+    data = np.ones((2, 2, 2), dtype=np.float32)
+    nibabel_file(kep.dir / "r.nii", data, np.float32, affine=ROTATED, qform=1, sform=1)
+    values, fields, r = kep_values(kep, "r.nii")
+    assert ("Warning: the stack has voxel indices            (i,j,k)\n"
+            "         that are not parallel with coordinates (x,y,z)\n.\n"
+            "         On output, (i,j,k) will map to (+-x,+-y,+-z).\n") in r.stdout
+    # the rotation's diagonal is zero: every direction reads as -1
+    assert fields["direction"] == ["-1", "-1", "1"]
+    assert [float(v) for v in fields["origin"]] == pytest.approx([11, -7, 2.5])
+
+
+def test_unsigned_char_subset_reads_from_the_first_volume(kep):
+    data = np.stack([np.full((2, 2, 2), v, dtype=np.uint8) for v in (10, 20, 30, 40)], axis=-1)
+    nibabel_file(kep.dir / "u.nii", data, np.uint8)
+    values, fields, r = kep_values(kep, "u.nii", subset="3")
+    assert np.all(values == 10)
+    values, fields, r = kep_values(kep, "u.nii", subset="1,3")
+    assert np.all(values[..., 0] == 10) and np.all(values[..., 1] == 30)
+    data16 = data.astype(np.int16)
+    nibabel_file(kep.dir / "s.nii", data16, np.int16)
+    values, fields, r = kep_values(kep, "s.nii", subset="3")
+    assert np.all(values == 40)
+
+
+def test_five_dimensional_file_is_refused(kep):
+    img = nib.Nifti1Image(np.zeros((2, 2, 2, 2, 2), dtype=np.float32), np.eye(4))
+    nib.save(img, str(kep.dir / "five.nii"))
+    r = kep.stdin("read five.nii f\nshow-stacks\nquit\n")
+    assert "Error: kep does not currently handle data of dimensionality (5) > 4.\n" in r.stdout
+    assert "\nf\r" not in r.stdout and "kep > f\r" not in r.stdout
+
+
+SHIPPED = sorted(glob.glob(str(NIBABEL_DATA / "*.nii")))
+
+
+@pytest.mark.skipif(not SHIPPED, reason="nibabel's test data are not installed")
+@pytest.mark.parametrize("path", [p for p in SHIPPED if "dconn" not in p], ids=os.path.basename)
+def test_shipped_nifti_files_read_like_nibabel(kep, path):
+    img = nib.load(path)
+    expected = np.asanyarray(img.get_fdata(dtype=np.float64))
+    if expected.ndim == 3:
+        expected = expected[..., np.newaxis]
+    values, fields, r = kep_values(kep, path)
+    np.testing.assert_allclose(values, expected, rtol=1e-6, atol=1e-6)
+    aff = img.affine
+    np.testing.assert_allclose([float(v) for v in fields["origin"]], aff[:3, 3], rtol=1e-4, atol=1e-3)
+
+
+@pytest.mark.skipif(not (NIBABEL_DATA / "row_major.dconn.nii").exists(), reason="no NIfTI-2 sample")
+def test_shipped_nifti2_file_is_refused_cleanly(kep):
+    r = kep.stdin(f"read {NIBABEL_DATA / 'row_major.dconn.nii'} d\nshow-stacks\nquit\n")
+    assert "Error" in r.stdout
+    assert "stored in stack d" not in r.stdout
+    assert r.returncode == 1 and "Fatal" not in r.stderr

@@ -1,0 +1,125 @@
+"""Malformed volume files and failing writes: a message, no crash, nothing changed."""
+import os
+import struct
+
+import nibabel as nib
+import numpy as np
+import pytest
+
+from io_files import stack_line, write_xdisplay
+
+
+def nifti_bytes(dims=(2, 2, 2), datatype=16, bitpix=32, vox_offset=352.0, endian="<", extender=b"\0\0\0\0"):
+    hdr = nib.Nifti1Header(endianness=endian)
+    hdr.set_data_dtype(np.float32)
+    hdr.set_data_shape((2, 2, 2))
+    block = bytearray(hdr.binaryblock)
+    dim = [len(dims), *dims] + [1] * (7 - len(dims))
+    block[40:56] = struct.pack(endian + "8h", *dim)
+    block[70:74] = struct.pack(endian + "2h", datatype, bitpix)
+    block[108:112] = struct.pack(endian + "f", vox_offset)
+    return bytes(block) + extender
+
+
+def run_read(kep, name, before="read good.bfloat s\n"):
+    write_xdisplay(kep.dir, "good.bfloat", np.ones((2, 2, 2, 1)), np.float32)
+    r = kep.stdin(f"{before}read {name} s\nshow-stacks\nquit\n")
+    assert r.returncode == 1 and "Fatal" not in r.stderr, r
+    # the stack read before is untouched
+    assert stack_line(r.stdout, "s")[:4] == ["2", "2", "2", "1"], r
+    return r
+
+
+@pytest.mark.parametrize("dims,message", [
+    ((-3, 2, 2), "Error: Value for x dimension not found in header file 'n.nii'\n"),
+    ((3, 0, 2), "Error: Value for y dimension not found in header file 'n.nii'\n"),
+    ((3, 2, 2, -1), "Error: Value for t dimension not found in header file 'n.nii'\n"),
+    ((32767, 32767, 32767, 32767),
+     "Error: the dimensions 32767 x 32767 x 32767 x 32767 in file 'n.nii' hold more samples than kep can store.\n"),
+])
+def test_bad_nifti_dimensions(kep, dims, message):
+    (kep.dir / "n.nii").write_bytes(nifti_bytes(dims) + bytes(64))
+    r = run_read(kep, "n.nii")
+    assert message in r.stdout
+
+
+def test_enormous_xdisplay_dimensions(kep):
+    (kep.dir / "e.bfloat").write_bytes(bytes(16))
+    (kep.dir / "e.hdr").write_text("x 100000\ny 100000\nz 100000\nt 1000\n")
+    r = run_read(kep, "e.bfloat")
+    assert ("Error: the dimensions 100000 x 100000 x 100000 x 1000 in file 'e.bfloat' hold more samples than kep "
+            "can store.\n") in r.stdout
+
+
+def test_large_header_over_a_short_file(kep):
+    (kep.dir / "l.bshort").write_bytes(bytes(1000))
+    (kep.dir / "l.hdr").write_text("x 1024\ny 1024\nz 256\nt 1\n")
+    r = run_read(kep, "l.bshort")
+    assert "Error reading file l.bshort.\n" in r.stdout
+
+
+@pytest.mark.parametrize("content,message", [
+    (nifti_bytes(datatype=64, bitpix=64), "Error: the Nifti data storage type 64 is not supported.\n"),
+    (nifti_bytes(vox_offset=-4.0), "Error: the voxel offset (-4) in file n.nii is not valid.\n"),
+    (nifti_bytes(vox_offset=float("nan")), "Error: the voxel offset (nan) in file n.nii is not valid.\n"),
+    (nifti_bytes(extender=b"\1\0\0\0"), "Error: A NIFTI1 extension was indicated, but it is missing.\n"),
+    (nifti_bytes(extender=b"\1\0\0\0" + struct.pack("<i", 16)),
+     "Error: A NIFTI1 extension was indicated, but the ecode is missing.\n"),
+    (nifti_bytes(extender=b"\1\0\0\0" + struct.pack("<2i", 16, 20)), "Error read degrees of freedom.\n"),
+    (nifti_bytes(), "Error reading file n.nii.\n"),
+    (nifti_bytes(endian=">") + bytes(20), "Error reading file n.nii.\n"),
+])
+def test_bad_nifti_headers(kep, content, message):
+    (kep.dir / "n.nii").write_bytes(content)
+    r = run_read(kep, "n.nii")
+    assert message in r.stdout
+
+
+def test_truncated_nifti_header_ends_the_program(kep):
+    (kep.dir / "t.nii").write_bytes(nifti_bytes()[:200])
+    r = kep.stdin("read t.nii s\nshow-stacks\n")
+    assert r.returncode == 1
+    assert r.stderr == "\nError reading header file t.nii\n"
+
+
+def test_directories_and_unreadable_files(kep):
+    (kep.dir / "d.hdr").mkdir()
+    (kep.dir / "d.bfloat").write_bytes(bytes(32))
+    r = run_read(kep, "d.bfloat")
+    assert "Error: cannot open xdisplay file d.hdr.\n" in r.stdout
+    (kep.dir / "n.nii").mkdir()
+    r = run_read(kep, "n.nii")
+    assert "Error: cannot open Nifti file n.nii.\n" in r.stdout
+    (kep.dir / "x.bfloat").mkdir()
+    (kep.dir / "x.hdr").write_text("x 2\ny 2\nz 2\nt 1\n")
+    r = run_read(kep, "x.bfloat")
+    assert "Error: cannot open file x.bfloat.\n" in r.stdout
+    (kep.dir / "p.hdr").mkdir()
+    (kep.dir / "p.img").write_bytes(bytes(32))
+    r = run_read(kep, "p.img")
+    assert "Error: cannot open Nifti file p.hdr.\n" in r.stdout
+
+
+@pytest.mark.skipif(os.geteuid() == 0, reason="permissions do not bind the superuser")
+def test_unreadable_header(kep):
+    write_xdisplay(kep.dir, "u.bfloat", np.ones((2, 2, 2, 1)), np.float32)
+    os.chmod(kep.dir / "u.hdr", 0)
+    r = run_read(kep, "u.bfloat")
+    assert "Error: cannot open xdisplay file u.hdr.\n" in r.stdout
+
+
+def test_garbage_header_lines(kep):
+    (kep.dir / "g.bfloat").write_bytes(bytes(32))
+    (kep.dir / "g.hdr").write_bytes(b"\x00\xff\xfe binary\n\x01\x02\n")
+    r = run_read(kep, "g.bfloat")
+    assert "Error reading the 1st line of the xds header file 'g.hdr'.\n" in r.stdout
+
+
+def test_nifti_write_to_a_full_device(kep):
+    write_xdisplay(kep.dir, "good.bfloat", np.ones((2, 2, 2, 1)), np.float32)
+    (kep.dir / "full.nii").symlink_to("/dev/full")
+    (kep.dir / "full.img").symlink_to("/dev/full")
+    r = kep.stdin("read good.bfloat s\nwrite full.nii s\nwrite full.img s\nquit\n")
+    assert "Error writing the NIFTI header into file full.nii\n" in r.stdout
+    assert "Error writing the output file full.img.\n" in r.stdout
+    assert "were written" not in r.stdout
