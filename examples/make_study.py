@@ -6,7 +6,8 @@ gamma-shaped response. Each event activates its own blob; every voxel inside the
 head has a baseline of 1000 with slow drift and AR(1) noise; outside the head the
 series are zero. The output is deterministic (fixed seed).
 
-Usage: make_study.py OUTPUT_DIRECTORY
+Usage: make_study.py OUTPUT_DIRECTORY [NX NY NZ IMAGES] [--ar ORDER]
+(the sizes default to the example's; the benchmarks ask for larger studies)
 """
 import sys
 from pathlib import Path
@@ -75,7 +76,7 @@ def blob(centre, sigma=1.6):
     return np.exp(-d2 / (2 * sigma**2))
 
 
-def main(out_dir):
+def main(out_dir, ar_order=0):
     out = Path(out_dir)
     out.mkdir(parents=True, exist_ok=True)
     rng = np.random.default_rng(20261122)
@@ -113,7 +114,8 @@ def main(out_dir):
     (out / "study.glm").write_text(
         "# GLM control file of the example study\n"
         "baseline-terms 3      # constant, linear and quadratic drift per run\n"
-        "IRF BOLD-monkey       # exponential response preset for the block events\n"
+        + (f"AR {ar_order}                  # autoregressive noise model\n" if ar_order else "")
+        + "IRF BOLD-monkey       # exponential response preset for the block events\n"
         "conditions 1 2 3 1-2  # each event, and visual minus motor\n"
         "runs:\n"
         "run1.nii run1.glm\n"
@@ -122,4 +124,16 @@ def main(out_dir):
 
 
 if __name__ == "__main__":
-    main(sys.argv[1] if len(sys.argv) > 1 else "study")
+    args = [a for a in sys.argv[1:]]
+    order = 0
+    if "--ar" in args:
+        i = args.index("--ar")
+        order = int(args[i + 1])
+        del args[i:i + 2]
+    if len(args) >= 5:
+        NX, NY, NZ, NT = (int(a) for a in args[1:5])
+        scale = NT * TR / 160.0  # stretch the paradigm over longer runs
+        BLOCKS = {k: [(on * scale, off * scale) for on, off in v] for k, v in BLOCKS.items()}
+        GAMMA_ONSETS = [on * scale for on in GAMMA_ONSETS]
+        BLOBS = {k: ((c[0] * NX / 32, c[1] * NY / 32, c[2] * NZ / 12), a) for k, (c, a) in BLOBS.items()}
+    main(args[0] if args else "study", order)

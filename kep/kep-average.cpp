@@ -1,12 +1,328 @@
-// Operations of this family that are not yet available report so and do nothing.
+// Averages of listed volumes into new stacks, and image-space Gaussian smoothing.
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
 #include "kep-prototypes.h"
+#include "kep-util.h"
 
-int average_volumes([[maybe_unused]] const char *name) { return not_available(); }
+namespace {
 
-int average_by_n([[maybe_unused]] const char *name, [[maybe_unused]] int n) { return not_available(); }
+// Output samples are summed a block at a time so the block stays in cache
+// while every listed volume streams past it once.
+constexpr long kBlock = 4096;
 
-int average_epochs([[maybe_unused]] const char *name, [[maybe_unused]] int n) { return not_available(); }
+// out[g] += every node of `groups[g]`, for all groups, blockwise. Then each
+// output sample is divided by `divisor`.
+void sum_groups(const std::vector<std::vector<const volume_list *>> &groups, FCOMPLEX *out, long n3d,
+                float divisor) {
+  for (size_t g = 0; g < groups.size(); g++) {
+    FCOMPLEX *o = out + static_cast<long>(g) * n3d;
+    for (long start = 0; start < n3d; start += kBlock) {
+      const long end = std::min(n3d, start + kBlock);
+      for (long i = start; i < end; i++) o[i] = {0.0f, 0.0f};
+      for (const volume_list *v : groups[g]) {
+        const FCOMPLEX *a = v->SpaceTime.fcData;
+        for (long i = start; i < end; i++) {
+          o[i].real += a[i].real;
+          o[i].imag += a[i].imag;
+        }
+      }
+      for (long i = start; i < end; i++) {
+        o[i].real /= divisor;
+        o[i].imag /= divisor;
+      }
+    }
+  }
+}
 
-int average_stacks([[maybe_unused]] const char *name) { return not_available(); }
+// Installs `samples` as the stack `name` shaped like the first listed volume.
+int finish(const char *name, long nt, std::unique_ptr<FCOMPLEX[]> samples) {
+  const volume_list *first = volume_list_root;
+  if (install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, static_cast<int>(nt),
+                         std::move(samples)) == nullptr)
+    return 1;
+  initialize_volume_list();  // the list may point into replaced storage
+  return 0;
+}
 
-int weighted_average([[maybe_unused]] const char *name) { return not_available(); }
+inline double square(double x) { return x == 0.0 ? 0.0 : x * x; }
+
+inline double modulus(FCOMPLEX c) {
+  return sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag);
+}
+
+}  // namespace
+
+int average_volumes(const char *name) {
+  IPOINT3D dim{0, 0, 0};
+  int count = 0;
+  if (inconsistent_3d_dimensions(&dim, &count) || count == 0) return 1;
+  int64_t n4d = 0;
+  if (!checked_stack_size(name, dim.x, dim.y, dim.z, 1, &n4d)) return 1;
+  std::vector<std::vector<const volume_list *>> groups(1);
+  for (const volume_list *v = volume_list_root; v; v = v->next) groups[0].push_back(v);
+  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n4d);
+  sum_groups(groups, out.get(), n4d, static_cast<float>(count));
+  return finish(name, 1, std::move(out));
+}
+
+int average_by_n(const char *name, int n) {
+  IPOINT3D dim{0, 0, 0};
+  int count = 0;
+  if (inconsistent_3d_dimensions(&dim, &count) || count == 0) return 1;
+  if (n <= 1) {
+    kep_text(2, "Volumes should be averaged in sets of 2 or more.");
+    return 1;
+  }
+  const int ngroups = count / n;
+  if (ngroups == 0) {
+    kep_textf(2, "Only %d volumes are listed: not one whole set of %d.", count, n);
+    return 1;
+  }
+  int64_t n4d = 0;
+  if (!checked_stack_size(name, dim.x, dim.y, dim.z, ngroups, &n4d)) return 1;
+  std::vector<std::vector<const volume_list *>> groups(ngroups);
+  int position = 0;
+  for (const volume_list *v = volume_list_root; v; v = v->next, position++)
+    if (position / n < ngroups) groups[position / n].push_back(v);
+  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n4d);
+  sum_groups(groups, out.get(), n4d / ngroups, static_cast<float>(n));
+  return finish(name, ngroups, std::move(out));
+}
+
+int average_epochs(const char *name, int n) {
+  IPOINT3D dim{0, 0, 0};
+  int count = 0;
+  if (inconsistent_3d_dimensions(&dim, &count) || count == 0) return 1;
+  if (n <= 1) {
+    kep_text(2, "Volumes should be averaged in sets of 2 or more.");
+    return 1;
+  }
+  const int epochs = count / n;
+  if (epochs == 0) {
+    kep_textf(2, "Only %d volumes are listed: not one whole epoch of %d.", count, n);
+    return 1;
+  }
+  int64_t n4d = 0;
+  if (!checked_stack_size(name, dim.x, dim.y, dim.z, n, &n4d)) return 1;
+  std::vector<std::vector<const volume_list *>> groups(n);
+  int position = 0;
+  for (const volume_list *v = volume_list_root; v; v = v->next, position++)
+    if (position / n < epochs) groups[position % n].push_back(v);
+  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n4d);
+  sum_groups(groups, out.get(), n4d / n, static_cast<float>(epochs));
+  return finish(name, n, std::move(out));
+}
+
+int average_stacks(const char *name) {
+  std::vector<data_stack *> stacks = stacks_in_list(volume_list_root);
+  if (stacks.empty()) return 1;
+  const data_stack *first = stacks.front();
+  for (const data_stack *s : stacks) {
+    if (s->nt != first->nt || s->dim.x != first->dim.x || s->dim.y != first->dim.y || s->dim.z != first->dim.z) {
+      kep_textf(2, "Stacks %s and %s have different dimensions.", first->name, s->name);
+      return 1;
+    }
+  }
+  int64_t n4d = 0;
+  if (!checked_stack_size(name, first->dim.x, first->dim.y, first->dim.z, first->nt, &n4d)) return 1;
+  std::unique_ptr<FCOMPLEX[]> out = zeroed_buffer<FCOMPLEX>(n4d);
+  std::unique_ptr<int[]> counter = zeroed_buffer<int>(n4d);
+  FCOMPLEX *o = out.get();
+  int *k = counter.get();
+  // A real part of exactly 0 marks a missing sample.
+  for (const data_stack *s : stacks) {
+    const FCOMPLEX *a = s->SpaceTime.fcData;
+    for (long i = 0; i < n4d; i++) {
+      if (a[i].real == 0.0f) continue;
+      o[i].real += a[i].real;
+      o[i].imag += a[i].imag;
+      k[i]++;
+    }
+  }
+  for (long i = 0; i < n4d; i++) {
+    if (k[i] == 0) continue;
+    o[i].real /= static_cast<float>(k[i]);
+    o[i].imag /= static_cast<float>(k[i]);
+  }
+  if (install_stack_with(name, first, first->dim.x, first->dim.y, first->dim.z, first->nt, std::move(out)) ==
+      nullptr)
+    return 1;
+  initialize_volume_list();
+  return 0;
+}
+
+int weighted_average(const char *name) {
+  IPOINT3D dim{0, 0, 0};
+  int count = 0;
+  if (inconsistent_3d_dimensions(&dim, &count)) return 1;
+  if (count < 2) {
+    printf("Error: the requested number of time points (%d) is < 2!\n", count);
+    return 1;
+  }
+  int64_t n3d = 0;
+  if (!checked_stack_size(name, dim.x, dim.y, dim.z, 1, &n3d)) return 1;
+  const long n2d = static_cast<long>(dim.x) * dim.y;
+  std::vector<const volume_list *> nodes;
+  for (const volume_list *v = volume_list_root; v; v = v->next) nodes.push_back(v);
+  std::unique_ptr<FCOMPLEX[]> mean = scratch_buffer<FCOMPLEX>(n3d);
+  sum_groups({nodes}, mean.get(), n3d, static_cast<float>(count));
+
+  // d[z][k]: spread of volume k about the mean's modulus in slice z, over
+  // the voxel count of the whole volume.
+  std::unique_ptr<float[]> d = scratch_buffer<float>(static_cast<int64_t>(dim.z) * count);
+  for (int z = 0; z < dim.z; z++) {
+    for (int k = 0; k < count; k++) {
+      const FCOMPLEX *a = nodes[k]->SpaceTime.fcData;
+      const bool real = nodes[k]->stack != nullptr && (nodes[k]->stack->status & (STATUS_POLAR | STATUS_MAP));
+      double sum = 0.0;
+      for (long i = z * n2d; i < (z + 1) * n2d; i++) {
+        const double amp = real ? a[i].real : static_cast<float>(modulus(a[i]));
+        sum += square(static_cast<float>(modulus(mean[i])) - amp);
+      }
+      d[static_cast<long>(z) * count + k] = static_cast<float>(sum / static_cast<double>(n3d));
+    }
+  }
+  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n3d);
+  std::vector<double> w(count);
+  for (int z = 0; z < dim.z; z++) {
+    double wsum = 0.0;
+    for (int k = 0; k < count; k++) {
+      double dk = d[static_cast<long>(z) * count + k];
+      w[k] = square(square(dk == 0.0 ? 0.0 : 1.0 / dk));
+      wsum += w[k];
+    }
+    for (long i = z * n2d; i < (z + 1) * n2d; i++) {
+      double re = 0.0, im = 0.0;
+      for (int k = 0; k < count; k++) {
+        const FCOMPLEX a = nodes[k]->SpaceTime.fcData[i];
+        re += w[k] * a.real;
+        im += w[k] * a.imag;
+      }
+      // All weights 0 (identical volumes) gives 0/0 here: left unguarded.
+      re /= wsum;
+      im /= wsum;
+      out[i] = {static_cast<float>(sqrt(re * re + im * im)), 0.0f};
+    }
+  }
+  return finish(name, 1, std::move(out));
+}
+
+namespace {
+
+// One axis of the separable smoothing: for each of `lines` lines of `length`
+// points, `step` floats apart, with `width` contiguous floats per point,
+// out = sum_i g[|i|] in[p + i] / sum_i g[|i|] over the offsets inside the line.
+// Lines are `line_gap` floats apart; the kernel runs over contiguous floats.
+void smooth_axis(const float *in, float *out, long lines, long line_gap, int length, long step, long width,
+                 const std::vector<float> &g, double *acc) {
+  const int h = static_cast<int>(g.size()) - 1;
+  for (long l = 0; l < lines; l++) {
+    const float *src = in + l * line_gap;
+    float *dst = out + l * line_gap;
+    for (int p = 0; p < length; p++) {
+      const int lo = std::max(-h, -p), hi = std::min(h, length - 1 - p);
+      double norm = 0.0;
+      for (long e = 0; e < width; e++) acc[e] = 0.0;
+      for (int i = lo; i <= hi; i++) {
+        const double gi = g[i < 0 ? -i : i];
+        norm += gi;
+        const float *row = src + (p + i) * step;
+        for (long e = 0; e < width; e++) acc[e] += gi * row[e];
+      }
+      float *o = dst + p * step;
+      for (long e = 0; e < width; e++) o[e] = static_cast<float>(acc[e] / norm);
+    }
+  }
+}
+
+std::vector<float> gaussian_weights(int h, float r, float s) {
+  std::vector<float> g(h + 1);
+  for (int i = 0; i <= h; i++) g[i] = expf(-(static_cast<float>(i * i) * r * r) / s);
+  return g;
+}
+
+// ceil(radius / r) voxels; a voxel size that is not positive spans nothing.
+int half_width(float radius, float r) {
+  if (!(r > 0.0f)) return 0;
+  double h = ceil(static_cast<double>(radius) / r);
+  return h >= INT_MAX ? INT_MAX : static_cast<int>(h);
+}
+
+// Offsets past the edge never count, so the kernel need not reach beyond it.
+int within(int h, int n) { return h > n - 1 ? n - 1 : h; }
+
+void smooth_one_stack(float *samples, int channels, int nx, int ny, int nz, int nt, int hx, int hy, int hz,
+                      POINT3D res, float s, bool progress) {
+  const long c = channels;
+  const long row = c * nx, plane = row * ny, volume = plane * nz;
+  const std::vector<float> gx = gaussian_weights(hx, res.x, s), gy = gaussian_weights(hy, res.y, s),
+                           gz = gaussian_weights(hz, res.z, s);
+  std::unique_ptr<float[]> scratch = scratch_buffer<float>(volume);
+  std::unique_ptr<double[]> acc = scratch_buffer<double>(std::max(plane, c));
+  for (int t = 0; t < nt; t++) {
+    float *v = samples + t * volume;
+    float *w = scratch.get();
+    // Along x a point is `c` floats; along y a row; along z a plane, so the
+    // inner loops of the y and z passes run over whole rows and planes.
+    smooth_axis(v, w, static_cast<long>(ny) * nz, row, nx, c, c, gx, acc.get());
+    smooth_axis(w, v, nz, plane, ny, row, row, gy, acc.get());
+    if (hz > 0) {
+      smooth_axis(v, w, 1, volume, nz, plane, plane, gz, acc.get());
+      memcpy(v, w, sizeof(float) * volume);
+    }
+    if (progress && nt > 10 && t >= 1 && (4 * t) % nt == 0) printf("%d percent done\n", 100 * t / nt);
+  }
+}
+
+bool smoothing_radius(float fwhm, float *s, float *radius) {
+  *s = fwhm * 1.44f / 2.0f * fwhm / 2.0f;
+  *radius = sqrtf(3.0f * *s);
+  return std::isfinite(*s) && std::isfinite(*radius);
+}
+
+}  // namespace
+
+int smooth_float_volumes(float *samples, int channels, int nx, int ny, int nz, int nt, POINT3D resolution,
+                         float fwhm, int with_z) {
+  if (fwhm == 0.0f || nx < 1 || ny < 1 || nz < 1 || nt < 1) return 0;
+  float s = 0.0f, radius = 0.0f;
+  if (!smoothing_radius(fwhm, &s, &radius) || !std::isfinite(resolution.x) || !std::isfinite(resolution.y) ||
+      !std::isfinite(resolution.z))
+    return 1;
+  smooth_one_stack(samples, channels, nx, ny, nz, nt, within(half_width(radius, resolution.x), nx),
+                   within(half_width(radius, resolution.y), ny),
+                   with_z ? within(half_width(radius, resolution.z), nz) : 0, resolution, s, false);
+  return 0;
+}
+
+int smooth_volumes(float fwhm, int with_z) {
+  if (fwhm == 0.0f) {
+    printf("No spatial filtering - width = 0\n");
+    return 0;
+  }
+  float s = 0.0f, radius = 0.0f;
+  if (!smoothing_radius(fwhm, &s, &radius)) {
+    kep_textf(2, "The smoothing width %g is not a number of mm.", fwhm);
+    return 1;
+  }
+  printf("Spatial smoothing using gaussian FWHM of %5.2f mm\n", fwhm);
+  for (data_stack *st : stacks_in_list(volume_list_root)) {
+    const POINT3D r = st->resolution;
+    if (!std::isfinite(r.x) || !std::isfinite(r.y) || !std::isfinite(r.z)) {
+      kep_textf(2, "The voxel size of %s is not a number of mm.", st->name);
+      return 1;
+    }
+    const int hx = half_width(radius, r.x), hy = half_width(radius, r.y);
+    const int hz = with_z ? half_width(radius, r.z) : 0;
+    printf("smooth '%s': (nx,ny,nz,nt) = (%d, %d, %d, %d).\n", st->name, st->dim.x, st->dim.y, st->dim.z, st->nt);
+    printf("relative steps: (%d, %d, %d)\n", hx, hy, hz);
+    smooth_one_stack(&st->SpaceTime.fcData[0].real, 2, st->dim.x, st->dim.y, st->dim.z, st->nt,
+                     within(hx, st->dim.x), within(hy, st->dim.y), within(hz, st->dim.z), r, s,
+                     !(flags & FLAG_QUIET));
+  }
+  return 0;
+}

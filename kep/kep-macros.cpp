@@ -1,12 +1,121 @@
-// Operations of this family that are not yet available report so and do nothing.
+// Read loops and macros: features that generate command lines and run them
+// through do_command as macro lines.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "io.h"
 #include "kep-prototypes.h"
 
-int initialize_read_loop([[maybe_unused]] int kind, [[maybe_unused]] const char *file, [[maybe_unused]] const char *stack, [[maybe_unused]] const char *subset) { return not_available(); }
+namespace {
 
-void store_read_loop_command([[maybe_unused]] const char *line) { not_available(); }
+std::vector<std::string> loop_commands;  // the stored lines, in the order typed
+char loopfile_name[KEP_LINE];
+char loopstack_name[KEP_LINE];
+char looplist_name[KEP_LINE];
+int number_time_points = 0;
+int number_bytes_per_point = 0;
+bool loop_defined = false;
 
-int flush_read_loop_commands() { return not_available(); }
+// Writes the next chunk's read command into `out` and advances `position`.
+void create_read_command(const std::vector<int> &numbers, int chunk, size_t &position, std::string &out) {
+  size_t first = position;
+  size_t end = std::min(first + static_cast<size_t>(chunk), numbers.size());
+  bool consecutive = true;
+  for (size_t i = first + 1; i < end; i++)
+    if (numbers[i] != numbers[i - 1] + 1) consecutive = false;
+  // The numbers already include io_increment, which the read adds again.
+  char piece[64];
+  std::string subset;
+  if (consecutive) {
+    snprintf(piece, sizeof piece, "%d-%d", numbers[first] - io_increment, numbers[end - 1] - io_increment);
+    subset = piece;
+  } else {
+    for (size_t i = first; i < end; i++) {
+      snprintf(piece, sizeof piece, i == first ? "%d" : ",%d", numbers[i] - io_increment);
+      subset += piece;
+    }
+  }
+  position = end;
+  out = std::string("read ") + loopfile_name + ">" + subset + " " + loopstack_name + "\n";
+}
 
-int macro_reorder_interleaved_slices([[maybe_unused]] int start) { return not_available(); }
+}  // namespace
 
-int macro_read_glm_control_file([[maybe_unused]] const char *arguments) { return not_available(); }
+int initialize_read_loop(int, const char *file, const char *stack, const char *subset) {
+  loop_commands.clear();
+  XD_HEADER header;
+  if (read_volume_header(file, &header)) return 1;
+  number_time_points = header.nt;
+  double bytes = 8.0 * header.dim.x * header.dim.y * header.dim.z;
+  number_bytes_per_point = bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes);
+  snprintf(loopfile_name, sizeof loopfile_name, "%s", file);
+  snprintf(loopstack_name, sizeof loopstack_name, "%s", stack);
+  snprintf(looplist_name, sizeof looplist_name, "%s", subset);
+  loop_defined = true;
+  return 0;
+}
+
+void store_read_loop_command(const char *line) { loop_commands.emplace_back(line); }
+
+int flush_read_loop_commands() {
+  if (!loop_defined) return 0;  // no loop was ever defined: nothing to read
+  std::vector<int> numbers;
+  if (decode_subset(looplist_name, number_time_points, numbers)) return 1;
+  if (numbers.empty()) {
+    printf("Programming error in routine flush_read_loop_commands.\n");
+    printf("# points = %d, list name = %s, nset = %d\n", number_time_points, looplist_name, 0);
+    kep_exit(1);
+  }
+  double megabytes = number_bytes_per_point / 1000000.0;
+  double volumes = 20.0 * ceil((10.0 / megabytes) / 20.0);
+  int chunk = volumes > MAX_NSET ? MAX_NSET : static_cast<int>(volumes);
+  if (chunk < 1) chunk = 1;
+  // A stored line may itself start a new loop; run from a copy.
+  const std::vector<std::string> stored = loop_commands;
+  size_t position = 0;
+  std::string command;
+  while (position < numbers.size()) {
+    create_read_command(numbers, chunk, position, command);
+    if (do_command(1, command.c_str())) return 1;
+    for (const std::string &line : stored)
+      if (do_command(1, line.c_str())) return 1;
+  }
+  return 0;
+}
+
+int macro_reorder_interleaved_slices(int start) {
+  if (start != 0 && start != 1) {
+    printf("Error: `reorder-interleaved-slices [start] [volume list]\n");
+    printf("where istart (%d) must be either 0 or 1.\n", start);
+    return 1;
+  }
+  if (volume_list_root == nullptr) return 1;
+  const int nz = volume_list_root->dim.z;
+  std::string order = " ";
+  char number[32];
+  for (int first : {start, 1 - start})
+    for (int k = first; k < nz; k += 2) {
+      snprintf(number, sizeof number, "%d ", k);
+      order += number;
+    }
+  // The stacks, each once, before the set command replaces nothing we need.
+  std::string stacks = " ";
+  std::vector<const data_stack *> seen;
+  for (const volume_list *v = volume_list_root; v; v = v->next) {
+    bool known = false;
+    for (const data_stack *s : seen) known = known || s == v->stack;
+    if (known) continue;
+    seen.push_back(v->stack);
+    stacks += " ";
+    stacks += v->stack->name;
+  }
+  std::string line = "set slice-order " + order + "\n";
+  if (do_command(1, line.c_str())) return 1;
+  line = "reorder-slices " + stacks + "\n";
+  return do_command(1, line.c_str()) ? 1 : 0;
+}
+
+int macro_read_glm_control_file(const char *) { return not_available(); }

@@ -1,0 +1,188 @@
+"""The shipped help: the menu file covers every command and reads cleanly, the
+paged text parses and can be reached and walked from the menu."""
+import re
+import subprocess
+
+from conftest import KEP, SOURCE
+
+MENU = SOURCE / "documentation" / "kep-menu.txt"
+PAGES = SOURCE / "documentation" / "kep-pages.txt"
+MACROS = ["reorder-interleaved-slices"]
+UNAVAILABLE = {"register", "down-sample", "shift-pixels", "magnitude-window",
+               "magnitude-window-together", "scatter-plot", "GLM-histogram",
+               "GLM-vary-tau", "GLM-vary-taus"}
+FOOTER = ("----------------------------------------------\n"
+          "--- choose item: 0 = main menu, return = back \n"
+          "----------------------------------------------\n")
+PAGE_FOOTER = ("             _________________________________________________________ \n"
+               "            |  q = quit     m = menu          n = next       b = back |\n"
+               "            |__________________________<return> = next________________|\n"
+               "volume help >>")
+ITEM_LINE = re.compile(r"^\s+(\d+)\s{2,}(\S.*?)(?:\s{2,}\S.*)?$")
+
+
+def table_commands():
+    text = (SOURCE / "kep" / "kep-table.cpp").read_text()
+    return re.findall(r'\{"([^"]+)", Form::', text)
+
+
+def sections(path, fields):
+    """(key tuple, lines) for every header line "!n n [n]" of a help file."""
+    out = []
+    for line in path.read_text().splitlines(keepends=True):
+        if line.startswith("!"):
+            key = tuple(int(w) for w in line[1:].split()[:fields])
+            assert len(key) == fields, line
+            out.append((key, []))
+        else:
+            out[-1][1].append(line)
+    return out
+
+
+def menu_sections():
+    return dict(sections(MENU, 2))
+
+
+def listed_items(lines):
+    """Item number -> title of the numbered lines of a menu page."""
+    items = {}
+    for line in lines:
+        m = ITEM_LINE.match(line.rstrip("\n"))
+        if m:
+            items[int(m.group(1))] = m.group(2)
+    return items
+
+
+def run_help(answers):
+    env = {"PATH": "/usr/bin:/bin", "KEP_HOME": str(SOURCE)}
+    p = subprocess.run([str(KEP)], input=("help\n" + answers + "quit\n").encode(),
+                       capture_output=True, env=env, timeout=60)
+    return p.stdout.decode(), p.stderr.decode()
+
+
+def test_every_command_and_macro_has_a_menu_item():
+    names = table_commands()
+    assert len(names) == 111 and len(set(names)) == 111
+    menu = menu_sections()
+    titled = {}
+    for (m, i), lines in menu.items():
+        if m >= 1 and i == 0:
+            for number, title in listed_items(lines).items():
+                for name in title.split(", "):
+                    titled.setdefault(name, []).append(menu[(m, number)])
+
+    def documents(name, text):
+        # The syntax line names the command, and the item says what to expect.
+        if not any(re.match(re.escape(name) + r"(\s|$)", line) for line in text):
+            return False
+        unavailable = any("not available in this build" in line for line in text)
+        if unavailable != (name in UNAVAILABLE):
+            return False
+        return unavailable or any(line.startswith("Example") for line in text)
+
+    for name in names + MACROS:
+        assert name in titled, f"{name} has no menu item"
+        assert any(documents(name, text) for text in titled[name]), name
+
+
+def test_menu_pages_list_exactly_their_items_and_lines_are_short():
+    keys = [key for key, _ in sections(MENU, 2)]
+    menu = menu_sections()
+    assert len(keys) == len(menu), "a section appears twice"
+    menus = sorted({m for m, _ in keys})
+    assert menus == list(range(len(menus)))
+    # Main page: one line per menu.
+    assert sorted(listed_items(menu[(0, 0)])) == menus[1:]
+    for m in menus[1:]:
+        items = sorted(i for mm, i in keys if mm == m and i > 0)
+        assert items == list(range(1, len(items) + 1)), m
+        assert sorted(listed_items(menu[(m, 0)])) == items, f"menu {m} page"
+    # Sections run menu by menu, item by item.
+    assert keys == sorted(keys)
+    for path in (MENU, PAGES):
+        for n, line in enumerate(path.read_text().splitlines(), 1):
+            assert len(line) < 90, f"{path.name}:{n} is {len(line)} characters"
+
+
+def test_reader_accepts_the_shipped_menu():
+    out, err = run_help("q\n")
+    assert "Warning: menu entry" not in out
+    main = "".join(menu_sections()[(0, 0)])
+    assert out.startswith(f"kep > Help from file {MENU}\n" + main + FOOTER + "help > kep > ")
+    assert err == ""
+
+
+def test_every_menu_and_item_opens():
+    menu = menu_sections()
+    pages = sections(PAGES, 3)
+    first_page = "".join(pages[0][1])
+    answers, expected = [], ["".join(menu[(0, 0)])]
+    menus = sorted(m for m, i in menu if m > 0 and i == 0)
+    for m in menus:
+        page = "".join(menu[(m, 0)])
+        answers.append(f"{m}\n")
+        expected.append(page)
+        for i in sorted(i for mm, i in menu if mm == m and i > 0):
+            text = "".join(menu[(m, i)])
+            if text.startswith("&pages"):
+                answers.append(f"{i}\nq\n")
+                expected.append(first_page + PAGE_FOOTER + page)
+            else:
+                answers.append(f"{i}\n\n")
+                expected.append(text)
+                expected.append(page)
+        answers.append("\n")
+        expected.append("".join(menu[(0, 0)]))
+    out, _ = run_help("".join(answers) + "q\n")
+    chunks = re.split(r"help >>? ", out)
+    assert chunks[0].startswith(f"kep > Help from file {MENU}\n")
+    chunks[0] = chunks[0].split("\n", 1)[1]
+    got = [c[: -len(FOOTER)] for c in chunks[:-1]]
+    assert all(c.endswith(FOOTER) for c in chunks[:-1])
+    assert len(got) == len(expected)
+    for g, e in zip(got, expected):
+        assert g == e
+    assert chunks[-1] == "kep > "
+    assert sum(1 for c in answers if c.startswith(tuple("0123456789"))) > 111
+
+
+def test_paged_text_headers_and_structure():
+    pages = sections(PAGES, 3)
+    keys = [c * 10000 + s * 100 + u for (c, s, u), _ in pages]
+    assert keys[0] == 0 and keys == sorted(set(keys))
+    present = {key for key, _ in pages}
+    for (c, s, u), _ in pages:
+        assert (c, 0, 0) in present and (c, s, 0) in present
+    text = dict(pages)
+    chapters = sorted({c for c, _, _ in present if c > 0})
+    assert sorted(listed_items(text[(0, 0, 0)])) == chapters
+    for c in chapters:
+        secs = sorted(s for cc, s, u in present if cc == c and s > 0 and u == 0)
+        assert secs == list(range(1, len(secs) + 1))
+        assert sorted(listed_items(text[(c, 0, 0)])) == secs, f"chapter {c}"
+    # The formats a user needs are there.
+    body = PAGES.read_text()
+    for word in ("baseline-terms", "scale-event", "AR", "multiple-comparisons",
+                 "normalize-BOLD", "normalize-IRON", "notify", "output-format", "IRF",
+                 "HRF-file", "conditions", "convolve-table", "runs:",
+                 "square", "gamma", "sine", "cosine", "ramp-up", "ramp-down", "drug-IRF",
+                 "table", "interaction", "exclusion", "BOLD-monkey", "IRON-rat",
+                 ".nii.gz", ".bshort", ".bfloat", ".blong", ".ushort", ".img", ".bhdr"):
+        assert word in body, word
+
+
+def test_paged_text_is_reached_and_walked_from_the_menu():
+    menu = menu_sections()
+    glm = next(m for (m, i), lines in menu.items()
+               if i > 0 and lines and lines[0].startswith("&pages"))
+    item = next(i for (m, i), lines in menu.items()
+                if m == glm and lines and lines[0].startswith("&pages"))
+    text = dict(sections(PAGES, 3))
+    # Chapter 1, its section 2, that section's first subsection, up twice,
+    # next page, back.
+    out, err = run_help(f"{glm}\n{item}\n1\n2\n1\nm\nm\nn\nb\nq\nq\n")
+    shown = [text[k] for k in [(0, 0, 0), (1, 0, 0), (1, 2, 0), (1, 2, 1), (1, 2, 0),
+                               (1, 0, 0), (1, 1, 0), (1, 0, 0)]]
+    expected = "".join("".join(lines) + PAGE_FOOTER for lines in shown)
+    assert expected in out
+    assert "Error reading the direction integers" not in out + err

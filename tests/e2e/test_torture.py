@@ -1,0 +1,71 @@
+"""Every command with nonsense arguments, at the prompt and in command files.
+
+The only acceptable outcomes are messages and results; never a signal, a
+sanitizer report or a hang.
+"""
+import re
+import subprocess
+
+import numpy as np
+import pytest
+
+from conftest import KEP, SOURCE
+
+
+def command_names():
+    table = (SOURCE / "kep" / "kep-table.cpp").read_text()
+    names = re.findall(r'^\s*\{"([^"]+)", Form::', table, re.M)
+    assert len(names) == 111
+    return names + ["reorder-interleaved-slices"]
+
+
+COMMANDS = command_names()
+ARGUMENTS = ["", "nosuch", "one", "nanst", "empty", "0 one", "-1 small", "1e30 small", "abc small",
+             "x y small", "nan small>0", "3 out small>n-0", "small>1,,2", "glm", "2147483647 big small"]
+# Stacks and files the commands can act on; the overlay starts empty.
+SETUP = ("read one.bfloat one\nread nanst.bfloat nanst\nread small.bfloat small\n"
+         "read small.bfloat empty\n")
+
+
+def write_xdisplay(path, data):
+    nx, ny, nz, nt = data.shape
+    data.transpose(3, 2, 1, 0).astype("<f4").tofile(path.with_suffix(".bfloat"))
+    path.with_suffix(".hdr").write_text(f"x {nx}\ny {ny}\nz {nz}\nt {nt}\nstorage-type float\nbyte-order 1\n")
+
+
+@pytest.fixture(scope="module")
+def workdir(tmp_path_factory):
+    d = tmp_path_factory.mktemp("torture")
+    write_xdisplay(d / "one", np.ones((1, 1, 1, 1)))
+    write_xdisplay(d / "nanst", np.full((3, 2, 2, 3), np.nan))
+    rng = np.random.default_rng(1)
+    write_xdisplay(d / "small", rng.normal(size=(4, 4, 3, 5)))
+    (d / "empty.ovl").write_text("")
+    return d
+
+
+def check(proc, what):
+    err = proc.stderr.decode("utf-8", "replace")
+    assert proc.returncode >= 0, f"{what}: killed by signal {-proc.returncode}\n{err[-2000:]}"
+    assert "Sanitizer" not in err and "runtime error" not in err, f"{what}:\n{err[-3000:]}"
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_every_argument_at_the_prompt(workdir, command):
+    lines = "".join(f"{command} {a}\n" for a in ARGUMENTS if command not in ("bye", "quit", "stop", "exit"))
+    answers = "q\n" * 5 if command == "help" else ""
+    proc = subprocess.run([str(KEP)], input=(SETUP + lines + answers + "show-stacks\nquit\n").encode(),
+                          cwd=workdir, capture_output=True, timeout=120, env={"KEP_HOME": str(SOURCE)})
+    check(proc, command)
+    assert proc.returncode == 1
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_every_argument_in_a_command_file(workdir, command):
+    for i, argument in enumerate(ARGUMENTS):
+        name = f"t_{command.replace('^', '_')}_{i}.com"
+        (workdir / name).write_text(SETUP + f"{command} {argument}\nshow-stacks\n")
+        proc = subprocess.run([str(KEP), name], cwd=workdir, capture_output=True, timeout=120,
+                              stdin=subprocess.DEVNULL, env={"KEP_HOME": str(SOURCE)})
+        check(proc, f"{command} {argument}")
+        assert proc.returncode == 1
