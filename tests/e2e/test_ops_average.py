@@ -1,0 +1,64 @@
+"""Averaging commands compared sample by sample with numpy."""
+import numpy as np
+import pytest
+
+from fft_files import skip_without_volume_files
+from ops_files import assert_close, random_stack, run_ops
+
+SHAPE = (10, 3, 4, 6)  # t, z, y, x
+
+
+@pytest.fixture(autouse=True)
+def _needs_files(kep):
+    skip_without_volume_files(kep)
+
+
+def test_average_of_a_subset(kep):
+    a = random_stack(SHAPE, 1)
+    r, out = run_ops(kep, {"a": a}, "average m a>7,1,4", ["m"])
+    assert_close(out["m"], a[[7, 1, 4]].astype(np.complex128).mean(axis=0, keepdims=True))
+
+
+def test_average_by_groups_and_epochs(kep):
+    a = random_stack(SHAPE, 2)
+    r, out = run_ops(kep, {"a": a}, "average-by 3 g a\naverage-epochs 4 e a", ["g", "e"])
+    x = a.astype(np.complex128)
+    assert_close(out["g"], x[:9].reshape(3, 3, *SHAPE[1:]).mean(axis=1))
+    assert_close(out["e"], x[:8].reshape(2, 4, *SHAPE[1:]).mean(axis=0))
+
+
+def test_average_stacks_skips_zero_samples(kep):
+    stacks = {name: random_stack(SHAPE, 3 + i, zeros=0.3) for i, name in enumerate("abc")}
+    r, out = run_ops(kep, stacks, "average-stacks m a b>2 c", ["m"])
+    x = np.stack([s.astype(np.complex128) for s in stacks.values()])
+    counted = x.real != 0
+    n = counted.sum(axis=0)
+    total = np.where(counted, x, 0).sum(axis=0)
+    expected = np.where(n > 0, total / np.maximum(n, 1), 0)
+    assert_close(out["m"], expected)
+
+
+def test_weighted_average(kep):
+    a = random_stack(SHAPE, 6) + 3
+    r, out = run_ops(kep, {"a": a}, "weighted-average w a>0-5", ["w"])
+    x = a[:6].astype(np.complex128)
+    mean_mod = np.abs(x.mean(axis=0))
+    amp = np.abs(x)
+    nz, n3d = SHAPE[1], np.prod(SHAPE[1:])
+    d = ((mean_mod[None] - amp) ** 2).reshape(6, nz, -1).sum(axis=2) / n3d  # [k, z]
+    w = (1 / d) ** 4
+    weighted = (w[:, :, None, None] * x).sum(axis=0) / w.sum(axis=0)[:, None, None]
+    assert_close(out["w"], np.abs(weighted)[None] + 0j, rtol=2e-5, atol=2e-5)
+
+
+def test_failures_create_nothing(kep):
+    a = random_stack(SHAPE, 7)
+    b = random_stack((2, 3, 4, 2), 8)
+    r, out = run_ops(kep, {"a": a, "b": b},
+                     "average-by 1 m a\naverage-stacks m a b\nweighted-average m a>3\naverage m a b\nshow-stacks",
+                     [])
+    assert r.stderr == ("Error: Volumes should be averaged in sets of 2 or more.\n"
+                        "Error: Stacks a and b have different dimensions.\n"
+                        "Error: Stacks a and b have different dimensions.\n")
+    assert "Error: the requested number of time points (1) is < 2!\n" in r.stdout
+    assert "\nm\r" not in r.stdout

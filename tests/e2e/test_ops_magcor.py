@@ -1,0 +1,70 @@
+"""Baseline corrections and rescaling compared sample by sample with numpy."""
+import numpy as np
+import pytest
+
+from fft_files import skip_without_volume_files
+from ops_files import assert_close, random_stack, run_ops
+
+
+@pytest.fixture(autouse=True)
+def _needs_files(kep):
+    skip_without_volume_files(kep)
+
+
+def band(n, fraction, far_inclusive):
+    c = np.arange(n)
+    b = n // fraction
+    return (c < b) | ((n - c <= b) if far_inclusive else (n - c < b))
+
+
+def corrected(x, region):
+    """Subtracts the mean of the nonzero samples in `region` from every nonzero sample."""
+    nonzero = x != 0
+    base = x[region & nonzero].mean()
+    return np.where(nonzero, x - base, 0)
+
+
+def test_baseline_of_the_stack_from_its_corners(kep):
+    shape = (2, 3, 32, 48)
+    a = random_stack(shape, 1, zeros=0.1) + 0.5
+    a[a.real == 0.5] = 0
+    r, out = run_ops(kep, {"a": a}, "baseline-correct a>1", ["a"])
+    region = band(32, 16, True)[:, None] & band(48, 16, True)[None, :]
+    x = a.astype(np.complex128)
+    assert_close(out["a"], corrected(x, np.broadcast_to(region, shape)), rtol=1e-5, atol=1e-6)
+
+
+def test_baseline_of_each_volume_from_wider_corners(kep):
+    shape = (3, 2, 32, 40)
+    a = random_stack(shape, 2) + np.arange(3)[:, None, None, None]
+    r, out = run_ops(kep, {"a": a}, "baseline-correct-volumes a>0,2", ["a"])
+    region = band(32, 8, False)[:, None] & band(40, 8, False)[None, :]
+    x = a.astype(np.complex128)
+    expected = x.copy()
+    for t in (0, 2):
+        expected[t] = corrected(x[t], np.broadcast_to(region, shape[1:]))
+    assert_close(out["a"], expected, rtol=1e-5, atol=1e-6)
+
+
+def test_scale_and_normalize(kep):
+    a = random_stack((4, 2, 3, 4), 3)
+    b = random_stack((4, 2, 3, 4), 4)
+    r, out = run_ops(kep, {"a": a, "b": b}, "scale 0 a>1,3\nnormalize 500 b", ["a", "b"])
+    x, y = a.astype(np.complex128), b.astype(np.complex128)
+    fa = np.float32(32767) / np.float32(np.abs(x[[1, 3]]).max())
+    fb = np.float32(500) / np.float32(np.abs(y).mean())
+    assert r.stdout.count("Scaling factor = ") == 2
+    ex = x.copy()
+    ex[[1, 3]] *= fa
+    assert_close(out["a"], ex, rtol=1e-5)
+    assert_close(out["b"], y * fb, rtol=1e-5)
+
+
+def test_overlay_voxels_decide_the_factor(kep):
+    a = random_stack((2, 3, 4, 4), 5)
+    voxels = [(1, 2, 0), (3, 0, 2), (0, 3, 1)]
+    kep.path("roi.ovl").write_text("".join(f"{x} {y} {z}\n" for x, y, z in voxels))
+    r, out = run_ops(kep, {"a": a}, "read roi.ovl\nnormalize 1 a", ["a"])
+    x = a.astype(np.complex128)
+    mean = np.mean([np.abs(x[t, z, y, xx]) for t in range(2) for xx, y, z in voxels])
+    assert_close(out["a"], x * (1 / np.float32(mean)), rtol=1e-5)
