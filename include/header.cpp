@@ -1,5 +1,6 @@
 // Volume headers: format detection from the name and the three header readers
 // (xdisplay text ".hdr", NIfTI-1 binary, FreeSurfer-style ".bhdr").
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <znzlib.h>
 
@@ -195,6 +196,7 @@ volume_source::volume_source(const char *name, bool compressed) {
 }
 
 volume_source::~volume_source() {
+  if (map_) munmap(map_, map_size_);
   if (plain_) fclose(plain_);
   if (packed_) {
     znzFile z = static_cast<znzFile>(packed_);
@@ -206,6 +208,20 @@ size_t volume_source::read(void *buffer, size_t bytes) {
   if (plain_) return fread(buffer, 1, bytes, plain_);
   if (packed_) return znzread(buffer, 1, bytes, static_cast<znzFile>(packed_));
   return 0;
+}
+
+const unsigned char *volume_source::mapped(long long *size) {
+  if (map_ == nullptr && plain_ != nullptr) {
+    struct stat st;
+    if (fstat(fileno(plain_), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) return nullptr;
+    void *m = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fileno(plain_), 0);
+    if (m == MAP_FAILED) return nullptr;
+    madvise(m, static_cast<size_t>(st.st_size), MADV_SEQUENTIAL);
+    map_ = m;
+    map_size_ = static_cast<size_t>(st.st_size);
+  }
+  *size = static_cast<long long>(map_size_);
+  return static_cast<const unsigned char *>(map_);
 }
 
 bool volume_source::seek(long long offset, int whence) {
