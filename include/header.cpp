@@ -1,6 +1,7 @@
 // Volume headers: format detection from the name and the three header readers
 // (xdisplay text ".hdr", NIfTI-1 binary, FreeSurfer-style ".bhdr").
 #include <sys/stat.h>
+#include <znzlib.h>
 
 #include <climits>
 #include <cmath>
@@ -174,6 +175,45 @@ FILE *fopen_regular(const char *name, const char *mode) {
     return nullptr;
   }
   return file;
+}
+
+bool gzipped_nifti_name(const char *name) {
+  const char *slash = strrchr(name, '/');
+  const char *base = slash ? slash + 1 : name;
+  const size_t n = strlen(base);
+  return n > 7 && strcmp(base + n - 7, ".nii.gz") == 0;
+}
+
+volume_source::volume_source(const char *name, bool compressed) {
+  if (!compressed) {
+    plain_ = fopen_regular(name, "rb");
+    return;
+  }
+  struct stat st;
+  if (stat(name, &st) != 0 || S_ISDIR(st.st_mode)) return;
+  znzFile z = znzopen(name, "rb", 1);
+  if (!znz_isnull(z)) packed_ = z;
+}
+
+volume_source::~volume_source() {
+  if (plain_) fclose(plain_);
+  if (packed_) {
+    znzFile z = static_cast<znzFile>(packed_);
+    znzclose(z);
+  }
+}
+
+size_t volume_source::read(void *buffer, size_t bytes) {
+  if (plain_) return fread(buffer, 1, bytes, plain_);
+  if (packed_) return znzread(buffer, 1, bytes, static_cast<znzFile>(packed_));
+  return 0;
+}
+
+bool volume_source::seek(long long offset, int whence) {
+  if (offset < 0) return false;
+  if (plain_) return fseeko(plain_, static_cast<off_t>(offset), whence) == 0;
+  if (packed_) return znzseek(static_cast<znzFile>(packed_), static_cast<znz_off_t>(offset), whence) >= 0;
+  return false;
 }
 
 int machine_byte_order() {
@@ -428,6 +468,12 @@ int decode_nifti_header(const unsigned char *bytes, size_t size, const char *hea
       h->lDOF = int_at(ext + 8);
     }
   }
+  int32_t sizeof_hdr = n.sizeof_hdr;
+  swap_32(&sizeof_hdr);
+  if (n.sizeof_hdr == 540 || sizeof_hdr == 540) {
+    printf("Error: %s is a NIFTI-2 file; kep reads NIFTI-1 files.\n", header_name);
+    return 1;
+  }
   if (n.dim[0] < 1 || n.dim[0] > 7) {
     swap_nifti_header(&n);
     // The data are in the file's order, which is not the machine's.
@@ -479,7 +525,8 @@ int decode_nifti_header(const unsigned char *bytes, size_t size, const char *hea
   }
   // A single file keeps its data after the 352 bytes of header and extender;
   // older writers left vox_offset 0 there.
-  if (h->file_type == FILE_NII && h->voxel_offset < NIFTI_HEADER_SIZE + 4) h->voxel_offset = NIFTI_HEADER_SIZE + 4;
+  if (h->file_type == FILE_NII && h->voxel_offset < NIFTI_HEADER_SIZE + 4)
+    h->voxel_offset = NIFTI_HEADER_SIZE + 4;
   int method;
   if (n.qform_code == 0) {
     method = 1;
@@ -511,23 +558,21 @@ int read_nifti_header(const char *name, XD_HEADER *h) {
   } else {
     snprintf(header_name, sizeof header_name, "%s", name);
   }
-  FILE *file = fopen_regular(header_name, "rb");
-  if (file == nullptr) {
+  volume_source file(header_name, gzipped_nifti_name(header_name));
+  if (!file.is_open()) {
     printf("Error: cannot open Nifti file %s.\n", header_name);
     return 1;
   }
   unsigned char bytes[NIFTI_HEADER_SIZE + 16];
-  size_t size = fread(bytes, 1, NIFTI_HEADER_SIZE, file);
+  size_t size = file.read(bytes, NIFTI_HEADER_SIZE);
   if (size < NIFTI_HEADER_SIZE) {
-    fclose(file);
     fprintf(stderr, "\nError reading header file %s\n", header_name);
     exit(1);
   }
   // The extender, and when it announces one, the extension's size, code and first word.
-  size += fread(bytes + size, 1, 4, file);
+  size += file.read(bytes + size, 4);
   if (size == NIFTI_HEADER_SIZE + 4 && bytes[NIFTI_HEADER_SIZE] != 0)
-    size += fread(bytes + size, 1, sizeof bytes - size, file);
-  fclose(file);
+    size += file.read(bytes + size, sizeof bytes - size);
   return decode_nifti_header(bytes, size, header_name, h);
 }
 
@@ -625,7 +670,8 @@ void initialize_volume_header(const char *name, XD_HEADER *h) {
   h->byte_order = machine_byte_order();
 }
 
-void finish_volume_header(XD_HEADER *h) {
+int finish_volume_header(XD_HEADER *h) {
+  if (check_sample_count(h, h->file_name)) return 1;
   if (invertible(h->ijk_to_xyz)) {
     h->xyz_to_ijk = invert_mat44(h->ijk_to_xyz);
   } else {
@@ -639,6 +685,7 @@ void finish_volume_header(XD_HEADER *h) {
   h->n2d = h->dim.x * h->dim.y;
   h->n3d = h->n2d * h->dim.z;
   h->n4d = h->n3d * h->nt;
+  return 0;
 }
 
 int read_volume_header(const char *name, XD_HEADER *h) {
@@ -651,6 +698,9 @@ int read_volume_header(const char *name, XD_HEADER *h) {
   const char *dot = strrchr(copy, '.');
   if (len > 0 && copy[len - 1] == '_') {
     result = read_freesurfer_header(copy, h);
+  } else if (gzipped_nifti_name(copy)) {
+    h->file_type = FILE_NII;
+    result = read_nifti_header(copy, h);
   } else if (dot == nullptr || (slash != nullptr && dot < slash)) {
     char header_name[KEP_LINE + 8];
     snprintf(header_name, sizeof header_name, "%s.hdr", copy);
@@ -684,7 +734,5 @@ int read_volume_header(const char *name, XD_HEADER *h) {
     }
   }
   if (result != 0) return 1;
-  if (check_sample_count(h, h->file_name)) return 1;
-  finish_volume_header(h);
-  return 0;
+  return finish_volume_header(h);
 }
