@@ -121,6 +121,12 @@ struct reader {
   int nheaders = 0;
 };
 
+// A number read as a column, truncated for printing and kept within int range.
+int truncated(float x) {
+  if (!(x == x)) return 0;
+  return x >= 2e9f ? 2000000000 : x <= -2e9f ? -2000000000 : static_cast<int>(x);
+}
+
 bool line_error(const reader &r, int shape) {
   printf("Error on line %d for event type %d in file %s\n", r.line, shape, r.file);
   return true;
@@ -201,8 +207,7 @@ int read_header(reader &r, const char *text) {
       if (n < 3) {
         failed = line_error(r, shape) && printf("For table events, give the column entry.\n");
       } else if (!(a >= 0.0f && a <= GLM.table_ncolumns[r.run])) {
-        printf("Error: The TABLE event %c refers to column %d for run %d,\n", id[0], static_cast<int>(a),
-               r.run + 1);
+        printf("Error: The TABLE event %c refers to column %d for run %d,\n", id[0], truncated(a), r.run + 1);
         printf("...but allowed values are 0 to %d.\n", GLM.table_ncolumns[r.run]);
         failed = true;
       }

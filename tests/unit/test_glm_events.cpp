@@ -109,6 +109,7 @@ TEST_F(GlmEvents, ShapeErrorsPrintTheirMessagesAndExample) {
       {"5 table\n", "Error on line 3 for event type 2 in file @\nFor table events, give the column entry.\n"},
       {"5 table 1\n",
        "Error: The TABLE event 5 refers to column 1 for run 1,\n...but allowed values are 0 to 0.\n"},
+      {"5 table 3e12\n", "Error: The TABLE event 5 refers to column 2000000000 for run 1,\n"},
       {"5 table 0\n", "Error: column number (0) for event 5\n>= number of columns (0) for run 1\n"},
       {"5 interaction 1\n",
        "Error on line 3 for event type 8 in file @\nFor table events, give the column entry.\n"},
