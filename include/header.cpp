@@ -1,5 +1,6 @@
 // Volume headers: format detection from the name and the three header readers
 // (xdisplay text ".hdr", NIfTI-1 binary, FreeSurfer-style ".bhdr").
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <znzlib.h>
 
@@ -92,24 +93,23 @@ void set_orientation_from_matrix(XD_HEADER *h) {
       if (r != c && m.m[r][c] != 0.0f) h->off_diagonal = 1;
 }
 
-// True when the rotation part is safely invertible (the general inverter
-// would end the program on a singular matrix).
-bool invertible(const mat44 &m) {
-  double a[3][3];
-  double scale = 1.0;
-  for (int r = 0; r < 3; r++) {
-    double norm = 0.0;
-    for (int c = 0; c < 3; c++) {
+// The inverse of a voxel-to-world matrix, as invert_mat44 computes it, but
+// reporting a singular or non-finite matrix instead of ending the program.
+bool inverse_of(const mat44 &m, mat44 *inverse) {
+  fmatrix a(4, 4);
+  for (int r = 0; r < 4; r++)
+    for (int c = 0; c < 4; c++) {
+      if (!std::isfinite(m.m[r][c])) return false;
       a[r][c] = m.m[r][c];
-      norm += a[r][c] * a[r][c];
     }
-    scale *= sqrt(norm);
-    if (!std::isfinite(m.m[r][3])) return false;
-  }
-  double det = a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
-               a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
-               a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
-  return std::isfinite(det) && std::isfinite(scale) && scale > 0.0 && fabs(det) > 1e-12 * scale;
+  int failing_row = 0;
+  if (rInvertSquareMatrix(4, a, &failing_row) != 0) return false;
+  for (int r = 0; r < 4; r++)
+    for (int c = 0; c < 4; c++) {
+      if (!std::isfinite(a[r][c])) return false;
+      inverse->m[r][c] = a[r][c];
+    }
+  return true;
 }
 
 void swap_nifti_header(nifti_1_header *n) {
@@ -196,6 +196,7 @@ volume_source::volume_source(const char *name, bool compressed) {
 }
 
 volume_source::~volume_source() {
+  if (map_) munmap(map_, map_size_);
   if (plain_) fclose(plain_);
   if (packed_) {
     znzFile z = static_cast<znzFile>(packed_);
@@ -207,6 +208,20 @@ size_t volume_source::read(void *buffer, size_t bytes) {
   if (plain_) return fread(buffer, 1, bytes, plain_);
   if (packed_) return znzread(buffer, 1, bytes, static_cast<znzFile>(packed_));
   return 0;
+}
+
+const unsigned char *volume_source::mapped(long long *size) {
+  if (map_ == nullptr && plain_ != nullptr) {
+    struct stat st;
+    if (fstat(fileno(plain_), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) return nullptr;
+    void *m = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fileno(plain_), 0);
+    if (m == MAP_FAILED) return nullptr;
+    madvise(m, static_cast<size_t>(st.st_size), MADV_SEQUENTIAL);
+    map_ = m;
+    map_size_ = static_cast<size_t>(st.st_size);
+  }
+  *size = static_cast<long long>(map_size_);
+  return static_cast<const unsigned char *>(map_);
 }
 
 bool volume_source::seek(long long offset, int whence) {
@@ -672,9 +687,7 @@ void initialize_volume_header(const char *name, XD_HEADER *h) {
 
 int finish_volume_header(XD_HEADER *h) {
   if (check_sample_count(h, h->file_name)) return 1;
-  if (invertible(h->ijk_to_xyz)) {
-    h->xyz_to_ijk = invert_mat44(h->ijk_to_xyz);
-  } else {
+  if (!inverse_of(h->ijk_to_xyz, &h->xyz_to_ijk)) {
     // A degenerate geometry (a zero voxel size, say) must not stop the data
     // from being read: world-to-voxel is then left as the identity.
     printf("Warning: the voxel-to-world matrix of file %s cannot be inverted.\n", h->file_name);

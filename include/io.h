@@ -113,10 +113,15 @@ class volume_source {
   size_t read(void *buffer, size_t bytes);
   // Moves forward from the start (SEEK_SET) or from here (SEEK_CUR); false on failure.
   bool seek(long long offset, int whence);
+  // The whole of a plain file mapped into memory, or null (compressed, or the
+  // mapping failed); `size` receives its length.
+  const unsigned char *mapped(long long *size);
 
  private:
   FILE *plain_ = nullptr;
   void *packed_ = nullptr;
+  void *map_ = nullptr;
+  size_t map_size_ = 0;
 };
 
 int machine_byte_order();

@@ -150,13 +150,32 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
       return 1;
     }
   }
+  const bool swap = h.byte_order != machine_byte_order();
+  long long file_size = 0;
+  const unsigned char *whole = swap ? nullptr : file.mapped(&file_size);
+  if (whole != nullptr) {
+    // Converted straight from the mapped file: no copy through a buffer.
+    long long position = offset;
+    if (h.storage_type != STORAGE_UCHAR) position += static_cast<long long>(list.front()) * volume_bytes;
+    size_t next = 0;
+    for (int v = list.front(); v <= list.back(); v++, position += volume_bytes) {
+      if (position + volume_bytes > file_size) {
+        printf("Error reading file %s.\n", name.c_str());
+        return 1;
+      }
+      if (v != list[next]) continue;
+      convert(const_cast<unsigned char *>(whole + position), volume, h.storage_type, false, pairs,
+              h.scale_slope, h.scale_offset, out + next * static_cast<size_t>(h.n3d));
+      next++;
+    }
+    return 0;
+  }
   std::unique_ptr<unsigned char[]> buffer(
       new (std::nothrow) unsigned char[static_cast<size_t>(volume_bytes)]);
   if (!buffer) {
     printf("Error: not enough memory to read a volume of file %s.\n", name.c_str());
     return 1;
   }
-  const bool swap = h.byte_order != machine_byte_order();
   size_t next = 0;
   for (int v = list.front(); v <= list.back(); v++) {
     if (file.read(buffer.get(), static_cast<size_t>(volume_bytes)) != static_cast<size_t>(volume_bytes)) {

@@ -360,6 +360,17 @@ TEST(IoHeader, SingularGeometryIsReadWithAWarning) {
   std::string out = capture_stdout([&] { EXPECT_EQ(finish_volume_header(&h), 0); });
   EXPECT_EQ(out, "Warning: the voxel-to-world matrix of file z.bfloat cannot be inverted.\n");
   EXPECT_EQ(h.n4d, 8);
+  // tiny but non-zero entries: the general inverter finds a zero pivot
+  const float rows[3][4] = {{1.69271187e-36f, 1, 1.5f, 0},
+                            {5.83155401e-39f, 5.85451288e-39f, 0, 0},
+                            {5.87747175e-39f, 0, 0, 5.90043063e-39f}};
+  h.ijk_to_xyz = general_affine_to_mat44(rows[0], rows[1], rows[2]);
+  out = capture_stdout([&] { EXPECT_EQ(finish_volume_header(&h), 0); });
+  EXPECT_EQ(out, "Warning: the voxel-to-world matrix of file z.bfloat cannot be inverted.\n");
+  h.ijk_to_xyz.m[0][3] = NAN;
+  out = capture_stdout([&] { EXPECT_EQ(finish_volume_header(&h), 0); });
+  EXPECT_EQ(out, "Warning: the voxel-to-world matrix of file z.bfloat cannot be inverted.\n");
+  EXPECT_EQ(h.xyz_to_ijk.m[0][3], 0.0f);
   h.resolution = {2.0f, 1.0f, 1.0f};
   h.ijk_to_xyz = scale_and_shift_to_mat44(2, 1, 1, 4, 0, 0, 1, 1, 1);
   out = capture_stdout([&] { EXPECT_EQ(finish_volume_header(&h), 0); });
