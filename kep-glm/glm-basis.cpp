@@ -9,7 +9,7 @@
 namespace {
 
 // Largest oversampled paradigm held in memory (samples).
-constexpr int64_t MAX_PARADIGM = int64_t(1) << 27;
+constexpr int64_t MAX_PARADIGM = int64_t(1) << 26;
 
 double sample_time(long i, int n) { return i * static_cast<double>(GLM.tr[0]) / n; }
 

@@ -163,7 +163,19 @@ GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *data, float *
   for (int t = 0; t < nt; t++) {
     if (!include[t]) continue;
     const float *d = data + static_cast<size_t>(t) * nvox;
-    for (int c = 0; c < nc; c++) {
+    int c = 0;
+    // Three coefficients per pass over the row: fewer loads, same sums.
+    for (; c + 3 <= nc; c += 3) {
+      const double w0 = GLM.XTXm1XT_ct[c][t], w1 = GLM.XTXm1XT_ct[c + 1][t], w2 = GLM.XTXm1XT_ct[c + 2][t];
+      double *a0 = acc.data() + static_cast<size_t>(c) * nvox, *a1 = a0 + nvox, *a2 = a1 + nvox;
+      for (int v = 0; v < nvox; v++) {
+        const double x = d[v];
+        a0[v] += w0 * x;
+        a1[v] += w1 * x;
+        a2[v] += w2 * x;
+      }
+    }
+    for (; c < nc; c++) {
       const double w = GLM.XTXm1XT_ct[c][t];
       double *a = acc.data() + static_cast<size_t>(c) * nvox;
       for (int v = 0; v < nvox; v++) a[v] += w * d[v];
@@ -175,7 +187,13 @@ GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *data, float *
   for (int t = 0; t < nt; t++) {
     std::fill(a, a + nvox, 0.0);
     const float *x = GLM.Xorig_tc[t];
-    for (int c = 0; c < nc; c++) {
+    int c = 0;
+    for (; c + 3 <= nc; c += 3) {
+      const double w0 = x[c], w1 = x[c + 1], w2 = x[c + 2];
+      const float *b0 = beta + static_cast<size_t>(c) * nvox, *b1 = b0 + nvox, *b2 = b1 + nvox;
+      for (int v = 0; v < nvox; v++) a[v] = ((a[v] + w0 * b0[v]) + w1 * b1[v]) + w2 * b2[v];
+    }
+    for (; c < nc; c++) {
       const double w = x[c];
       const float *b = beta + static_cast<size_t>(c) * nvox;
       for (int v = 0; v < nvox; v++) a[v] += w * b[v];
