@@ -1,4 +1,5 @@
 // Stimulus paradigms, convolution and the design matrix.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -35,9 +36,33 @@ int GLMInternal_create_stimulus_paradigm(int e, int n, float *buffer) {
   const int ns = GLM.nstims[e];
   const float *on_s = GLM.stim_on[e].data(), *off_s = GLM.stim_off[e].data(), *mag_s = GLM.stim_mag[e].data();
   const double tau = GLM.event_tau1[e];
+  // Each sample visits only the stimuli whose window may contain it, in stimulus
+  // order, so the result and the overlap report are those of visiting them all.
+  // The sample ranges are widened by one so rounding cannot drop a sample.
+  const double per_second = n / static_cast<double>(GLM.tr[0]);
+  auto sample_bound = [count](double x) {
+    return x <= 0.0 ? 0L : x >= static_cast<double>(count - 1) ? count - 1 : static_cast<long>(x);
+  };
+  std::vector<long> first(static_cast<size_t>(ns)), last(static_cast<size_t>(ns));
+  std::vector<int> order(static_cast<size_t>(ns));
+  for (int s = 0; s < ns; s++) {
+    first[s] = sample_bound(floor(on_s[s] * per_second) - 1.0);
+    last[s] = sample_bound(ceil(off_s[s] * per_second) + 1.0);
+    order[s] = s;
+  }
+  std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return first[a] < first[b]; });
+  std::vector<int> active;
+  size_t next = 0;
   for (long i = 0; i < count; i++) {
+    bool added = false;
+    while (next < order.size() && first[order[next]] <= i) {
+      active.push_back(order[next++]);
+      added = true;
+    }
+    if (added) std::sort(active.begin(), active.end());
+    std::erase_if(active, [&](int s) { return last[s] < i; });
     const double t = sample_time(i, n);
-    for (int s = 0; s < ns; s++) {
+    for (int s : active) {
       const double on = on_s[s], off = off_s[s], m = mag_s[s];
       if (!(on <= t && t <= off)) continue;
       if (shape != GLM_GAMMA && buffer[i] != 0.0f) {

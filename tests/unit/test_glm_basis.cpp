@@ -80,6 +80,9 @@ TEST_F(GlmBasis, TouchingSquareStimuliOverlap) {
   EXPECT_EQ(model("2 40\n\n1\n2 6\n6 10\n", "", &out), 1);
   EXPECT_EQ(out, "Error: overlapping stimuli for event 1 and stimulus 2\n");
   EXPECT_EQ(GLM.initialized, 1);
+  // The first sample that two stimuli share is the one reported, whatever their order in the file.
+  EXPECT_EQ(model("1 100\n\n1\n0 10\n50 60\n55 70\n5 8\n", "", &out), 1);
+  EXPECT_EQ(out, "Error: overlapping stimuli for event 1 and stimulus 4\n");
 }
 
 TEST_F(GlmBasis, BaselineColumnsExclusionAndDof) {
