@@ -1,6 +1,8 @@
 // Volume headers: format detection from the name and the three header readers
 // (xdisplay text ".hdr", NIfTI-1 binary, FreeSurfer-style ".bhdr").
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <znzlib.h>
 
 #include <climits>
 #include <cmath>
@@ -91,24 +93,23 @@ void set_orientation_from_matrix(XD_HEADER *h) {
       if (r != c && m.m[r][c] != 0.0f) h->off_diagonal = 1;
 }
 
-// True when the rotation part is safely invertible (the general inverter
-// would end the program on a singular matrix).
-bool invertible(const mat44 &m) {
-  double a[3][3];
-  double scale = 1.0;
-  for (int r = 0; r < 3; r++) {
-    double norm = 0.0;
-    for (int c = 0; c < 3; c++) {
+// The inverse of a voxel-to-world matrix, as invert_mat44 computes it, but
+// reporting a singular or non-finite matrix instead of ending the program.
+bool inverse_of(const mat44 &m, mat44 *inverse) {
+  fmatrix a(4, 4);
+  for (int r = 0; r < 4; r++)
+    for (int c = 0; c < 4; c++) {
+      if (!std::isfinite(m.m[r][c])) return false;
       a[r][c] = m.m[r][c];
-      norm += a[r][c] * a[r][c];
     }
-    scale *= sqrt(norm);
-    if (!std::isfinite(m.m[r][3])) return false;
-  }
-  double det = a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
-               a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
-               a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
-  return std::isfinite(det) && std::isfinite(scale) && scale > 0.0 && fabs(det) > 1e-12 * scale;
+  int failing_row = 0;
+  if (rInvertSquareMatrix(4, a, &failing_row) != 0) return false;
+  for (int r = 0; r < 4; r++)
+    for (int c = 0; c < 4; c++) {
+      if (!std::isfinite(a[r][c])) return false;
+      inverse->m[r][c] = a[r][c];
+    }
+  return true;
 }
 
 void swap_nifti_header(nifti_1_header *n) {
@@ -174,6 +175,60 @@ FILE *fopen_regular(const char *name, const char *mode) {
     return nullptr;
   }
   return file;
+}
+
+bool gzipped_nifti_name(const char *name) {
+  const char *slash = strrchr(name, '/');
+  const char *base = slash ? slash + 1 : name;
+  const size_t n = strlen(base);
+  return n > 7 && strcmp(base + n - 7, ".nii.gz") == 0;
+}
+
+volume_source::volume_source(const char *name, bool compressed) {
+  if (!compressed) {
+    plain_ = fopen_regular(name, "rb");
+    return;
+  }
+  struct stat st;
+  if (stat(name, &st) != 0 || S_ISDIR(st.st_mode)) return;
+  znzFile z = znzopen(name, "rb", 1);
+  if (!znz_isnull(z)) packed_ = z;
+}
+
+volume_source::~volume_source() {
+  if (map_) munmap(map_, map_size_);
+  if (plain_) fclose(plain_);
+  if (packed_) {
+    znzFile z = static_cast<znzFile>(packed_);
+    znzclose(z);
+  }
+}
+
+size_t volume_source::read(void *buffer, size_t bytes) {
+  if (plain_) return fread(buffer, 1, bytes, plain_);
+  if (packed_) return znzread(buffer, 1, bytes, static_cast<znzFile>(packed_));
+  return 0;
+}
+
+const unsigned char *volume_source::mapped(long long *size) {
+  if (map_ == nullptr && plain_ != nullptr) {
+    struct stat st;
+    if (fstat(fileno(plain_), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) return nullptr;
+    void *m = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fileno(plain_), 0);
+    if (m == MAP_FAILED) return nullptr;
+    madvise(m, static_cast<size_t>(st.st_size), MADV_SEQUENTIAL);
+    map_ = m;
+    map_size_ = static_cast<size_t>(st.st_size);
+  }
+  *size = static_cast<long long>(map_size_);
+  return static_cast<const unsigned char *>(map_);
+}
+
+bool volume_source::seek(long long offset, int whence) {
+  if (offset < 0) return false;
+  if (plain_) return fseeko(plain_, static_cast<off_t>(offset), whence) == 0;
+  if (packed_) return znzseek(static_cast<znzFile>(packed_), static_cast<znz_off_t>(offset), whence) >= 0;
+  return false;
 }
 
 int machine_byte_order() {
@@ -428,6 +483,12 @@ int decode_nifti_header(const unsigned char *bytes, size_t size, const char *hea
       h->lDOF = int_at(ext + 8);
     }
   }
+  int32_t sizeof_hdr = n.sizeof_hdr;
+  swap_32(&sizeof_hdr);
+  if (n.sizeof_hdr == 540 || sizeof_hdr == 540) {
+    printf("Error: %s is a NIFTI-2 file; kep reads NIFTI-1 files.\n", header_name);
+    return 1;
+  }
   if (n.dim[0] < 1 || n.dim[0] > 7) {
     swap_nifti_header(&n);
     // The data are in the file's order, which is not the machine's.
@@ -479,7 +540,8 @@ int decode_nifti_header(const unsigned char *bytes, size_t size, const char *hea
   }
   // A single file keeps its data after the 352 bytes of header and extender;
   // older writers left vox_offset 0 there.
-  if (h->file_type == FILE_NII && h->voxel_offset < NIFTI_HEADER_SIZE + 4) h->voxel_offset = NIFTI_HEADER_SIZE + 4;
+  if (h->file_type == FILE_NII && h->voxel_offset < NIFTI_HEADER_SIZE + 4)
+    h->voxel_offset = NIFTI_HEADER_SIZE + 4;
   int method;
   if (n.qform_code == 0) {
     method = 1;
@@ -511,23 +573,21 @@ int read_nifti_header(const char *name, XD_HEADER *h) {
   } else {
     snprintf(header_name, sizeof header_name, "%s", name);
   }
-  FILE *file = fopen_regular(header_name, "rb");
-  if (file == nullptr) {
+  volume_source file(header_name, gzipped_nifti_name(header_name));
+  if (!file.is_open()) {
     printf("Error: cannot open Nifti file %s.\n", header_name);
     return 1;
   }
   unsigned char bytes[NIFTI_HEADER_SIZE + 16];
-  size_t size = fread(bytes, 1, NIFTI_HEADER_SIZE, file);
+  size_t size = file.read(bytes, NIFTI_HEADER_SIZE);
   if (size < NIFTI_HEADER_SIZE) {
-    fclose(file);
     fprintf(stderr, "\nError reading header file %s\n", header_name);
     exit(1);
   }
   // The extender, and when it announces one, the extension's size, code and first word.
-  size += fread(bytes + size, 1, 4, file);
+  size += file.read(bytes + size, 4);
   if (size == NIFTI_HEADER_SIZE + 4 && bytes[NIFTI_HEADER_SIZE] != 0)
-    size += fread(bytes + size, 1, sizeof bytes - size, file);
-  fclose(file);
+    size += file.read(bytes + size, sizeof bytes - size);
   return decode_nifti_header(bytes, size, header_name, h);
 }
 
@@ -625,10 +685,9 @@ void initialize_volume_header(const char *name, XD_HEADER *h) {
   h->byte_order = machine_byte_order();
 }
 
-void finish_volume_header(XD_HEADER *h) {
-  if (invertible(h->ijk_to_xyz)) {
-    h->xyz_to_ijk = invert_mat44(h->ijk_to_xyz);
-  } else {
+int finish_volume_header(XD_HEADER *h) {
+  if (check_sample_count(h, h->file_name)) return 1;
+  if (!inverse_of(h->ijk_to_xyz, &h->xyz_to_ijk)) {
     // A degenerate geometry (a zero voxel size, say) must not stop the data
     // from being read: world-to-voxel is then left as the identity.
     printf("Warning: the voxel-to-world matrix of file %s cannot be inverted.\n", h->file_name);
@@ -639,6 +698,7 @@ void finish_volume_header(XD_HEADER *h) {
   h->n2d = h->dim.x * h->dim.y;
   h->n3d = h->n2d * h->dim.z;
   h->n4d = h->n3d * h->nt;
+  return 0;
 }
 
 int read_volume_header(const char *name, XD_HEADER *h) {
@@ -651,6 +711,9 @@ int read_volume_header(const char *name, XD_HEADER *h) {
   const char *dot = strrchr(copy, '.');
   if (len > 0 && copy[len - 1] == '_') {
     result = read_freesurfer_header(copy, h);
+  } else if (gzipped_nifti_name(copy)) {
+    h->file_type = FILE_NII;
+    result = read_nifti_header(copy, h);
   } else if (dot == nullptr || (slash != nullptr && dot < slash)) {
     char header_name[KEP_LINE + 8];
     snprintf(header_name, sizeof header_name, "%s.hdr", copy);
@@ -684,7 +747,5 @@ int read_volume_header(const char *name, XD_HEADER *h) {
     }
   }
   if (result != 0) return 1;
-  if (check_sample_count(h, h->file_name)) return 1;
-  finish_volume_header(h);
-  return 0;
+  return finish_volume_header(h);
 }

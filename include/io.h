@@ -99,11 +99,37 @@ int xdisplay_format(char *name);
 // fopen that treats a directory as a file that cannot be opened.
 FILE *fopen_regular(const char *name, const char *mode);
 
+// True for a gzip-compressed single NIfTI file (name ending in ".nii.gz").
+bool gzipped_nifti_name(const char *name);
+
+// Sequential reading of a data file, plain or gzip-compressed.
+class volume_source {
+ public:
+  volume_source(const char *name, bool compressed);
+  ~volume_source();
+  volume_source(const volume_source &) = delete;
+  volume_source &operator=(const volume_source &) = delete;
+  bool is_open() const { return plain_ != nullptr || packed_ != nullptr; }
+  size_t read(void *buffer, size_t bytes);
+  // Moves forward from the start (SEEK_SET) or from here (SEEK_CUR); false on failure.
+  bool seek(long long offset, int whence);
+  // The whole of a plain file mapped into memory, or null (compressed, or the
+  // mapping failed); `size` receives its length.
+  const unsigned char *mapped(long long *size);
+
+ private:
+  FILE *plain_ = nullptr;
+  void *packed_ = nullptr;
+  void *map_ = nullptr;
+  size_t map_size_ = 0;
+};
+
 int machine_byte_order();
 void swap_16(void *p);
 void swap_32(void *p);
 
 // Sets the fields read_volume_header starts from.
 void initialize_volume_header(const char *name, XD_HEADER *header);
-// Fills the derived fields (inverse, field of view, counts) of a decoded header.
-void finish_volume_header(XD_HEADER *header);
+// Fills the derived fields (inverse, field of view, counts) of a decoded
+// header; 1 after a message when its sample counts do not fit.
+int finish_volume_header(XD_HEADER *header);

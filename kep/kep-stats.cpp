@@ -1,7 +1,6 @@
 // Histograms of the overlay's voxels and the overlap of two blurred volumes.
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <vector>
 
 #include "kep-prototypes.h"
@@ -18,8 +17,7 @@ std::vector<unsigned char> overlay_mask(IPOINT3D dim) {
     const IPOINT3D &p = overlay.voxel[i];
     if (p.x < 0 || p.x >= nx || p.y < 0 || p.y >= ny || p.z < 0 || p.z >= nz) {
       printf("Programming error in glm_histogram_unbiased\n");
-      fflush(stdout);
-      exit(1);
+      kep_exit(1);
     }
     mask[static_cast<size_t>(nx * ny * p.z + nx * p.y + p.x)] = 1;
   }

@@ -14,12 +14,11 @@
 
 namespace {
 
-// Samples of double-precision buffer gathered per pass: about 256 kB, which
-// stays in the second-level cache while the lines are transformed.
+// Samples of the double-precision buffer per pass: 256 kB, which stays in
+// the second-level cache while its lines are transformed. Every axis uses
+// the same layout (whole lines one after the other), so equal lengths share
+// one plan shape and later plans come from the process's FFTW wisdom.
 constexpr long BATCH_SAMPLES = 16384;
-// Columns gathered side by side for the strided axes (y, z, t): a row of
-// this many samples is read contiguously from the stack.
-constexpr long MAX_COLUMNS = 32;
 
 struct FftwBuffer {
   fftw_complex *data = nullptr;
@@ -61,29 +60,21 @@ int transform_lines(const LineSet &lines, int sign, double factor) {
   const bool contiguous = lines.stride == 1 && lines.ncolumns == 1;
 
   // Lines per pass: contiguous lines are taken from consecutive blocks,
-  // strided ones from consecutive columns of one block.
+  // strided ones from consecutive columns of one block, so that gathering
+  // reads a run of samples of each row.
   long batch = BATCH_SAMPLES / n;
   if (batch < 1) batch = 1;
-  if (contiguous) {
-    if (batch > lines.nblocks) batch = lines.nblocks;
-  } else {
-    if (batch > MAX_COLUMNS) batch = MAX_COLUMNS;
-    if (batch > lines.ncolumns) batch = lines.ncolumns;
-  }
+  if (batch > (contiguous ? lines.nblocks : lines.ncolumns))
+    batch = contiguous ? lines.nblocks : lines.ncolumns;
   FftwBuffer buffer(static_cast<size_t>(batch * n));
   if (buffer.data == nullptr) {
     kep_text(2, "Not enough memory for the Fourier transform buffer.");
     return 1;
   }
-  // Contiguous lines lie one after the other in the buffer; strided ones are
-  // interleaved (sample j of line b at j * batch + b) so that gathering a row
-  // of the stack writes a row of the buffer.
   const int length = static_cast<int>(n);
-  const int istride = contiguous ? 1 : static_cast<int>(batch);
-  const int idist = contiguous ? length : 1;
   FftwPlan plan;
-  plan.plan = fftw_plan_many_dft(1, &length, static_cast<int>(batch), buffer.data, nullptr, istride, idist,
-                                 buffer.data, nullptr, istride, idist, sign, FFTW_MEASURE);
+  plan.plan = fftw_plan_many_dft(1, &length, static_cast<int>(batch), buffer.data, nullptr, 1, length,
+                                 buffer.data, nullptr, 1, length, sign, FFTW_MEASURE);
   if (plan.plan == nullptr) {
     kep_text(2, "The Fourier transform could not be planned.");
     return 1;
@@ -127,24 +118,24 @@ int transform_lines(const LineSet &lines, int sign, double factor) {
     FCOMPLEX *base = lines.data + block * lines.block_stride;
     for (long first = 0; first < lines.ncolumns; first += batch) {
       long count = lines.ncolumns - first < batch ? lines.ncolumns - first : batch;
-      if (count < batch) memset(buf, 0, sizeof(fftw_complex) * batch * n);
+      if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
       for (long j = 0; j < n; j++) {
         long row = j + before < n ? j + before : j + before - n;
         const FCOMPLEX *src = base + row * lines.stride + first;
-        fftw_complex *out = buf + j * batch;
+        fftw_complex *out = buf + j;
         for (long b = 0; b < count; b++) {
-          out[b][0] = src[b].real;
-          out[b][1] = src[b].imag;
+          out[b * n][0] = src[b].real;
+          out[b * n][1] = src[b].imag;
         }
       }
       fftw_execute(plan.plan);
       for (long m = 0; m < n; m++) {
         long row = m + after < n ? m + after : m + after - n;
         FCOMPLEX *dst = base + m * lines.stride + first;
-        const fftw_complex *in = buf + row * batch;
+        const fftw_complex *in = buf + row;
         for (long b = 0; b < count; b++) {
-          dst[b].real = static_cast<float>(in[b][0] * factor);
-          dst[b].imag = static_cast<float>(in[b][1] * factor);
+          dst[b].real = static_cast<float>(in[b * n][0] * factor);
+          dst[b].imag = static_cast<float>(in[b * n][1] * factor);
         }
       }
     }

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "glm.h"
 #include "kep-prototypes.h"
 
 unsigned int flags = 0;
@@ -61,6 +62,7 @@ void show_alignment() {
 }  // namespace
 
 void initialize_global_variables() {
+  GLM_reset_all();
   flags &= ~(FLAG_MODE_FILE1 | FLAG_MODE_FILE2 | FLAG_COMPLEX_OUTPUT);
   com_argc = 0;
   free_ipoint3d_vector(overlay.voxel);

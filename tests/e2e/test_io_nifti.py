@@ -233,11 +233,12 @@ def test_five_dimensional_file_is_refused(kep):
     assert "\nf\r" not in r.stdout and "kep > f\r" not in r.stdout
 
 
-SHIPPED = sorted(glob.glob(str(NIBABEL_DATA / "*.nii")))
+SHIPPED = sorted(glob.glob(str(NIBABEL_DATA / "*.nii")) + glob.glob(str(NIBABEL_DATA / "*.nii.gz")))
 
 
 @pytest.mark.skipif(not SHIPPED, reason="nibabel's test data are not installed")
-@pytest.mark.parametrize("path", [p for p in SHIPPED if "dconn" not in p], ids=os.path.basename)
+@pytest.mark.parametrize("path", [p for p in SHIPPED if "dconn" not in p and "nifti2" not in p],
+                         ids=os.path.basename)
 def test_shipped_nifti_files_read_like_nibabel(kep, path):
     img = nib.load(path)
     expected = np.asanyarray(img.get_fdata(dtype=np.float64))
@@ -249,9 +250,28 @@ def test_shipped_nifti_files_read_like_nibabel(kep, path):
     np.testing.assert_allclose([float(v) for v in fields["origin"]], aff[:3, 3], rtol=1e-4, atol=1e-3)
 
 
-@pytest.mark.skipif(not (NIBABEL_DATA / "row_major.dconn.nii").exists(), reason="no NIfTI-2 sample")
-def test_shipped_nifti2_file_is_refused_cleanly(kep):
-    r = kep.stdin(f"read {NIBABEL_DATA / 'row_major.dconn.nii'} d\nshow-stacks\nquit\n")
-    assert "Error" in r.stdout
+@pytest.mark.parametrize("name", ["row_major.dconn.nii", "example_nifti2.nii.gz"])
+def test_shipped_nifti2_files_are_refused_cleanly(kep, name):
+    if not (NIBABEL_DATA / name).exists():
+        pytest.skip("no NIfTI-2 sample")
+    r = kep.stdin(f"read {NIBABEL_DATA / name} d\nshow-stacks\nquit\n")
+    assert f"Error: {NIBABEL_DATA / name} is a NIFTI-2 file; kep reads NIFTI-1 files.\n" in r.stdout
     assert "stored in stack d" not in r.stdout
     assert r.returncode == 1 and "Fatal" not in r.stderr
+
+
+@pytest.mark.parametrize("endianness", ["<", ">"])
+def test_gzipped_nifti_reads_like_the_plain_file(kep, endianness):
+    import gzip
+    rng = np.random.default_rng(11)
+    data = rng.integers(-3000, 3000, size=(5, 4, 3, 4)).astype(np.int16)
+    expected = nibabel_file(kep.dir / "z.nii", data, np.int16, endianness, 0.5, -2.0)
+    raw = (kep.dir / "z.nii").read_bytes()
+    (kep.dir / "z.nii.gz").write_bytes(gzip.compress(raw))
+    (kep.dir / "z.nii").unlink()
+    values, fields, r = kep_values(kep, "z.nii.gz", subset="1,3")
+    np.testing.assert_allclose(values, expected[..., [1, 3]], rtol=1e-6)
+    # data cut short: an error, not a crash
+    (kep.dir / "cut.nii.gz").write_bytes(gzip.compress(raw[:-50]))
+    r = kep.stdin("read cut.nii.gz c\nquit\n")
+    assert r.returncode == 1 and r.stderr == "" and "Error reading file cut.nii.gz.\n" in r.stdout

@@ -91,43 +91,11 @@ TEST_F(Histograms, CountsOverlayAmplitudesWithClampedBins) {
   EXPECT_EQ(histogram[0], 5);
 }
 
-TEST_F(Histograms, EmptyOverlayGivesEmptyBins) {
-  stack_of("a", 2, 2, 1, {{1, 2, 3, 4}});
-  capture_stdout([] { run("set histogram 0 2 1"); });
-  std::string out = capture_stdout([] { run("histogram a"); });
-  EXPECT_EQ(out, "Output of 0 entries to file hist.dat\nHistogram is empty!\n");
-  EXPECT_EQ(slurp("hist.dat"), "x y\n0.5 0\n1.5 0\n");
-}
-
-TEST_F(Histograms, DifferentSizesFail) {
-  stack_of("a", 2, 1, 1, {{1, 2}});
-  stack_of("b", 1, 2, 1, {{1, 2}});
-  capture_stdout([] { run("set histogram 0 2 1"); });
-  std::string err = capture_stderr([] { run("histogram a b"); });
-  EXPECT_EQ(err, "Error: Stacks a and b have different dimensions.\n");
-}
-
 TEST_F(Histograms, OverlayVoxelOutsideTheVolumeEndsTheProgram) {
   stack_of("a", 2, 2, 1, {{1, 2, 3, 4}});
   set_overlay({{0, 0, 0}, {0, 2, 0}});
   capture_stdout([] { run("set histogram 0 2 1"); });
   EXPECT_EXIT(run("histogram a"), ::testing::ExitedWithCode(1), "");
-}
-
-TEST_F(Histograms, WeightedHistogramHoldsOneMeanPerVolume) {
-  std::vector<std::vector<float>> volumes;
-  for (int t = 0; t < 5; t++)
-    volumes.push_back({static_cast<float>(t + 1), 50, static_cast<float>(3 * t), -2});
-  stack_of("a", 4, 1, 1, volumes);
-  set_overlay({{0, 0, 0}, {2, 0, 0}, {3, 0, 0}});
-  std::string out = capture_stdout([] { run("weighted-histogram a"); });
-  // Means (4t + 3) / 3 (amplitudes: |-2| = 2); their sum is 55/3, the sum
-  // weighted by the centres t + 1 is 205/3.
-  EXPECT_EQ(out, "Allocate histogram: 0.5 5.5 1 (5 bins)\n# voxels = 3\nAverage value = 3.72727\n");
-  EXPECT_EQ(slurp("hist.dat"), "x y\n1 1.000000\n2 2.333333\n3 3.666667\n4 5.000000\n5 6.333333\n");
-  EXPECT_EQ(hist_nbins, 5);
-  EXPECT_FLOAT_EQ(hist_end, 5.5f);
-  EXPECT_EQ(histogram[4], 0);
 }
 
 class Overlap : public InTempDir {};
@@ -136,13 +104,6 @@ void place(data_stack *s, float resolution) {
   s->ijk_to_xyz = {};
   for (int i = 0; i < 3; i++) s->ijk_to_xyz.m[i][i] = resolution;
   s->ijk_to_xyz.m[3][3] = 1.0f;
-}
-
-TEST_F(Overlap, AVolumeWithItselfOverlapsByHalf) {
-  data_stack *s = stack_of("a", 3, 3, 2, {{0, 1, 0, 2, 0, 0, 0, 0, 3, 1, 0, 0, 0, 0, 0, 0, 0, 4}});
-  place(s, 2.0f);
-  std::string out = capture_stdout([] { run("calculate-overlay-overlap 5 a a"); });
-  EXPECT_NE(out.find("fractional overlap = 0.5\n"), std::string::npos) << out;
 }
 
 TEST_F(Overlap, TwoPointsWeighTheirDistanceByAGaussian) {
@@ -198,24 +159,6 @@ TEST_F(Maps, SnrOfANoiselessRampIsZero) {
     EXPECT_NEAR(m->SpaceTime.fcData[n].real, 0.0f, 1e-3f) << n;
     EXPECT_EQ(m->SpaceTime.fcData[n].imag, 0.0f);
   }
-}
-
-TEST_F(Maps, SnrOfAlternatingNoise) {
-  // 100 +- 1 alternating over 6 points on a drift: the quadratic baseline
-  // leaves the alternation partly; S is about 100 and N about 1.
-  std::vector<std::vector<float>> volumes;
-  for (int t = 0; t < 6; t++) volumes.push_back({100.0f + (t % 2 ? 1.0f : -1.0f) + 0.5f * t});
-  stack_of("a", 1, 1, 1, volumes);
-  flags |= FLAG_QUIET;
-  std::string out = capture_stdout([] { run("map-snr m a"); });
-  EXPECT_EQ(out, "");
-  data_stack *m = find_stack("m");
-  float snr = m->SpaceTime.fcData[0].real, s = m->SpaceTime.fcData[1].real,
-        noise = m->SpaceTime.fcData[2].real;
-  EXPECT_NEAR(s, 101.25f, 1.0f);  // the mean of the data, within the baseline's pull
-  EXPECT_GT(noise, 0.5f);
-  EXPECT_LT(noise, 1.5f);
-  EXPECT_FLOAT_EQ(snr, s / noise);
 }
 
 TEST_F(Maps, FirstDecayMapRemindsAndSkipsChecks) {

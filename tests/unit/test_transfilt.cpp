@@ -89,40 +89,6 @@ TEST_F(Transforms, CentringPermutation) {
   EXPECT_EQ(even[3].real, 1);
 }
 
-// Even, odd and prime lengths on every axis, several time points.
-TEST_F(Transforms, EachAxisMatchesDirectSum) {
-  const IPOINT3D shapes[] = {{8, 6, 4}, {7, 5, 3}, {13, 11, 2}, {1, 9, 5}};
-  const char *forward[] = {"transform-x s", "transform-y s", nullptr};
-  const char *inverse[] = {"inverse-transform-x s", "inverse-transform-y s", nullptr};
-  unsigned seed = 1;
-  for (IPOINT3D d : shapes)
-    for (int axis = 0; axis < 3; axis++)
-      for (int direction : {-1, 1}) {
-        data_stack *s = random_stack("s", d.x, d.y, d.z, 2, seed++);
-        auto expected = direct_dft(samples_of(s), d, 2, axis, direction, direction == -1);
-        if (axis < 2) {
-          run(direction == -1 ? forward[axis] : inverse[axis]);
-        } else {
-          initialize_volume_list();
-          char list[] = "s";
-          ASSERT_EQ(decode_volume_list(0, list), 0);
-          ft_1d(3, direction);
-        }
-        expect_close(expected, s, 2e-6f);
-      }
-}
-
-TEST_F(Transforms, ForwardThenInverseRestoresOddSizes) {
-  data_stack *s = random_stack("s", 9, 15, 7, 3, 42);
-  auto original = samples_of(s);
-  run("transform-xyz s");
-  run("inverse-transform-xyz s");
-  expect_close(original, s, 2e-6f);
-  run("transform s>1");  // whole stacks, whatever volumes are listed
-  run("inverse-transform s>0");
-  expect_close(original, s, 2e-6f);
-}
-
 TEST_F(Transforms, RepeatedEntriesOfOneStackTransformOnce) {
   data_stack *s = random_stack("s", 6, 4, 1, 3, 3);
   data_stack *t = random_stack("t", 6, 4, 1, 1, 4);
@@ -143,28 +109,6 @@ TEST_F(Transforms, ConstantLineGoesToIndexHalfN) {
       EXPECT_NEAR(s->SpaceTime.fcData[i].imag, i == n / 2 ? -1.0f : 0.0f, 1e-6f) << n << " " << i;
     }
   }
-}
-
-TEST_F(Transforms, TimeTransformIsUnscaled) {
-  data_stack *s = random_stack("s", 3, 2, 2, 7, 9);
-  auto expected = direct_dft(samples_of(s), s->dim, 7, 3, -1, false);
-  run("transform-time s");
-  expect_close(expected, s, 1e-5f);
-
-  data_stack *c = install_stack("c", nullptr, 1, 1, 1, 6);
-  for (int t = 0; t < 6; t++) c->SpaceTime.fcData[t] = {2.0f, 0.0f};
-  run("transform-time c");
-  EXPECT_NEAR(c->SpaceTime.fcData[3].real, 12.0f, 1e-5f);
-  EXPECT_NEAR(c->SpaceTime.fcData[0].real, 0.0f, 1e-5f);
-}
-
-TEST_F(Transforms, TimeTransformRefusesDifferentSizes) {
-  data_stack *a = random_stack("a", 4, 4, 1, 4, 1);
-  random_stack("b", 4, 2, 1, 4, 2);
-  auto before = samples_of(a);
-  std::string err = capture_stderr([] { run("transform-time a b"); });
-  EXPECT_EQ(err, "Error: Stacks a and b have different dimensions.\n");
-  expect_close(before, a, 0.0f);
 }
 
 TEST_F(Transforms, WholeVolumeTransformsNeedPowersOfTwo) {
@@ -207,44 +151,6 @@ TEST_F(Transforms, WholeVolumeTransformUndoesItsPhaseRoll) {
 
 class Filters : public KepTest {};
 
-// Smoothing multiplies the (unscaled) inverse transform by the Gaussian
-// weight and transforms forward again.
-TEST_F(Filters, SmoothingIsAGaussianInKspace) {
-  for (int ndim : {2, 3}) {
-    data_stack *s = random_stack("s", 10, 7, 5, 2, 11 + ndim);
-    s->resolution = {2.0f, 1.5f, 3.0f};
-    IPOINT3D d = s->dim;
-    auto k = samples_of(s);
-    for (int axis = 0; axis < ndim; axis++) k = direct_dft(k, d, 2, axis, 1, false);
-    const double fwhm = 4.0, c = 0.1404824543408127 / (fwhm * fwhm);  // about 2 ln 2 / pi^2
-    const double res[3] = {2.0, 1.5, 3.0};
-    const int n[3] = {10, 7, 5};
-    for (int i = s->n3d; i < s->n4d; i++) {  // only volume 1 is listed
-      int idx[3] = {i % 10, (i / 10) % 7, (i / 70) % 5};
-      double w = 1;
-      for (int a = 0; a < ndim; a++) {
-        double kk = idx[a] - n[a] / 2 + 0.5;
-        w *= exp(-kk * kk / 2 / (res[a] * res[a] * n[a] * n[a] * c));
-      }
-      k[i].real = static_cast<float>(k[i].real * w);
-      k[i].imag = static_cast<float>(k[i].imag * w);
-    }
-    for (int axis = 0; axis < ndim; axis++) k = direct_dft(k, d, 2, axis, -1, true);
-    std::string out = capture_stdout([ndim] { run(ndim == 3 ? "smooth-3d 4 s>1" : "smooth-2d 4 s>1"); });
-    EXPECT_EQ(out, "");
-    expect_close(k, s, 1e-5f);
-  }
-}
-
-TEST_F(Filters, SmoothingReportsQuarters) {
-  random_stack("s", 4, 4, 1, 12, 1);
-  std::string out = capture_stdout([] { run("smooth-2d 3 s"); });
-  EXPECT_EQ(out, "25 percent done\n50 percent done\n75 percent done\n");
-  random_stack("s", 4, 4, 1, 10, 1);
-  out = capture_stdout([] { run("smooth-2d 3 s"); });
-  EXPECT_EQ(out, "");
-}
-
 TEST_F(Filters, LargeWidthLeavesTheCentreOfKspace) {
   data_stack *s = random_stack("s", 16, 16, 1, 1, 2);
   run("smooth-2d 20 s");
@@ -258,55 +164,6 @@ TEST_F(Filters, LargeWidthLeavesTheCentreOfKspace) {
       else
         EXPECT_LT(a, 1e-3f) << x << " " << y;
     }
-}
-
-TEST_F(Filters, HammingWindow) {
-  data_stack *s = install_stack("h", nullptr, 5, 3, 4, 2);
-  for (int n = 0; n < s->n4d; n++) s->SpaceTime.fcData[n] = {1.0f, 2.0f};
-  run("hamming-window h>0");  // the whole stack, z factor 1
-  auto w = [](int i, int n) { return 0.54 - 0.46 * cos(2 * M_PI * i / (n - 1)); };
-  for (int n = 0; n < s->n4d; n++) {
-    int x = n % 5, y = (n / 5) % 3;
-    EXPECT_NEAR(s->SpaceTime.fcData[n].real, w(x, 5) * w(y, 3), 1e-6) << n;
-    EXPECT_NEAR(s->SpaceTime.fcData[n].imag, 2 * w(x, 5) * w(y, 3), 1e-6) << n;
-  }
-  for (int n = 0; n < s->n4d; n++) s->SpaceTime.fcData[n] = {1.0f, 0.0f};
-  run("hamming-window-xyz h");
-  EXPECT_NEAR(s->SpaceTime.fcData[index4d(2, 1, 0, 1, s)].real, 0.08, 1e-6);
-  EXPECT_NEAR(s->SpaceTime.fcData[index4d(4, 1, 3, 0, s)].real, 0.08 * 0.08, 1e-6);
-  data_stack *one = install_stack("one", nullptr, 1, 4, 1, 1);
-  for (int n = 0; n < one->n4d; n++) one->SpaceTime.fcData[n] = {1.0f, 1.0f};
-  run("hamming-window one");
-  EXPECT_TRUE(std::isnan(one->SpaceTime.fcData[0].real));
-}
-
-TEST_F(Filters, ExponentialWeightingActsOnListedVolumes) {
-  data_stack *s = install_stack("e", nullptr, 6, 2, 1, 2);
-  for (int n = 0; n < s->n4d; n++) s->SpaceTime.fcData[n] = {1.0f, -1.0f};
-  run("exp-filter-1d 2.5 e>1");
-  for (int n = 0; n < s->n4d; n++) {
-    double x = n % 6, expected = n < s->n3d ? 1.0 : exp(x / 2.5) * exp(-x * x / 6.25);
-    EXPECT_NEAR(s->SpaceTime.fcData[n].real, expected, 1e-6) << n;
-    EXPECT_NEAR(s->SpaceTime.fcData[n].imag, -expected, 1e-6) << n;
-  }
-}
-
-TEST_F(Filters, EdgeFilterOfConstantSlice) {
-  data_stack *s = install_stack("g", nullptr, 5, 4, 2, 1);
-  for (int n = 0; n < s->n4d; n++) s->SpaceTime.fcData[n] = {0.0f, 2.0f};
-  run("edge-filter g");
-  for (int z = 0; z < 2; z++)
-    for (int y = 0; y < 4; y++)
-      for (int x = 0; x < 5; x++) {
-        const FCOMPLEX &c = s->SpaceTime.fcData[index4d(x, y, z, 0, s)];
-        EXPECT_EQ(c.imag, 0.0f);
-        // Only the last row of the last slice reaches past the volume.
-        bool edge = z == 1 && y == 3;
-        if (edge)
-          EXPECT_GT(c.real, 0.0f) << x << " " << y;
-        else
-          EXPECT_EQ(c.real, 0.0f) << x << " " << y << " " << z;
-      }
 }
 
 TEST_F(Filters, EdgeFilterGradientOfARamp) {

@@ -1,0 +1,254 @@
+// Table files of per-image covariates and the impulse-response function.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "glm-prototypes.h"
+
+namespace {
+
+// Copies the next blank-separated word into `word`; null when none is left.
+const char *next_field(const char *text, char *word) {
+  while (*text == ' ' || *text == '\t' || *text == '\n' || *text == '\r') text++;
+  if (*text == '\0') return nullptr;
+  int n = 0;
+  while (*text && *text != ' ' && *text != '\t' && *text != '\n' && *text != '\r') {
+    if (n < GLM_NAME_LENGTH - 1) word[n++] = *text;
+    text++;
+  }
+  word[n] = '\0';
+  return text;
+}
+
+// Removes a polynomial baseline of `terms` terms (constant, linear, quadratic;
+// the cubic column of the small polynomial fitter is zero and adds nothing)
+// fitted over the non-zero entries; zero entries stay zero.
+void remove_table_baseline(float *column, int nrows, int terms) {
+  const int order = terms < 3 ? terms : 3;
+  std::vector<double> x(static_cast<size_t>(nrows) * order);
+  const double n = nrows;
+  int used = 0;
+  for (int i = 0; i < nrows; i++) {
+    double *xi = &x[static_cast<size_t>(i) * order];
+    xi[0] = 1.0;
+    if (order > 1) xi[1] = i / n - 0.5;
+    if (order > 2) xi[2] = static_cast<double>(i) * i / (n * n) - 0.3333333333333333;
+    if (column[i] != 0.0f) used++;
+  }
+  if (used < order) return;  // nothing to fit against
+  double a[3][3] = {}, rhs[3] = {};
+  for (int i = 0; i < nrows; i++) {
+    if (column[i] == 0.0f) continue;
+    const double *xi = &x[static_cast<size_t>(i) * order];
+    for (int j = 0; j < order; j++) {
+      rhs[j] += xi[j] * column[i];
+      for (int k = 0; k < order; k++) a[j][k] += xi[j] * xi[k];
+    }
+  }
+  // Gaussian elimination with partial pivoting on the small normal equations.
+  int perm[3] = {0, 1, 2};
+  for (int c = 0; c < order; c++) {
+    int p = c;
+    for (int r = c + 1; r < order; r++)
+      if (fabs(a[r][c]) > fabs(a[p][c])) p = r;
+    if (a[p][c] == 0.0) return;
+    std::swap(a[p], a[c]);
+    std::swap(rhs[p], rhs[c]);
+    std::swap(perm[p], perm[c]);
+    for (int r = c + 1; r < order; r++) {
+      double f = a[r][c] / a[c][c];
+      for (int k = c; k < order; k++) a[r][k] -= f * a[c][k];
+      rhs[r] -= f * rhs[c];
+    }
+  }
+  double coef[3] = {};
+  for (int c = order - 1; c >= 0; c--) {
+    double s = rhs[c];
+    for (int k = c + 1; k < order; k++) s -= a[c][k] * coef[k];
+    coef[c] = s / a[c][c];
+  }
+  for (int i = 0; i < nrows; i++) {
+    if (column[i] == 0.0f) continue;
+    const double *xi = &x[static_cast<size_t>(i) * order];
+    double fit = 0.0;
+    for (int j = 0; j < order; j++) fit += xi[j] * coef[j];
+    column[i] = static_cast<float>(column[i] - fit);
+  }
+}
+
+}  // namespace
+
+int GLM_read_table_file(const char *file_name, int run) {
+  if (file_name == nullptr || file_name[0] == '\0') return 0;
+  if (run < 0 || run >= GLM_MAX_RUNS) {
+    printf("Error: run %d cannot be read (at most %d runs).\n", run + 1, GLM_MAX_RUNS);
+    return 1;
+  }
+  GLMInternal_file file(fopen(file_name, "r"));
+  if (!file) {
+    printf("Error attempting to open the TABLE file %s.\n", file_name);
+    return 1;
+  }
+  char line[GLM_NAME_LENGTH], word[GLM_NAME_LENGTH];
+  char names[GLM_MAX_TABLE_COLUMNS][GLM_NAME_LENGTH];
+  int ncolumns = 0;
+  int line_number = 0;
+  bool named = false;
+  // The first line with a word names the columns.
+  while (!named && GLMInternal_get_line(file.get(), line)) {
+    line_number++;
+    named = !GLMInternal_blank(line);
+    const char *p = line;
+    while ((p = next_field(p, word)) != nullptr) {
+      if (ncolumns >= GLM_MAX_TABLE_COLUMNS) {
+        printf("Error: the TABLE file %s has more than %d columns.\n", file_name, GLM_MAX_TABLE_COLUMNS);
+        return 1;
+      }
+      snprintf(names[ncolumns++], GLM_NAME_LENGTH, "%s", word);
+    }
+  }
+  if (ncolumns == 0) {
+    printf("Error reading the column names (1st line) of TABLE file %s\n", file_name);
+    return 1;
+  }
+  std::vector<std::vector<float>> values(ncolumns);
+  int row = 0;
+  while (GLMInternal_get_line(file.get(), line)) {
+    line_number++;
+    if (GLMInternal_blank(line)) continue;  // comment lines are not images
+    if (row >= MAX_NSET) {
+      printf("Error: the TABLE file %s has more than %d rows.\n", file_name, MAX_NSET);
+      return 1;
+    }
+    const char *p = line;
+    for (int c = 0; c < ncolumns; c++) {
+      float v;
+      p = p ? next_field(p, word) : nullptr;
+      if (p == nullptr || sscanf(word, "%f", &v) != 1) {
+        printf("Error reading line %d of TABLE file %s\n", line_number, file_name);
+        return 1;
+      }
+      if (std::isnan(v)) {
+        printf("Error: table entry %d in column %d of run %d is not a number.\n", row + 1, c + 1, run + 1);
+        GLMInternal_terminate();
+      }
+      values[c].push_back(v);
+    }
+    row++;
+  }
+  file.reset();
+
+  if (run == 0) {
+    for (int c = 0; c < ncolumns; c++) memcpy(GLM.table_column_name[c], names[c], GLM_NAME_LENGTH);
+  } else {
+    if (ncolumns != GLM.table_ncolumns[0])
+      printf("Warning: the tables for runs %d/%d have different numbers of columns (%d/%d)\n", run, 0,
+             ncolumns, GLM.table_ncolumns[0]);
+    for (int c = 0; c < ncolumns && c < GLM.table_ncolumns[0]; c++)
+      if (strcmp(names[c], GLM.table_column_name[c]) != 0)
+        printf("Warning: runs 1 & %d have mismatched names (%s & %s) in column %d.\n", run + 1,
+               GLM.table_column_name[c], names[c], c + 1);
+  }
+  GLM.table_ncolumns[run] = ncolumns;
+  GLM.table_ntime[run] = row;
+  GLM.table_value[run] = fmatrix(ncolumns, row);
+  for (int c = 0; c < ncolumns; c++) {
+    float *dest = GLM.table_value[run][c];
+    for (int i = 0; i < row; i++) dest[i] = values[c][i];
+    if (GLM_input.nbaseline_terms > 0 && row > 0) remove_table_baseline(dest, row, GLM_input.nbaseline_terms);
+  }
+  return 0;
+}
+
+int GLM_read_hrf_file(int verbose, const char *name) {
+  snprintf(HRF.file_name, GLM_NAME_LENGTH, "%s", name ? name : "");
+  if (name == nullptr || name[0] == '\0') {
+    HRF.nhrf = 0;
+    return 0;
+  }
+  HRF.unbiased = 0;
+  HRF.nhrf = 1;
+  HRF.nexp = 3;
+  HRF.tau.assign(3, 0.0f);
+  HRF.weight.assign(3, 0.0f);
+  struct preset {
+    const char *name;
+    float tau[3];
+    float weight[2];
+  };
+  static const preset presets[] = {{"BOLD-monkey", {1.5f, 4.5f, 13.5f}, {0.7f, -0.3f}},
+                                   {"IRON-monkey", {1.5f, 4.5f, 13.5f}, {0.33f, 0.67f}},
+                                   {"BOLD-rat", {0.5f, 2.5f, 13.5f}, {0.7f, -0.3f}},
+                                   {"IRON-rat", {0.5f, 2.5f, 13.5f}, {0.33f, 0.67f}}};
+  bool found = false;
+  for (const preset &p : presets) {
+    if (strcmp(name, p.name) != 0) continue;
+    HRF.time_length = 120.0f;
+    HRF.time_step = 0.1f;
+    for (int i = 0; i < 3; i++) HRF.tau[i] = p.tau[i];
+    HRF.weight[1] = p.weight[0];
+    HRF.weight[2] = p.weight[1];
+    found = true;
+  }
+  if (!found) {
+    GLMInternal_file file(fopen(name, "r"));
+    if (!file) {
+      printf("Error attempting to open the IRF file %s.\n", name);
+      return 1;
+    }
+    char line[GLM_NAME_LENGTH];
+    if (!GLMInternal_get_line(file.get(), line)) return 1;
+    if (sscanf(line, "%f %f %f", &HRF.time_length, &HRF.time_step, &HRF.tau[0]) != 3) {
+      printf("Error reading the 1st line of the IRF file %s.\n", name);
+      return 1;
+    }
+    if (!GLMInternal_get_line(file.get(), line)) return 1;
+    if (sscanf(line, "%f %f", &HRF.tau[1], &HRF.weight[1]) != 2) {
+      printf("Error reading the 2nd line of the IRF file %s.\n", name);
+      return 1;
+    }
+    if (!GLMInternal_get_line(file.get(), line)) return 1;
+    if (sscanf(line, "%f %f", &HRF.tau[2], &HRF.weight[2]) != 2) {
+      printf("Error reading the 3rd line of the IRF file %s.\n", name);
+      return 1;
+    }
+    // The samples are held in memory: refuse steps and lengths that cannot be sampled.
+    double count = static_cast<double>(HRF.time_length) / HRF.time_step + 0.5;
+    if (!(HRF.time_step > 0.0f) || !(HRF.time_length >= 0.0f) || !(count < 1e7)) {
+      printf("Error: the IRF file %s gives a length (%g) and step (%g) that cannot be sampled.\n", name,
+             HRF.time_length, HRF.time_step);
+      HRF.nhrf = 0;
+      return 1;
+    }
+  }
+  // The response starts with zero slope.
+  if (HRF.tau[0] != 0.0f && HRF.tau[1] != 0.0f && HRF.tau[2] != 0.0f)
+    HRF.weight[0] = -HRF.tau[0] * (HRF.weight[1] / HRF.tau[1] + HRF.weight[2] / HRF.tau[2]);
+  else
+    HRF.weight[0] = 0.0f;
+  HRF.npoints = static_cast<int>(HRF.time_length / HRF.time_step + 0.5f);
+  HRF.amp.assign(static_cast<size_t>(HRF.npoints), 0.0f);
+  for (int i = 0; i < HRF.npoints; i++) {
+    const double t = i * static_cast<double>(HRF.time_step);
+    double sum = 0.0;
+    for (int k = 0; k < HRF.nexp; k++)
+      if (HRF.tau[k] != 0.0f) sum += HRF.time_step * HRF.weight[k] / HRF.tau[k] * exp(-t / HRF.tau[k]);
+    HRF.amp[i] = static_cast<float>(sum);
+  }
+  if (verbose) {
+    printf("\nHRF type   = %s\n", "exponential");
+    printf("IRF length = %g seconds, resolution = %g seconds\n", HRF.time_length, HRF.time_step);
+    for (int k = 0; k < HRF.nexp; k++)
+      printf("Amplitude of exponential of %g seconds = %g\n", HRF.tau[k], HRF.weight[k]);
+    GLMInternal_file out(fopen("HRF.dat", "w"));
+    if (!out) {
+      printf("Error attempting to open the hemodyamic response file (output) HRF.dat\n");
+      return 0;
+    }
+    fprintf(out.get(), "x y\n");
+    for (int i = 0; i < HRF.npoints; i++) fprintf(out.get(), "%g %g\n", i * HRF.time_step, HRF.amp[i]);
+  }
+  return 0;
+}

@@ -1,0 +1,191 @@
+// The GLM engine: control, event, table and response files, the design
+// matrix, fitting, contrasts and F statistics. It knows nothing about stacks:
+// callers hand it one time series (or one block of time series) at a time.
+//
+// Typical use:
+//   GLM_read_control_file(name, 0);        // fills GLM_input, GLM and HRF
+//   GLM_define_basis_functions();          // design matrix, ready to fit
+//   GLM_define_conditions(1, GLM_input.condition_string, &n);
+//   per voxel: GLM_fit_data(nt, data, fit, &variance);
+//              GLM_calculate_F(nt, variance, 0, condition, &stat, &p, &pc, &effect, &error);
+// or, without an autoregressive model, many voxels at once with GLM_fit_block
+// and GLM_load_block_coefficients before the per-voxel statistics.
+//
+// Messages are printed on standard output; functions return 0 for success and
+// 1 for a reported error. A few conditions end the program (status 1) on
+// purpose: a TR that differs between runs, a NaN in a table, a data length
+// that does not match the model in GLM_fit_data, and inconsistent internal state.
+#pragma once
+
+#include <vector>
+
+#include "util.h"
+
+constexpr int GLM_MAX_RUNS = 50;
+constexpr int GLM_MAX_EVENTS = 62;
+constexpr int GLM_MAX_STIMS = 10000;
+constexpr int GLM_MAX_EXCLUDE = 10000;
+constexpr int GLM_MAX_TABLE_COLUMNS = 20;
+constexpr int GLM_MAX_CONDITIONS = 100;
+constexpr int GLM_NAME_LENGTH = 1024;
+
+// Shape codes of stimulus events.
+enum GLM_SHAPE {
+  GLM_SQUARE = 0,
+  GLM_GAMMA = 1,
+  GLM_TABLE = 2,
+  GLM_DRUG_IRF = 3,
+  GLM_SINE = 4,
+  GLM_COSINE = 5,
+  GLM_RAMP_UP = 6,
+  GLM_RAMP_DOWN = 7,
+  GLM_INTERACTION = 8
+};
+
+// Options and file names of the control file.
+struct GLM_INPUT {
+  int normalize_runs = 0;  // 0 none, 1 normalize-BOLD, 2 normalize-IRON
+  int nbaseline_terms = 3;
+  int notify = 0;  // kept across reads
+  int multiple_comparisons = 0;
+  int AR_order = 0;
+  float AR_smooth_mm = 1.0f;
+  int nifti_output = 0;
+  char HRF_file_name[GLM_NAME_LENGTH] = "";
+  char condition_string[GLM_NAME_LENGTH] = "";
+  int nruns = 0;
+  char run_name[GLM_MAX_RUNS][GLM_NAME_LENGTH] = {};
+  char glm_name[GLM_MAX_RUNS][GLM_NAME_LENGTH] = {};
+  char table_name[GLM_MAX_RUNS][GLM_NAME_LENGTH] = {};
+};
+
+// The impulse-response function shared by every event.
+struct hrf_struct {
+  int unbiased = 0;
+  float time_length = 0.0f;  // seconds
+  float time_step = 0.0f;    // seconds between samples of amp
+  int npoints = 0;
+  int nexp = 0;
+  int nhrf = 0;  // 1 when a response function is in use
+  std::vector<float> tau;
+  std::vector<float> weight;
+  std::vector<float> amp;
+  char file_name[GLM_NAME_LENGTH] = "";
+};
+
+// The model. Times are seconds on the concatenated time axis of all runs;
+// images are counted on the same axis. Matrices are [row][column].
+struct glm_struct {
+  int initialized = 0;  // 1 files read, 2 design matrix ready
+  int ntime = 0;
+  int nbaseline = 0;
+  int nevents = 0;
+  int ntable_events = 0;
+  int nruns = 0;
+  float tr[GLM_MAX_RUNS] = {};
+  int run_start[GLM_MAX_RUNS] = {};
+  int run_stop[GLM_MAX_RUNS] = {};  // inclusive
+  int table_ncolumns[GLM_MAX_RUNS] = {};
+  int table_ntime[GLM_MAX_RUNS] = {};
+  char table_column_name[GLM_MAX_TABLE_COLUMNS][GLM_NAME_LENGTH] = {};
+  fmatrix table_value[GLM_MAX_RUNS];  // [column][row]
+  int event_number[GLM_MAX_EVENTS] = {};
+  int event_shape[GLM_MAX_EVENTS] = {};
+  int nstims[GLM_MAX_EVENTS] = {};
+  float event_tau1[GLM_MAX_EVENTS] = {};  // gamma tau, period, drug tau1, 1st interacting event
+  float event_tau2[GLM_MAX_EVENTS] = {};  // drug tau2, 2nd interacting event
+  int length_drugIRF[GLM_MAX_EVENTS] = {};
+  std::vector<float> drugIRF[GLM_MAX_EVENTS];
+  std::vector<float> plasmaIRF[GLM_MAX_EVENTS];
+  int convolve_table[GLM_MAX_EVENTS] = {};  // by event number
+  float event_scale[GLM_MAX_EVENTS] = {};   // by event number: peak of the column
+  // Stimuli of each event index, at most GLM_MAX_STIMS; a table or
+  // interaction event holds one stimulus per run spanning the run.
+  std::vector<float> stim_on[GLM_MAX_EVENTS];
+  std::vector<float> stim_off[GLM_MAX_EVENTS];
+  std::vector<float> stim_mag[GLM_MAX_EVENTS];
+  std::vector<int> table_icolumn[GLM_MAX_EVENTS];
+  int nexclude = 0;
+  std::vector<int> exclude_start;  // images, inclusive
+  std::vector<int> exclude_end;
+  int ncoeff = 0;
+  float dof = 0.0f;
+  std::vector<int> include_time;
+  fmatrix Xorig_tc;    // design before whitening, excluded images kept
+  fmatrix X_tc;        // design in use: excluded images zeroed, whitened with AR
+  fmatrix XTXm1_cc;    // (X'X)^-1
+  fmatrix XTXm1XT_ct;  // (X'X)^-1 X'
+  std::vector<float> Beta_c;
+  fmatrix WhiteFilter_tt;
+  fmatrix ResMat_tt;
+  fmatrix ARMixm1_rr;
+  int AR_order = 0;
+  int nconditions = 0;
+  int ncontrasts[GLM_MAX_CONDITIONS] = {};
+  // Per condition: ncontrasts rows of GLM_MAX_EVENTS weights, by event index.
+  std::vector<std::vector<int>> contrast_matrix[GLM_MAX_CONDITIONS];
+  char condition_string[GLM_MAX_CONDITIONS][GLM_NAME_LENGTH] = {};
+  fmatrix FCovar[GLM_MAX_CONDITIONS];     // C (X'X)^-1 C'
+  fmatrix FCovarInv[GLM_MAX_CONDITIONS];  // its inverse
+};
+
+extern GLM_INPUT GLM_input;
+extern hrf_struct HRF;
+extern glm_struct GLM;
+
+// Clears GLM_input (including notify), HRF and GLM to their program-start values.
+void GLM_reset_all();
+
+// Control file.
+int GLM_read_control_file(const char *file_name, int verbose);
+void GLM_describe_input_files();
+void GLM_describe_stimuli();
+// Writes `control` and one event file per run named from `event_root`.
+int GLM_write_glm_files(const char *control, const char *event_root);
+
+// Event identifiers: '1'..'9' 1..9, 'a'..'z' 10..35, 'A'..'Z' 36..61, ',' -1, else 0.
+int GLM_EventNumberFromChar(char c);
+int GLM_EventCharFromInteger(int n, char *c);  // 1 when n is outside 1..61
+char GLM_EventChar(int n);                     // ends the program for an invalid n
+int GLM_EventStringFromInteger(int n, char *s);
+
+// Event, table and response files. Runs are read in order 0, 1, 2, ...
+int GLM_read_event_file(const char *file_name, int run);
+int GLM_read_table_file(const char *file_name, int run);
+int GLM_read_hrf_file(int verbose, const char *name);
+
+// Design matrix.
+int GLM_define_basis_functions();
+void GLM_describe_basis_functions();
+
+// Conditions, fitting and statistics.
+int GLM_define_conditions(int build, const char *text, int *count);
+// Fits one series of nt images; data is whitened in place when an AR model is in
+// use. fit (nt) receives the unwhitened model; variance the residual variance.
+int GLM_fit_data(int nt, float *data, float *fit, float *variance);
+// Fits nvox series at once without whitening. data and fit are [image][voxel]
+// with nvox voxels per image row (fit may be null); beta is [coefficient][voxel]
+// (ncoeff rows); variance has nvox entries. Same results as GLM_fit_data.
+int GLM_fit_block(int nt, int nvox, const float *data, float *fit, float *beta, float *variance);
+// Makes voxel v of a block fit the "last fit" for the statistics and accessors.
+void GLM_load_block_coefficients(int nvox, const float *beta, int v);
+int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
+                    float *p_corrected, float *effect, float *effect_error);
+int GLM_remove_baseline(int percent, int nt, float *data, float *fit);
+int GLM_correct_baseline(int nt, float *data, float *fit, float *mean);
+// data := residual + fitted response of the events named in `selection`.
+int GLM_create_selective_residue(const char *selection, int nt, float *data, float *fit);
+
+// Accessors of the model and of the last fit.
+int GLM_get_number_events();
+int GLM_get_event_number(int e);
+float GLM_get_effect_size(int e);
+// Largest |C beta| over the rows of the conditions from `first_condition` on, sign kept.
+float GLM_get_maximal_effect_size(int first_condition);
+float GLM_get_DOF();
+// F of the last GLM_calculate_F in double precision (stat is its signed square root).
+double GLM_get_last_F();
+
+// Autoregressive whitening (used by the fitting above).
+int GLM_calculate_AR_coefficient(int nt, float *data, int order, float *coefficients);
+int GLM_calculate_whitening_filter(int dim, float *coefficients, int *order_used);
