@@ -51,7 +51,7 @@ int clip_stack(data_stack *stack, int nx, int ny, int nz) {
   // The kept rows are appended in storage order. On an axis of odd old size
   // the kept count can exceed the new size; copying then stops at the end of
   // the new buffer, and a shortfall leaves zeros.
-  std::unique_ptr<FCOMPLEX[]> fresh = zeroed_buffer<FCOMPLEX>(n4d);
+  std::unique_ptr<FCOMPLEX[]> fresh = scratch_buffer<FCOMPLEX>(n4d);
   FCOMPLEX *out = fresh.get();
   int64_t room = n4d;
   const FCOMPLEX *in = stack->SpaceTime.fcData;
@@ -64,6 +64,7 @@ int clip_stack(data_stack *stack, int nx, int ny, int nz) {
         out += n;
         room -= n;
       }
+  std::fill(out, out + room, FCOMPLEX{0.0f, 0.0f});
   printf("Stack %s was clipped from %d x %d to %d x %d.\n", stack->name, old.y, old.x, ny, nx);
   replace_samples(stack, std::move(fresh), nx, ny, nz, stack->nt);
   POINT3D &origin = stack->origin;
@@ -91,16 +92,30 @@ int pad_stack(data_stack *stack, int nx, int ny, int nz, int far_y) {
   const long ox = (nx - old.x) / 2, oz = (nz - old.z) / 2;
   const long oy = far_y ? ny - old.y : (ny - old.y) / 2;
   const float f = static_cast<float>(static_cast<double>(n4d) / static_cast<double>(stack->n3d));
-  std::unique_ptr<FCOMPLEX[]> fresh = zeroed_buffer<FCOMPLEX>(n4d);
-  const FCOMPLEX *in = stack->SpaceTime.fcData;
-  const long n2d = static_cast<long>(nx) * ny, n3d = n2d * nz;
-  for (long t = 0; t < stack->nt; t++)
-    for (long z = 0; z < old.z; z++)
-      for (long y = 0; y < old.y; y++) {
-        FCOMPLEX *o = fresh.get() + t * n3d + (z + oz) * n2d + (y + oy) * nx + ox;
-        const FCOMPLEX *a = in + ((t * old.z + z) * old.y + y) * old.x;
-        for (long x = 0; x < old.x; x++) o[x] = {a[x].real * f, a[x].imag * f};
+  // One streaming pass: every output row is written once, zeros and data
+  // alike, so fresh memory is touched a single time.
+  std::unique_ptr<FCOMPLEX[]> fresh = scratch_buffer<FCOMPLEX>(n4d);
+  constexpr FCOMPLEX zero{0.0f, 0.0f};
+  const FCOMPLEX *a = stack->SpaceTime.fcData;
+  FCOMPLEX *o = fresh.get();
+  const long n2d = static_cast<long>(nx) * ny;
+  for (long t = 0; t < stack->nt; t++) {
+    for (long z = 0; z < nz; z++) {
+      if (z < oz || z >= oz + old.z) {
+        o = std::fill_n(o, n2d, zero);
+        continue;
       }
+      o = std::fill_n(o, oy * nx, zero);
+      for (long y = 0; y < old.y; y++) {
+        o = std::fill_n(o, ox, zero);
+        for (long x = 0; x < old.x; x++) o[x] = {a[x].real * f, a[x].imag * f};
+        o += old.x;
+        a += old.x;
+        o = std::fill_n(o, nx - ox - old.x, zero);
+      }
+      o = std::fill_n(o, (ny - oy - old.y) * nx, zero);
+    }
+  }
   printf("Stack %s was padded from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y, old.z, nx, ny, nz);
   replace_samples(stack, std::move(fresh), nx, ny, nz, stack->nt);
   return 0;

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "kep-prototypes.h"
+#include "kep-util.h"
 
 std::unique_ptr<data_stack> stack_root;
 
@@ -50,6 +51,7 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   stack->data_type = 1;
   FCOMPLEX *samples = new (std::nothrow) FCOMPLEX[stack->n4d > 0 ? stack->n4d : 1];
   if (samples == nullptr) alloc_error("Allocation error in fcomplex_vector().");
+  prefer_huge_pages(samples, sizeof(FCOMPLEX) * static_cast<size_t>(stack->n4d > 0 ? stack->n4d : 1));
   stack->samples.reset(samples);
   stack->SpaceTime.fcData = samples;
   if (template_stack != nullptr) {

@@ -2,6 +2,8 @@
 // between them, and helpers shared by the image operations.
 #include "kep-util.h"
 
+#include <sys/mman.h>
+
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -89,6 +91,15 @@ int convert_to_real() {
     }
   }
   return 0;
+}
+
+void prefer_huge_pages(void *block, size_t bytes) {
+  constexpr size_t kLarge = size_t{4} << 20;  // below this the advice buys nothing
+  if (bytes < kLarge) return;
+  const uintptr_t page = 4096;
+  const uintptr_t start = (reinterpret_cast<uintptr_t>(block) + page - 1) & ~(page - 1);
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + bytes) & ~(page - 1);
+  if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);  // advice only
 }
 
 std::vector<data_stack *> stacks_in_list(const volume_list *root, bool distinct) {
