@@ -1,8 +1,21 @@
 #!/usr/bin/env bash
-# Builds kep and runs the example analysis.
+# Builds kep, makes the example study and runs its GLM analysis, with and
+# without an AR(1) noise model. Effect maps are written as NIfTI files.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+top=$(cd "$(dirname "$0")/.." && pwd)
+cd "$top"
 bash tools/install-deps.sh
 cmake -S . -B build >/dev/null
-cmake --build build -j "$(nproc)" --target kep
-echo "The example study is not yet available in this build."
+cmake --build build -j "$(nproc)" --target kep >/dev/null
+out="$top/out/example"
+rm -rf "$out"
+mkdir -p "$out/ols" "$out/ar1"
+/usr/bin/python3 examples/make_study.py "$out/ols" >/dev/null
+/usr/bin/python3 examples/make_study.py "$out/ar1" --ar 1 >/dev/null
+for model in ols ar1; do
+  (cd "$out/$model" && "$top/build/kep" "$top/examples/analyse.com" > analysis.log 2>&1) || true
+  grep -E "contains|overlay of|hist\[" "$out/$model/analysis.log" | sed "s/^/[$model] /"
+done
+/usr/bin/python3 tools/kep-view montage "$out/ols/effects.nii" --volume 0 -o "$out/effects-event1.png" >/dev/null
+echo "Effect maps: $out/ols/effects.nii and $out/ar1/effects.nii (one volume per event)"
+echo "Picture of event 1's effect map: $out/effects-event1.png"

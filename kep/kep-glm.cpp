@@ -1,14 +1,430 @@
-// Operations of this family that are not yet available report so and do nothing.
+// GLM analysis over the stack "glm": the engine is run voxel by voxel and the
+// results are written back into "glm" or installed as maps.
+//
+// Without an autoregressive model the voxels are fitted in blocks: the time
+// courses of a run of consecutive voxels are gathered into one contiguous
+// buffer (one pass over each volume's contiguous samples) and fitted together
+// with matrix products. With `AR p` in the control file the fit takes two
+// passes: the first fits every voxel without whitening and estimates its
+// autocorrelations, which are smoothed in image space by AR_smooth_mm; the
+// second whitens each voxel with its own smoothed coefficients and refits.
+// All-zero voxels (outside the head) are skipped by both passes and get zeros.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "glm.h"
 #include "kep-prototypes.h"
 
-int glm_remove_or_correct_baseline([[maybe_unused]] int kind) { return not_available(); }
+namespace {
 
-int glm_create_residue([[maybe_unused]] const char *word, [[maybe_unused]] const char *name) { return not_available(); }
+constexpr int BLOCK_VOXELS = 256;
 
-int glm_fit_events([[maybe_unused]] const char *name) { return not_available(); }
+// What a command does with one fitted voxel. `skipped` is set for an all-zero
+// voxel left out of an autoregressive fit; data and fit are then zero.
+class VoxelStep {
+ public:
+  virtual ~VoxelStep() = default;
+  // Returns nonzero to stop the command with failure.
+  virtual int voxel(long v, float *data, float *fit, float variance, bool skipped) = 0;
+};
 
-int glm_maximal_effect([[maybe_unused]] const char *word, [[maybe_unused]] const char *name) { return not_available(); }
+struct Frame {
+  data_stack *stack = nullptr;
+  int nt = 0;       // volumes in the list, in list order
+  long nvox = 0;    // voxels per volume
+  std::vector<const FCOMPLEX *> volume;  // first sample of each listed volume
+  bool magnitude = false;                // polar or map: the real part is the amplitude
+};
 
-int glm_create_residual_variance([[maybe_unused]] const char *name) { return not_available(); }
+float amplitude(const FCOMPLEX &c, bool magnitude) {
+  if (magnitude) return c.real;
+  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+}
 
-int glm_create_AR_maps([[maybe_unused]] const char *name) { return not_available(); }
+// The common checks; fills the frame from the current volume list.
+int open_frame(Frame &f, bool need_events) {
+  int stacks = 0;
+  const data_stack *previous = nullptr;
+  for (const volume_list *v = volume_list_root; v; v = v->next)
+    if (v->stack != previous) {
+      stacks++;
+      previous = v->stack;
+    }
+  if (stacks >= 2) {
+    kep_text(2, "Only one volume (stack `glm') should be passed to this command.\n");
+    return 1;
+  }
+  if (need_events && GLM_get_number_events() <= 0) {
+    printf("Error: no events are defined in the GLM.\n");
+    return 1;
+  }
+  if (volume_list_root == nullptr) return 1;
+  f.stack = volume_list_root->stack;
+  f.nvox = volume_list_root->n3d;
+  f.magnitude = (f.stack->status & (STATUS_POLAR | STATUS_MAP)) != 0;
+  for (const volume_list *v = volume_list_root; v; v = v->next) f.volume.push_back(v->SpaceTime.fcData);
+  f.nt = static_cast<int>(f.volume.size());
+  return 0;
+}
+
+void progress(long v, long nvox) {
+  if (flags & FLAG_QUIET) return;
+  if (v >= 1 && (4 * v) % nvox == 0) printf("%ld percent done\n", 100 * v / nvox);
+}
+
+// Gathers voxels [v0, v0 + n) of every volume into rows [image][voxel].
+void gather(const Frame &f, long v0, int n, float *rows) {
+  for (int k = 0; k < f.nt; k++) {
+    const FCOMPLEX *src = f.volume[k] + v0;
+    float *dst = rows + static_cast<long>(k) * n;
+    if (f.magnitude) {
+      for (int i = 0; i < n; i++) dst[i] = src[i].real;
+    } else {
+      for (int i = 0; i < n; i++) dst[i] = amplitude(src[i], false);
+    }
+  }
+}
+
+void column(const float *rows, int n, int i, int nt, float *out) {
+  for (int t = 0; t < nt; t++) out[t] = rows[static_cast<long>(t) * n + i];
+}
+
+// One pass of block fits over all voxels; `each` sees every voxel in order
+// with the engine's last fit set to that voxel.
+template <typename Each>
+int block_pass(const Frame &f, Each each) {
+  const int ncoeff = GLM.ncoeff;
+  std::vector<float> rows(static_cast<size_t>(f.nt) * BLOCK_VOXELS), fits(rows.size());
+  std::vector<float> beta(static_cast<size_t>(ncoeff) * BLOCK_VOXELS), variance(BLOCK_VOXELS);
+  std::vector<float> data(f.nt), fit(f.nt);
+  for (long v0 = 0; v0 < f.nvox; v0 += BLOCK_VOXELS) {
+    const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.nvox - v0));
+    gather(f, v0, n, rows.data());
+    if (GLM_fit_block(f.nt, n, rows.data(), fits.data(), beta.data(), variance.data())) return 1;
+    for (int i = 0; i < n; i++) {
+      GLM_load_block_coefficients(n, beta.data(), i);
+      column(rows.data(), n, i, f.nt, data.data());
+      column(fits.data(), n, i, f.nt, fit.data());
+      if (each(v0 + i, data.data(), fit.data(), variance[i])) return 1;
+    }
+  }
+  return 0;
+}
+
+// Bias-reduced autocorrelations rho_1..rho_p of one voxel from its residual.
+void autocorrelations(const float *data, const float *fit, int nt, int p, float *rho) {
+  std::vector<double> e(nt), a(p + 1, 0.0);
+  for (int t = 0; t < nt; t++) e[t] = GLM.include_time[t] * (static_cast<double>(data[t]) - fit[t]);
+  for (int k = 0; k <= p; k++)
+    for (int t = k; t < nt; t++) a[k] += e[t] * e[t - k];
+  std::vector<double> c(p + 1, 0.0);
+  for (int k = 0; k <= p; k++)
+    for (int j = 0; j <= p; j++) c[k] += GLM.ARMixm1_rr[k][j] * a[j];
+  if (c[0] == 0.0) c[0] = 1.0;
+  for (int k = 1; k <= p; k++) rho[k - 1] = static_cast<float>(c[k] / c[0]);
+}
+
+int run_fit(const Frame &f, VoxelStep &step) {
+  const int p = GLM_input.AR_order;
+  if (p <= 0) {
+    return block_pass(f, [&](long v, float *data, float *fit, float variance) {
+      int r = step.voxel(v, data, fit, variance, false);
+      progress(v, f.nvox);
+      return r;
+    });
+  }
+  // Pass one: unwhitened fits give each voxel's autocorrelations.
+  if (!GLM.ARMixm1_rr) {
+    printf("Error: the AR model of the GLM is not defined.\n");
+    return 1;
+  }
+  std::vector<float> rho(static_cast<size_t>(p) * f.nvox, 0.0f), weight(f.nvox, 0.0f);
+  std::vector<char> active(f.nvox, 0);
+  std::vector<float> r(p);
+  int failed = block_pass(f, [&](long v, float *data, float *fit, float) {
+    bool any = false;
+    for (int t = 0; t < f.nt && !any; t++) any = data[t] != 0.0f;
+    if (!any) return 0;
+    active[v] = 1;
+    weight[v] = 1.0f;
+    autocorrelations(data, fit, f.nt, p, r.data());
+    for (int k = 0; k < p; k++) rho[k * f.nvox + v] = r[k];
+    return 0;
+  });
+  if (failed) return 1;
+  // Smooth within the head only: smooth the masked maps and the mask, then divide.
+  const data_stack *s = f.stack;
+  float fwhm = GLM_input.AR_smooth_mm;
+  if (fwhm > 0.0f) {
+    if (smooth_float_volumes(rho.data(), 1, s->dim.x, s->dim.y, s->dim.z, p, s->resolution, fwhm, 1) ||
+        smooth_float_volumes(weight.data(), 1, s->dim.x, s->dim.y, s->dim.z, 1, s->resolution, fwhm, 1))
+      return 1;
+    for (long v = 0; v < f.nvox; v++)
+      for (int k = 0; k < p; k++) {
+        float &value = rho[k * f.nvox + v];
+        value = active[v] && weight[v] > 0.0f ? value / weight[v] : 0.0f;
+      }
+  }
+  // Pass two: whiten each voxel with its own coefficients and refit.
+  std::vector<float> data(f.nt), fit(f.nt), coefficients(p + 1);
+  for (long v = 0; v < f.nvox; v++) {
+    if (!active[v]) {
+      std::fill(data.begin(), data.end(), 0.0f);
+      std::fill(fit.begin(), fit.end(), 0.0f);
+      if (step.voxel(v, data.data(), fit.data(), 0.0f, true)) return 1;
+    } else {
+      for (int k = 0; k < f.nt; k++) data[k] = amplitude(f.volume[k][v], f.magnitude);
+      coefficients[0] = 1.0f;
+      for (int k = 0; k < p; k++) coefficients[k + 1] = rho[k * f.nvox + v];
+      int used = 0;
+      float variance = 0.0f;
+      if (GLM_calculate_whitening_filter(p + 1, coefficients.data(), &used)) return 1;
+      if (GLM_fit_data(f.nt, data.data(), fit.data(), &variance)) return 1;
+      if (step.voxel(v, data.data(), fit.data(), variance, false)) return 1;
+    }
+    progress(v, f.nvox);
+  }
+  return 0;
+}
+
+// Creates an output map stack shaped like "glm"; refuses to replace the input.
+data_stack *create_map(const Frame &f, const char *name, int volumes) {
+  if (strcmp(name, f.stack->name) == 0) {
+    kep_textf(2, "The result cannot replace the stack %s that is being fitted.", name);
+    return nullptr;
+  }
+  const data_stack *s = f.stack;
+  data_stack *out = install_stack_checked(name, s, s->dim.x, s->dim.y, s->dim.z, volumes);
+  if (out == nullptr) return nullptr;
+  out->status |= STATUS_POLAR | STATUS_MAP;
+  out->fov = s->fov;
+  out->ijk_to_xyz = s->ijk_to_xyz;
+  out->xyz_to_ijk = s->xyz_to_ijk;
+  out->off_diagonal = s->off_diagonal;
+  memset(out->SpaceTime.fcData, 0, sizeof(FCOMPLEX) * static_cast<size_t>(out->n4d));
+  return out;
+}
+
+void store(data_stack *out, int volume, long v, float value) {
+  out->SpaceTime.fcData[static_cast<long>(volume) * out->n3d + v] = {value, 0.0f};
+}
+
+class Baseline : public VoxelStep {
+ public:
+  Baseline(const Frame &f, int kind) : f_(f), kind_(kind) {}
+  int voxel(long v, float *data, float *fit, float, bool skipped) override {
+    if (!skipped) {
+      float mean = 0.0f;
+      int r = kind_ == 0 ? GLM_remove_baseline(0, f_.nt, data, fit) : GLM_correct_baseline(f_.nt, data, fit, &mean);
+      if (r) return 1;
+    }
+    for (int k = 0; k < f_.nt; k++) const_cast<FCOMPLEX *>(f_.volume[k])[v] = {data[k], 0.0f};
+    return 0;
+  }
+
+ private:
+  const Frame &f_;
+  int kind_;
+};
+
+class Residue : public VoxelStep {
+ public:
+  Residue(const Frame &f, const char *selection, data_stack *out) : f_(f), selection_(selection), out_(out) {}
+  int voxel(long v, float *data, float *fit, float, bool skipped) override {
+    if (!skipped && GLM_create_selective_residue(selection_, f_.nt, data, fit)) return 1;
+    for (int t = 0; t < f_.nt; t++) store(out_, t, v, data[t]);
+    return 0;
+  }
+
+ private:
+  const Frame &f_;
+  const char *selection_;
+  data_stack *out_;
+};
+
+class FitEvents : public VoxelStep {
+ public:
+  FitEvents(int nt, int nevents, long nvox, data_stack *out)
+      : nt_(nt), nevents_(nevents), threshold_(0.01 / static_cast<double>(nvox)), out_(out), mark(nvox, 0),
+        hist(nevents, 0) {}
+  int voxel(long v, float *, float *, float variance, bool skipped) override {
+    if (skipped) return 0;
+    float stat = 0, p = 1, pc = 1, effect = 0, error = 0;
+    if (GLM_calculate_F(nt_, variance, 0, 0, &stat, &p, &pc, &effect, &error))
+      return 1;
+    float largest = 0.0f;
+    for (int e = 0; e < nevents_; e++) {
+      float size = GLM_get_effect_size(e);
+      store(out_, e, v, size);
+      if (fabsf(size) > largest) {
+        largest = fabsf(size);
+        index_ = e;
+      }
+    }
+    if (p < threshold_) {
+      if (index_ == 2) mark[v] = 1;
+      hist[index_]++;
+    }
+    return 0;
+  }
+
+ private:
+  int nt_;
+  int nevents_;
+  double threshold_;
+  data_stack *out_;
+  int index_ = 0;  // kept from voxel to voxel, as the count of events works
+
+ public:
+  std::vector<char> mark;
+  std::vector<int> hist;
+};
+
+class MaximalEffect : public VoxelStep {
+ public:
+  explicit MaximalEffect(data_stack *out) : out_(out) {}
+  int voxel(long v, float *, float *, float, bool skipped) override {
+    store(out_, 0, v, skipped ? 0.0f : GLM_get_maximal_effect_size(0));
+    return 0;
+  }
+
+ private:
+  data_stack *out_;
+};
+
+class ResidualVariance : public VoxelStep {
+ public:
+  ResidualVariance(int nt, data_stack *out) : nt_(nt), dof_(GLM_get_DOF()), out_(out) {}
+  int voxel(long v, float *data, float *fit, float, bool skipped) override {
+    if (skipped) return 0;
+    float sum = 0.0f;
+    for (int t = 0; t < nt_; t++) {
+      double d = static_cast<double>(data[t]) - fit[t];
+      sum = static_cast<float>(sum + d * d);
+    }
+    store(out_, 0, v, sum / dof_);
+    return 0;
+  }
+
+ private:
+  int nt_;
+  float dof_;
+  data_stack *out_;
+};
+
+class ARMaps : public VoxelStep {
+ public:
+  ARMaps(int nt, int lags, data_stack *out) : nt_(nt), lags_(lags), out_(out), r_(nt) {}
+  int voxel(long v, float *data, float *fit, float, bool skipped) override {
+    if (skipped) return 0;
+    for (int t = 0; t < nt_; t++) r_[t] = data[t] - fit[t];
+    float c0 = 0.0f;
+    for (int k = 0; k <= lags_; k++) {
+      float c = 0.0f;
+      for (int t = k; t < nt_; t++) c += r_[t] * r_[t - k];
+      if (k == 0) c0 = c;
+      else store(out_, k - 1, v, c / c0);
+    }
+    return 0;
+  }
+
+ private:
+  int nt_, lags_;
+  data_stack *out_;
+  std::vector<float> r_;
+};
+
+}  // namespace
+
+int glm_remove_or_correct_baseline(int kind) {
+  Frame f;
+  if (open_frame(f, false)) return 1;
+  Baseline step(f, kind);
+  return run_fit(f, step);
+}
+
+int glm_create_residue(const char *word, const char *name) {
+  Frame f;
+  if (open_frame(f, true)) return 1;
+  data_stack *out = create_map(f, name, f.nt);
+  if (out == nullptr) return 1;
+  Residue step(f, word, out);
+  return run_fit(f, step);
+}
+
+int glm_fit_events(const char *name) {
+  Frame f;
+  if (open_frame(f, true)) return 1;
+  const int nevents = GLM_get_number_events();
+  int count = 0;
+  if (GLM_define_conditions(1, GLM_input.condition_string, &count)) return 1;
+  data_stack *out = create_map(f, name, nevents);
+  if (out == nullptr) return 1;
+  FitEvents step(f.nt, nevents, f.nvox, out);
+  if (run_fit(f, step)) return 1;
+  printf("stack %s contains %d volumes in the following event order:\n", name, nevents);
+  for (int e = 0; e < nevents; e++) printf("event %d\n", GLM_get_event_number(e));
+
+  long marked = 0;
+  for (char m : step.mark) marked += m;
+  free_ipoint3d_vector(overlay.voxel);
+  free_float_vector(overlay.weight);
+  overlay.voxel = nullptr;
+  overlay.weight = nullptr;
+  overlay.nvoxels = 0;
+  if (marked > 0) {
+    overlay.voxel = ipoint3d_vector(marked);
+    overlay.weight = float_vector(marked);
+  }
+  const long n2d = f.stack->n2d, nx = f.stack->dim.x;
+  long n = 0;
+  for (long v = 0; v < f.nvox; v++) {
+    if (!step.mark[v]) continue;
+    const long z = v / n2d, y = (v - n2d * z) / nx;
+    overlay.voxel[n] = {static_cast<int>(v - n2d * z - nx * y), static_cast<int>(y), static_cast<int>(z)};
+    overlay.weight[n] = 1.0f;
+    n++;
+  }
+  overlay.nvoxels = static_cast<int>(n);
+  printf("\nAn overlay of %d voxels was defined.\n", overlay.nvoxels);
+  for (int e = 0; e < nevents; e++) printf("hist[%d] = %d for event %d\n", e, step.hist[e], GLM_get_event_number(e));
+  return 0;
+}
+
+int glm_maximal_effect(const char *word, const char *name) {
+  Frame f;
+  if (open_frame(f, true)) return 1;
+  int count = 0;
+  if (GLM_define_conditions(1, word, &count)) return 1;
+  data_stack *out = create_map(f, name, 1);
+  if (out == nullptr) return 1;
+  MaximalEffect step(out);
+  if (run_fit(f, step)) return 1;
+  printf("stack %s contains 1 volume\n", name);
+  return 0;
+}
+
+int glm_create_residual_variance(const char *name) {
+  Frame f;
+  if (open_frame(f, true)) return 1;
+  data_stack *out = create_map(f, name, 1);
+  if (out == nullptr) return 1;
+  ResidualVariance step(f.nt, out);
+  return run_fit(f, step);
+}
+
+int glm_create_AR_maps(const char *name) {
+  Frame f;
+  if (open_frame(f, true)) return 1;
+  const int lags = f.nt < 42 ? f.nt - 1 : 40;
+  if (lags < 1) {
+    kep_textf(2, "The stack %s has too few volumes for autocorrelation maps.", f.stack->name);
+    return 1;
+  }
+  data_stack *out = create_map(f, name, lags);
+  if (out == nullptr) return 1;
+  ARMaps step(f.nt, lags, out);
+  return run_fit(f, step);
+}

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "glm.h"
 #include "io.h"
 #include "kep-prototypes.h"
 
@@ -118,4 +119,33 @@ int macro_reorder_interleaved_slices(int start) {
   return do_command(1, line.c_str()) ? 1 : 0;
 }
 
-int macro_read_glm_control_file(const char *) { return not_available(); }
+int macro_read_glm_control_file(const char *arguments) {
+  char file[KEP_LINE];
+  if (next_word(arguments, file) == nullptr) {
+    kep_text(2, "The argument to the read-glm command should be a file name.\n");
+    return 1;
+  }
+  if (GLM_read_control_file(file, 0)) {
+    kep_textf(2, "Error reading the GLM control file %s\n", file);
+    return 1;
+  }
+  std::string names;
+  char line[3 * KEP_LINE];
+  for (int r = 0; r < GLM_input.nruns; r++) {
+    snprintf(line, sizeof line, "read %s glm_run%d\n", GLM_input.run_name[r], r);
+    if (do_command(1, line)) return 1;
+    snprintf(line, sizeof line, r == 0 ? "glm_run%d" : " glm_run%d", r);
+    names += line;
+  }
+  std::string command = "copy glm " + names + "\n";
+  if (do_command(1, command.c_str())) return 1;
+  command = "delete " + names + "\n";
+  if (do_command(1, command.c_str())) return 1;
+  if (GLM_get_number_events() == 0) {
+    kep_text(1, "No events have been defined!\n");
+    return 1;
+  }
+  if (GLM_define_basis_functions()) return 1;
+  if (GLM_input.notify) GLM_describe_basis_functions();
+  return 0;
+}

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "kep-prototypes.h"
@@ -273,6 +274,17 @@ int act_on_command(int index, char *arguments) {
   memcpy(text.data(), arguments, length);
   Decoded d;
   d.text = text.data();
+  if (c.glm) {
+    // These commands always act on the stack "glm": keep their own words and
+    // let "glm" stand where the volume list would be.
+    const int own = c.form == Form::NL ? 1 : (c.form == Form::WNL || c.form == Form::INL) ? 2 : 0;
+    std::string kept;
+    char word[KEP_LINE];
+    const char *p = text.data();
+    for (int i = 0; i < own && (p = next_word(p, word)) != nullptr; i++) kept += std::string(word) + " ";
+    kept += "glm";
+    snprintf(text.data(), text.size(), "%s", kept.c_str());
+  }
   if (decode(c.form, text.data(), d)) return 1;
   if (c.glm) {
     char glm[KEP_LINE] = "glm";
