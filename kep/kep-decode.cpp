@@ -379,22 +379,22 @@ int file_kind(const char *file_name) {
 }
 
 int decode_read_argument(char *text, char *file, int *kind, char *stack, char *subset, int *number) {
-  char spec[KEP_LINE], word[KEP_LINE];
+  char file_word[KEP_LINE], word[KEP_LINE];
   *kind = -1;
   *number = 0;
   subset[0] = '\0';
   stack[0] = '\0';
-  const char *p = next_word(text, spec);
+  const char *p = next_word(text, file_word);
   if (p == nullptr) {
     kep_text(2, "No argument to read command.");
     return 1;
   }
-  char *gt = strchr(spec, '>');
+  char *gt = strchr(file_word, '>');
   if (gt != nullptr) {
     *gt = '\0';
     snprintf(subset, KEP_LINE, "%s", gt + 1);
   }
-  snprintf(file, KEP_LINE, "%s", spec);
+  snprintf(file, KEP_LINE, "%s", file_word);
   *kind = file_kind(file);
   const char *q = next_word(p, word);
   if (q != nullptr) {
