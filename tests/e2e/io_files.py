@@ -51,11 +51,11 @@ def read_xdisplay(directory: Path, stem: str, ext="bfloat"):
 
 def kep_values(kep, source, subset="", complex_output=False):
     """Reads `source` into kep and writes it back as floats: the values kep holds."""
-    spec = source + (">" + subset if subset else "")
+    file_word = source + (">" + subset if subset else "")
     lines = []
     if complex_output:
         lines.append("set complex-output on")
-    lines += [f"read {spec} v", "write-float kepvalues.bfloat v", "quit"]
+    lines += [f"read {file_word} v", "write-float kepvalues.bfloat v", "quit"]
     r = kep.stdin("\n".join(lines) + "\n")
     assert (kep.dir / "kepvalues.bfloat").exists(), r
     data, fields = read_xdisplay(kep.dir, "kepvalues")
