@@ -388,7 +388,28 @@ int write_packed_nifti(volume_file *entry, bool existed, int storage, int volume
     }
     old_bytes = static_cast<long long>(old_nt) * static_cast<long long>(bytes);
   }
-  const std::string temp = std::string(name) + ".partial";
+  // A link keeps pointing at the file it names: the temporary file goes
+  // beside the real file, which it then replaces.
+  // A device or pipe is written straight into.
+  std::string target(name);
+  struct stat st;
+  const bool direct = stat(name, &st) == 0 && !S_ISREG(st.st_mode);
+  if (!direct && lstat(name, &st) == 0 && S_ISLNK(st.st_mode)) {
+    if (char *real = realpath(name, nullptr)) {
+      target = real;
+      free(real);
+    } else {  // a link to a file not yet there, relative to the link's directory
+      char link[PATH_MAX];
+      const ssize_t n = readlink(name, link, sizeof link - 1);
+      if (n > 0) {
+        link[n] = '\0';
+        const char *slash = strrchr(name, '/');
+        target = link[0] == '/' || slash == nullptr ? std::string(link)
+                                                    : std::string(name, slash + 1 - name) + link;
+      }
+    }
+  }
+  const std::string temp = direct ? target : target + ".partial";
   znzFile out = znzopen(temp.c_str(), "wb", 1);
   if (znz_isnull(out)) {
     printf(existed ? "Error: cannot open the existing file %s.\n" : "Error: cannot open the new file %s.\n",
@@ -398,7 +419,7 @@ int write_packed_nifti(volume_file *entry, bool existed, int storage, int volume
   entry->nt = old_nt + volumes;
   auto fail = [&](bool lost_old) {
     znzclose(out);
-    remove(temp.c_str());
+    if (!direct) remove(temp.c_str());
     entry->nt = old_nt;
     if (lost_old)
       printf("Error: the existing file %s no longer holds the %d volumes written to it.\n", name, old_nt);
@@ -423,8 +444,8 @@ int write_packed_nifti(volume_file *entry, bool existed, int storage, int volume
     if (znzwrite(buffer, 1, bytes, out) != bytes) return fail(false);
   }
   const int closed = znzclose(out);
-  if (closed != 0 || rename(temp.c_str(), name) != 0) {
-    remove(temp.c_str());
+  if (closed != 0 || (!direct && rename(temp.c_str(), target.c_str()) != 0)) {
+    if (!direct) remove(temp.c_str());
     entry->nt = old_nt;
     return write_error(name);
   }
@@ -569,6 +590,47 @@ int write_output_file(int requested_storage, const char *root) {
   return 0;
 }
 
+namespace {
+
+void write_slice_header(FILE *f, const volume_file *entry) {
+  if (complex_output()) fprintf(f, "data-type complex  # data are stored as (real, imag) pairs\n");
+  fprintf(f, "x %d\ny %d\nz %d\nt %d\nbyte-order %d\n", entry->dim.x, entry->dim.y, 1, entry->nt,
+          machine_byte_order());
+  fprintf(f, "resolution %g %g %g\n", entry->resolution.x, entry->resolution.y, entry->resolution.z);
+  fprintf(f, "origin %g %g %g\n", entry->origin.x, entry->origin.y, entry->origin.z);
+  fprintf(f, "direction %g %g %g\n", entry->direction.x, entry->direction.y, entry->direction.z);
+}
+
+struct slice_names {
+  char data[KEP_LINE + 32];
+  char header[KEP_LINE + 32];
+  long long old_size = 0;
+  bool opened = false;
+};
+
+// A failed write-slices leaves every slice file as the command found it, as
+// a failed write does for a whole file.
+int undo_slices(std::vector<slice_names> &slices, volume_file *entry, bool existed, int old_nt) {
+  entry->nt = old_nt;
+  for (const slice_names &s : slices) {
+    if (!s.opened) continue;
+    if (existed) {
+      if (regular_file(s.data) && truncate(s.data, static_cast<off_t>(s.old_size)) != 0)
+        printf("Warning: file %s could not be cut back to its %d earlier volumes.\n", s.data, old_nt);
+      if (FILE *f = fopen(s.header, "w")) {
+        write_slice_header(f, entry);
+        fclose(f);
+      }
+    } else {
+      if (regular_file(s.data)) remove(s.data);
+      if (regular_file(s.header)) remove(s.header);
+    }
+  }
+  return 1;
+}
+
+}  // namespace
+
 int write_slices(const char *root) {
   char stem[KEP_LINE];
   snprintf(stem, sizeof stem, "%s", root);
@@ -588,50 +650,61 @@ int write_slices(const char *root) {
       printf("Error: the xdisplay file `%s' has different dimensions.\n", stem);
       return 1;
     }
-  } else {
+  }
+  const int64_t n2d = static_cast<int64_t>(dim.x) * dim.y;
+  const int64_t elements = n2d * (complex_output() ? 2 : 1);
+  const size_t bytes = static_cast<size_t>(elements) * storage_size(storage);
+  std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[bytes > 0 ? bytes : 1]);
+  std::vector<slice_names> slices;
+  try {
+    slices.resize(static_cast<size_t>(dim.z));
+  } catch (const std::bad_alloc &) {
+    buffer.reset();
+  }
+  if (!buffer) {
+    printf("Error: not enough memory to write the slices of %d x %d to files %s.\n", dim.x, dim.y, stem);
+    return 1;
+  }
+  if (!existed) {
     entry->dim = {dim.x, dim.y, 1};
     take_geometry(entry, volume_list_root->stack);
     entry->data_type = storage;
   }
   int volumes = 0;
   for (const volume_list *v = volume_list_root; v; v = v->next) volumes++;
+  const int old_nt = entry->nt;
   entry->nt += volumes;
 
-  const int64_t n2d = static_cast<int64_t>(dim.x) * dim.y;
-  const int64_t elements = n2d * (complex_output() ? 2 : 1);
-  const size_t bytes = static_cast<size_t>(elements) * storage_size(storage);
-  std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[bytes > 0 ? bytes : 1]);
-  if (!buffer) alloc_error("Allocation error in float_vector().");
   for (int z = 0; z < dim.z; z++) {
-    char name[KEP_LINE + 32], header[KEP_LINE + 32];
+    slice_names &slice = slices[static_cast<size_t>(z)];
     const char *pad = z <= 9 ? "_00" : "_0";
-    snprintf(name, sizeof name, "%s%s%d.%s", stem, pad, z, extension);
-    snprintf(header, sizeof header, "%s%s%d.hdr", stem, pad, z);
-    file_ptr file(fopen(name, existed ? "a" : "w"));
+    snprintf(slice.data, sizeof slice.data, "%s%s%d.%s", stem, pad, z, extension);
+    snprintf(slice.header, sizeof slice.header, "%s%s%d.hdr", stem, pad, z);
+    file_ptr file(fopen(slice.data, existed ? "a" : "w"));
     if (!file) {
       printf(existed ? "Error: cannot open the existing file %s.\n" : "Error: cannot open the new file %s.\n",
-             name);
-      return 1;
+             slice.data);
+      return undo_slices(slices, entry, existed, old_nt);
     }
+    slice.opened = true;
+    slice.old_size = file_size_of(file.get());
     for (const volume_list *v = volume_list_root; v; v = v->next) {
       if (v->stack != nullptr) warn_geometry(v->stack, entry, false);
       convert_block(v, z * n2d, n2d, storage, buffer.get());
-      if (fwrite(buffer.get(), 1, bytes, file.get()) != bytes) return write_error(name);
+      if (fwrite(buffer.get(), 1, bytes, file.get()) != bytes) {
+        write_error(slice.data);
+        file.reset();
+        return undo_slices(slices, entry, existed, old_nt);
+      }
     }
-    if (close_written(file, name)) return 1;
-    file_ptr hdr(fopen(header, "w"));
+    if (close_written(file, slice.data)) return undo_slices(slices, entry, existed, old_nt);
+    file_ptr hdr(fopen(slice.header, "w"));
     if (!hdr) {
-      printf("Error: cannot open the header file %s.\n", header);
-      return 1;
+      printf("Error: cannot open the header file %s.\n", slice.header);
+      return undo_slices(slices, entry, existed, old_nt);
     }
-    FILE *f = hdr.get();
-    if (complex_output()) fprintf(f, "data-type complex  # data are stored as (real, imag) pairs\n");
-    fprintf(f, "x %d\ny %d\nz %d\nt %d\nbyte-order %d\n", entry->dim.x, entry->dim.y, 1, entry->nt,
-            machine_byte_order());
-    fprintf(f, "resolution %g %g %g\n", entry->resolution.x, entry->resolution.y, entry->resolution.z);
-    fprintf(f, "origin %g %g %g\n", entry->origin.x, entry->origin.y, entry->origin.z);
-    fprintf(f, "direction %g %g %g\n", entry->direction.x, entry->direction.y, entry->direction.z);
-    if (close_written(hdr, header)) return 1;
+    write_slice_header(hdr.get(), entry);
+    if (close_written(hdr, slice.header)) return undo_slices(slices, entry, existed, old_nt);
   }
   printf("%d slices of dimension %d x %d x %d were written to separate files.\n", dim.z, dim.x, dim.y,
          entry->nt);

@@ -1,5 +1,6 @@
 // Reading volume files into stacks.
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <climits>
 #include <cmath>
@@ -120,6 +121,23 @@ std::string data_file_name(const char *file_name) {
   if (n > 4 && name.compare(n - 4, 4, ".hdr") == 0 && name.find('/', n - 4) == std::string::npos)
     return name.substr(0, n - 4);
   return name;
+}
+
+// A plain data file shorter than the volumes asked for is reported before
+// memory is taken for them: a header that claims far more than its file
+// holds costs nothing.
+bool data_file_too_short(const XD_HEADER &h, const std::vector<int> &list) {
+  const std::string name = data_file_name(h.file_name);
+  struct stat st;
+  if (gzipped_nifti_name(name.c_str()) || stat(name.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  const long double volume = static_cast<long double>(h.n3d) * (h.data_type != DATA_MAGNITUDE ? 2 : 1) *
+                             element_size(h.storage_type);
+  const long double skipped = h.storage_type == STORAGE_UCHAR ? 0 : list.front();
+  const long double needed = static_cast<long long>(h.voxel_offset) +
+                             volume * (skipped + list.back() - list.front() + 1);
+  if (needed <= static_cast<long double>(st.st_size)) return false;
+  printf("Error reading file %s.\n", name.c_str());
+  return true;
 }
 
 // Reads the listed volumes of a one-file volume into `out`.
@@ -291,6 +309,8 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
            file_name);
     return 1;
   }
+
+  if (h.file_type != FILE_FREESURFER && data_file_too_short(h, list)) return 1;
 
   // The samples are gathered apart and only handed to the stack once the
   // whole read has worked, so a failure leaves every stack as it was.
