@@ -255,7 +255,12 @@ int write_xdisplay_header_file(const char *stem, const volume_file *e) {
   return close_written(file, name);
 }
 
-int write_nifti_header(int format, int storage, int first, const char *stem, const volume_file *e) {
+namespace {
+
+// Writes the header; `opened` tells a caller cleaning up after a failure
+// whether the file was reached at all.
+int write_nifti_header_file(int format, int storage, int first, const char *stem, const volume_file *e,
+                            bool *opened) {
   const nifti_1_header n = nifti_header_for(format, storage, e);
   char name[KEP_LINE + 8];
   snprintf(name, sizeof name, "%s.%s", stem, format == FILE_NII ? "nii" : "hdr");
@@ -264,6 +269,7 @@ int write_nifti_header(int format, int storage, int first, const char *stem, con
     printf("Error: cannot open the header file %s.\n", name);
     return 1;
   }
+  *opened = true;
   if (fwrite(&n, sizeof n, 1, file.get()) != 1) {
     printf("Error writing the NIFTI header into file %s\n", name);
     return 1;
@@ -288,6 +294,13 @@ int write_nifti_header(int format, int storage, int first, const char *stem, con
     return 1;
   }
   return 0;
+}
+
+}  // namespace
+
+int write_nifti_header(int format, int storage, int first, const char *stem, const volume_file *e) {
+  bool opened = false;
+  return write_nifti_header_file(format, storage, first, stem, e, &opened);
 }
 
 namespace {
@@ -538,13 +551,7 @@ int write_output_file(int requested_storage, const char *root) {
       undo.old_size = file_size_of(file.get());
     } else {
       if (format == FILE_NII) {
-        if (write_nifti_header(format, storage, 1, stem, entry)) {
-          // Only a fragment of a header can be left behind by this failure.
-          struct stat st;
-          undo.opened = regular_file(name) && stat(name, &st) == 0 && st.st_size < NIFTI_HEADER_SIZE + 4;
-          return undo.fail();
-        }
-        undo.opened = true;
+        if (write_nifti_header_file(format, storage, 1, stem, entry, &undo.opened)) return undo.fail();
         file.reset(fopen(name, "rb+"));
         if (file && fseek(file.get(), 0, SEEK_END) != 0) file.reset();
       } else {

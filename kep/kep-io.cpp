@@ -4,6 +4,8 @@
 
 #include <climits>
 #include <cmath>
+#include <csetjmp>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -123,6 +125,29 @@ std::string data_file_name(const char *file_name) {
   return name;
 }
 
+// Reading from a mapping faults (SIGBUS) where the file has been cut short
+// since it was mapped; while a guard lives, that fault jumps back to the
+// reader, which reports it like any short file.
+sigjmp_buf bus_trap;
+
+void on_bus_fault(int) { siglongjmp(bus_trap, 1); }
+
+class bus_guard {
+ public:
+  bus_guard() {
+    struct sigaction act {};
+    act.sa_handler = on_bus_fault;
+    sigemptyset(&act.sa_mask);
+    sigaction(SIGBUS, &act, &previous_);
+  }
+  ~bus_guard() { sigaction(SIGBUS, &previous_, nullptr); }
+  bus_guard(const bus_guard &) = delete;
+  bus_guard &operator=(const bus_guard &) = delete;
+
+ private:
+  struct sigaction previous_ {};
+};
+
 // A plain data file shorter than the volumes asked for is reported before
 // memory is taken for them: a header that claims far more than its file
 // holds costs nothing.
@@ -133,8 +158,8 @@ bool data_file_too_short(const XD_HEADER &h, const std::vector<int> &list) {
   const long double volume = static_cast<long double>(h.n3d) * (h.data_type != DATA_MAGNITUDE ? 2 : 1) *
                              element_size(h.storage_type);
   const long double skipped = h.storage_type == STORAGE_UCHAR ? 0 : list.front();
-  const long double needed = static_cast<long long>(h.voxel_offset) +
-                             volume * (skipped + list.back() - list.front() + 1);
+  const long double needed =
+      static_cast<long long>(h.voxel_offset) + volume * (skipped + list.back() - list.front() + 1);
   if (needed <= static_cast<long double>(st.st_size)) return false;
   printf("Error reading file %s.\n", name.c_str());
   return true;
@@ -175,12 +200,22 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
     // Converted straight from the mapped file: no copy through a buffer.
     long long position = offset;
     if (h.storage_type != STORAGE_UCHAR) position += static_cast<long long>(list.front()) * volume_bytes;
-    size_t next = 0;
     for (int v = list.front(); v <= list.back(); v++, position += volume_bytes) {
       if (position + volume_bytes > file_size) {
         printf("Error reading file %s.\n", name.c_str());
         return 1;
       }
+    }
+    position = offset;
+    if (h.storage_type != STORAGE_UCHAR) position += static_cast<long long>(list.front()) * volume_bytes;
+    const bus_guard guard;
+    if (sigsetjmp(bus_trap, 1) != 0) {
+      // The file was cut short by someone else while it was being read.
+      printf("Error reading file %s.\n", name.c_str());
+      return 1;
+    }
+    size_t next = 0;
+    for (int v = list.front(); v <= list.back(); v++, position += volume_bytes) {
       if (v != list[next]) continue;
       convert(const_cast<unsigned char *>(whole + position), volume, h.storage_type, false, pairs,
               h.scale_slope, h.scale_offset, out + next * static_cast<size_t>(h.n3d));
@@ -310,6 +345,12 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
     return 1;
   }
 
+  int64_t samples_wanted = 0;
+  if (!checked_product(h.n3d, count, INT_MAX / 2, &samples_wanted)) {
+    printf("Error: %d volumes of %d x %d x %d hold more samples than kep can store.\n", count, h.dim.x,
+           h.dim.y, h.dim.z);
+    return 1;
+  }
   if (h.file_type != FILE_FREESURFER && data_file_too_short(h, list)) return 1;
 
   // The samples are gathered apart and only handed to the stack once the
@@ -337,11 +378,13 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
     target->npts_volume = 2 * h.n3d;
     target->data_type = 0;
   } else {
-    target = install_stack_checked(stack_name, nullptr, h.dim.x, h.dim.y, h.dim.z, count);
-    if (target == nullptr) return 1;
+    // The header reader has checked that the file's sample counts fit.
+    target = install_stack_with_samples(stack_name, h.dim.x, h.dim.y, h.dim.z, count, std::move(data));
   }
-  target->samples = std::move(data);
-  target->SpaceTime.fcData = target->samples.get();
+  if (distortions) {
+    target->samples = std::move(data);
+    target->SpaceTime.fcData = target->samples.get();
+  }
   copy_geometry(target, h);
   if (h.off_diagonal) {
     printf("Warning: the stack has voxel indices            (i,j,k)\n");

@@ -95,6 +95,22 @@ data_stack *install_stack_checked(const char *name, const data_stack *template_s
                        static_cast<int>(nz), static_cast<int>(nt));
 }
 
+data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
+                                       std::unique_ptr<FCOMPLEX[]> samples) {
+  // Registered as a one-sample stack, then given the real shape and samples:
+  // a large read never holds two copies of its data.
+  data_stack *stack = install_stack(name, nullptr, 1, 1, 1, 1);
+  stack->dim = {nx, ny, nz};
+  stack->nt = nt;
+  stack->n2d = nx * ny;
+  stack->n3d = stack->n2d * nz;
+  stack->n4d = stack->n3d * nt;
+  stack->npts_volume = 2 * stack->n3d;
+  stack->samples = std::move(samples);
+  stack->SpaceTime.fcData = stack->samples.get();
+  return stack;
+}
+
 void free_stack(data_stack *stack) {
   std::unique_ptr<data_stack> *slot = slot_of(stack);
   if (slot == nullptr) return;

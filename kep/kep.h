@@ -160,6 +160,10 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
 // the registry: returns null after an error message.
 data_stack *install_stack_checked(const char *name, const data_stack *template_stack, long nx, long ny,
                                   long nz, long nt);
+// Same, for samples already gathered (n4d of them, sizes already checked):
+// the stack takes them over instead of allocating its own.
+data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
+                                       std::unique_ptr<FCOMPLEX[]> samples);
 void free_stack(data_stack *stack);
 data_stack *find_stack(const char *name);
 int delete_stacks();

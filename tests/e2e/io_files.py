@@ -69,3 +69,31 @@ def stack_line(stdout: str, name: str):
         if parts and parts[0] == name:
             return parts[1:]
     return None
+
+
+class KepSession:
+    """One kep process fed line by line, so that files can be changed between its commands."""
+
+    def __init__(self, directory: Path, kep_binary: str, preexec_fn=None, argv_prefix=()):
+        import subprocess
+        self.proc = subprocess.Popen([*argv_prefix, kep_binary], cwd=directory, stdin=subprocess.PIPE,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, preexec_fn=preexec_fn)
+        self.prompts = 1  # kep prompts once before the first line and again after each line
+
+    def send(self, text):
+        """Sends lines and returns what kep printed once it has prompted after the last of them."""
+        self.proc.stdin.write(text.encode())
+        self.proc.stdin.flush()
+        self.prompts += text.count("\n")
+        out = b""
+        while out.count(b"kep > ") < self.prompts:
+            chunk = self.proc.stdout.read1(65536)
+            assert chunk, (out, self.proc.poll())
+            out += chunk
+        self.prompts = 0
+        return out.decode()
+
+    def finish(self, text="quit\n"):
+        """Sends the last lines; returns (stdout, stderr, exit status)."""
+        out, err = self.proc.communicate(text.encode(), timeout=300)
+        return out.decode(), err.decode(), self.proc.returncode

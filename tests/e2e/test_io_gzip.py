@@ -8,8 +8,8 @@ import nibabel as nib
 import numpy as np
 import pytest
 
-from conftest import SOURCE
-from io_files import kep_values, read_xdisplay, stack_line, write_xdisplay
+from conftest import KEP, SOURCE
+from io_files import KepSession, kep_values, read_xdisplay, stack_line, write_xdisplay
 
 AFFINE = np.array([[-2.0, 0, 0, 30.0], [0, 3.0, 0, -12.5], [0, 0, 4.0, 7.0], [0, 0, 0, 1]])
 
@@ -133,43 +133,18 @@ def test_append_rewrites_the_whole_file(kep):
 
 def test_append_to_a_file_changed_outside_fails_and_keeps_the_count(kep):
     data = source_stack(kep)
-    # removed in between: the earlier volumes are gone, so the append cannot be made
-    proc = subprocess.Popen([kep_binary()], cwd=kep.dir,
-                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-    proc.stdin_lines = False
-    out = talk(proc, "read src.bfloat s\nwrite gone.nii.gz s>0\nwrite swapped.nii.gz s>0-1\n")
+    session = KepSession(kep.dir, str(KEP))
+    out = session.send("read src.bfloat s\nwrite gone.nii.gz s>0\nwrite swapped.nii.gz s>0-1\n")
     assert "were written to file swapped.\n" in out
     kep.path("gone.nii.gz").unlink()
     save_gz(kep.path("swapped.nii.gz"), data[..., :1], np.float32)  # one volume where kep wrote two
-    out += talk(proc, "write gone.nii.gz s>1\nwrite swapped.nii.gz s>2\nwrite other.nii.gz s>3\nquit\n", end=True)
+    out, err, _ = session.finish("write gone.nii.gz s>1\nwrite swapped.nii.gz s>2\nwrite other.nii.gz s>3\nquit\n")
+    assert err == ""
     assert "Error: cannot open the existing file gone.nii.gz.\n" in out
     assert "Error: the existing file swapped.nii.gz no longer holds the 2 volumes written to it.\n" in out
     assert "were written to file other.\n" in out  # the session goes on
     assert not kep.path("gone.nii.gz").exists() and not kep.path("swapped.nii.gz.partial").exists()
     assert nib.load(str(kep.path("swapped.nii.gz"))).shape == (5, 4, 3, 1)
-
-
-def kep_binary():
-    from conftest import KEP
-    return str(KEP)
-
-
-def talk(proc, text, end=False):
-    """Feeds lines to a running kep; returns what it printed once it has answered them (it
-    prompts again after each line)."""
-    if end:
-        out, err = proc.communicate(text.encode(), timeout=120)
-        assert err == b""
-        return out.decode()
-    proc.stdin.write(text.encode())
-    proc.stdin.flush()
-    out = b""
-    while out.count(b"kep > ") < text.count("\n") + (0 if proc.stdin_lines else 1):
-        chunk = proc.stdout.read1(65536)
-        assert chunk, out
-        out += chunk
-    proc.stdin_lines = True
-    return out.decode()
 
 
 def test_read_loop_reads_the_right_chunks_of_a_compressed_file(kep):

@@ -1,0 +1,351 @@
+"""Faults around files and memory: full disks, missing or read-only directories, data that is cut
+short or vanishes while kep reads it, and too little memory. Each ends in a message; stacks, files
+and the session stay intact, and a header never claims volumes its data file does not hold."""
+import os
+import resource
+import shutil
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+import nibabel as nib
+import numpy as np
+import pytest
+
+from conftest import KEP
+from io_files import KepSession, read_header, read_xdisplay, stack_line, write_xdisplay
+
+SHAPE = (16, 16, 8)                     # one float volume: 8192 bytes
+VOLUME = SHAPE[0] * SHAPE[1] * SHAPE[2] * 4
+
+
+def sanitized():
+    """True when kep is built with AddressSanitizer, which reserves far more address space than
+    any sensible `ulimit -v`."""
+    return b"__asan_init" in Path(KEP).read_bytes()
+
+
+def source(directory, volumes=10, seed=1):
+    """src.bfloat: random floats (they barely compress), volume t offset by 1000 t."""
+    rng = np.random.default_rng(seed)
+    data = rng.uniform(-100, 100, size=(*SHAPE, volumes)).astype(np.float32)
+    data += 1000 * np.arange(volumes, dtype=np.float32)
+    write_xdisplay(Path(directory), "src.bfloat", data, "f4", ["resolution 2 2 3 1.5"])
+    return data
+
+
+def file_size_limit(limit):
+    """For preexec_fn: files may grow to `limit` bytes; past it a write fails with EFBIG
+    instead of killing kep, as on a full disk."""
+    def apply():
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
+    return apply
+
+
+def nifti_volumes(path):
+    """Volumes the NIfTI header of `path` claims, and volumes its data hold."""
+    img = nib.load(str(path))
+    claimed = img.shape[3] if len(img.shape) > 3 else 1
+    if str(path).endswith(".nii.gz"):
+        import gzip
+        size = len(gzip.decompress(path.read_bytes()))
+    else:
+        size = path.stat().st_size
+    held = (size - int(img.header["vox_offset"])) // VOLUME
+    return claimed, held
+
+
+# ---------------------------------------------------------------- writing
+
+
+@pytest.mark.parametrize("ext", ["bfloat", "nii", "img", "nii.gz"])
+def test_append_that_overflows_the_disk_leaves_the_file_as_it_was(kep, ext):
+    data = source(kep.dir)
+    limit = 352 + 5 * VOLUME + VOLUME // 2  # room for five volumes and a half
+    session = KepSession(kep.dir, str(KEP), preexec_fn=file_size_limit(limit))
+    out = session.send(f"read src.bfloat s\nwrite out.{ext} s>0-3\nwrite out.{ext} s>4-7\n")
+    assert "4 volume(s) of dimension 16 x 16 x 8 were written to file out.\n" in out
+    assert f"Error writing the output file out.{ext}.\n" in out
+    assert "8 volumes now reside" not in out
+    stem = kep.path("out")
+    if ext == "bfloat":
+        assert read_header(kep.path("out.hdr"))["t"] == ["4"]
+        assert kep.path("out.bfloat").stat().st_size == 4 * VOLUME
+    else:
+        assert nifti_volumes(kep.path(f"out.{ext}")) == (4, 4)
+    assert not Path(str(stem) + ".nii.gz.partial").exists()
+    # the registry forgot the failed volumes: the next append counts from four
+    out, err, _ = session.finish(f"write out.{ext} s>9\nquit\n")
+    assert err == "" and "5 volumes now reside in file out.\n" in out, out
+    if ext == "bfloat":
+        values, fields = read_xdisplay(kep.dir, "out")
+        assert fields["t"] == ["5"]
+    else:
+        assert nifti_volumes(kep.path(f"out.{ext}")) == (5, 5)
+        values = np.asanyarray(nib.load(str(kep.path(f"out.{ext}"))).dataobj)
+    np.testing.assert_array_equal(values, data[..., [0, 1, 2, 3, 9]])
+
+
+@pytest.mark.parametrize("ext", ["bfloat", "bshort", "nii", "img", "nii.gz"])
+def test_a_new_file_that_overflows_the_disk_is_removed(kep, ext):
+    data = source(kep.dir)
+    limit = 352 + 3 * VOLUME  # ten volumes do not fit, even as shorts; two do
+    r = subprocess.run([str(KEP)], input=f"read src.bfloat s\nwrite out.{ext} s\nwrite out.{ext} s>6-7\nquit\n".encode(),
+                       cwd=kep.dir, capture_output=True, preexec_fn=file_size_limit(limit))
+    out = r.stdout.decode()
+    assert f"Error writing the output file out.{ext}.\n" in out
+    # the second write starts the file afresh: two volumes, no earlier count
+    assert "2 volume(s) of dimension 16 x 16 x 8 were written to file out.\n" in out
+    assert "now reside" not in out
+    if ext in ("bfloat", "bshort"):
+        values, fields = read_xdisplay(kep.dir, "out", ext)
+        assert fields["t"] == ["2"]
+        expected = data[..., 6:8] if ext == "bfloat" else np.trunc(data[..., 6:8])
+        np.testing.assert_array_equal(values, expected)
+    else:
+        img = nib.load(str(kep.path(f"out.{ext}")))
+        assert img.shape == (*SHAPE, 2)
+        np.testing.assert_array_equal(np.asanyarray(img.dataobj), data[..., 6:8])
+    assert sorted(p.name for p in kep.dir.iterdir() if p.name.startswith("out")) == sorted(
+        {"bfloat": ["out.bfloat", "out.hdr"], "bshort": ["out.bshort", "out.hdr"], "nii": ["out.nii"],
+         "img": ["out.img", "out.hdr"], "nii.gz": ["out.nii.gz"]}[ext])
+
+
+def test_header_that_cannot_be_written_undoes_the_append(kep):
+    data = source(kep.dir)
+    session = KepSession(kep.dir, str(KEP))
+    session.send("read src.bfloat s\nwrite out.bfloat s>0-1\n")
+    kep.path("out.hdr").unlink()
+    kep.path("out.hdr").symlink_to("/dev/full")
+    out = session.send("write out.bfloat s>2\n")
+    assert "Error writing the output file out.hdr.\n" in out
+    assert kep.path("out.bfloat").stat().st_size == 2 * VOLUME
+    kep.path("out.hdr").unlink()
+    out, err, _ = session.finish("write out.bfloat s>5\nquit\n")
+    assert "3 volumes now reside in file out.\n" in out
+    values, fields = read_xdisplay(kep.dir, "out")
+    np.testing.assert_array_equal(values, data[..., [0, 1, 5]])
+
+
+def test_write_slices_failing_at_a_later_slice_restores_the_earlier_ones(kep):
+    data = source(kep.dir)
+    session = KepSession(kep.dir, str(KEP))
+    out = session.send("read src.bfloat s\nwrite-slices sl.bfloat s>0-1\n")
+    assert "8 slices of dimension 16 x 16 x 2 were written to separate files.\n" in out
+    kep.path("sl_003.bfloat").unlink()
+    kep.path("sl_003.bfloat").symlink_to("/dev/full")
+    out = session.send("write-slices sl.bfloat s>2\n")
+    assert "Error writing the output file sl_003.bfloat.\n" in out
+    for z in range(3):  # appended to before the failure, then cut back
+        assert kep.path(f"sl_{z:03d}.bfloat").stat().st_size == 2 * 16 * 16 * 4
+        assert read_header(kep.path(f"sl_{z:03d}.hdr"))["t"] == ["2"]
+    kep.path("sl_003.bfloat").unlink()
+    out, err, _ = session.finish("write-slices sl.bfloat s>4\nquit\n")
+    assert "3 volumes now reside in files of type sl.\n" in out
+    for z in (0, 7):
+        assert read_header(kep.path(f"sl_{z:03d}.hdr"))["t"] == ["3"]
+        plane = np.frombuffer(kep.path(f"sl_{z:03d}.bfloat").read_bytes(), "<f4").reshape((16, 16, 3), order="F")
+        np.testing.assert_array_equal(plane, data[:, :, z, [0, 1, 4]])
+
+
+@pytest.mark.parametrize("command,name", [
+    ("write", "out.bfloat"), ("write-short", "out.nii"), ("write-float", "out.img"), ("write", "out.nii.gz"),
+    ("write-slices", "out.bfloat"),
+])
+def test_full_device(kep, command, name):
+    source(kep.dir, volumes=2)
+    target = "out_000.bfloat" if command == "write-slices" else name
+    kep.path(target).symlink_to("/dev/full")
+    r = kep.stdin(f"read src.bfloat s\n{command} {name} s\nwrite-float fine.bfloat s\nquit\n")
+    message = {"out.nii": "Error writing the NIFTI header into file out.nii\n"}.get(
+        name, f"Error writing the output file {target}.\n")
+    assert message in r.stdout, r
+    assert "were written to file out" not in r.stdout and "to separate files" not in r.stdout
+    assert "2 volume(s) of dimension 16 x 16 x 8 were written to file fine.\n" in r.stdout
+    assert kep.path(target).is_symlink() and r.stderr == ""
+    assert sorted(p.name for p in kep.dir.iterdir() if p.name.startswith("out")) == [target]
+
+
+@pytest.mark.parametrize("command,name,message", [
+    ("write", "nodir/out.bfloat", "Error: cannot open the new file nodir/out.bfloat.\n"),
+    ("write", "nodir/out.nii", "Error: cannot open the header file nodir/out.nii.\n"),
+    ("write", "nodir/out.img", "Error: cannot open the new file nodir/out.img.\n"),
+    ("write-short", "nodir/out.nii.gz", "Error: cannot open the new file nodir/out.nii.gz.\n"),
+    ("write-slices", "nodir/out.bshort", "Error: cannot open the new file nodir/out_000.bshort.\n"),
+])
+def test_missing_directory_then_created(kep, command, name, message):
+    source(kep.dir, volumes=2)
+    session = KepSession(kep.dir, str(KEP))
+    out = session.send(f"read src.bfloat s\n{command} {name} s>0\n")
+    assert message in out
+    assert not kep.path("nodir").exists()
+    kep.path("nodir").mkdir()
+    out, err, _ = session.finish(f"{command} {name} s>1\nquit\n")
+    assert err == "" and "now reside" not in out  # the failed write left no volumes on record
+    assert "were written to" in out
+
+
+# ----------------------------------------------- permissions, as an unprivileged user
+
+
+@pytest.fixture
+def shared_dir():
+    """A directory an unprivileged user may enter (pytest's own are private to root)."""
+    path = Path(tempfile.mkdtemp(prefix="kep-faults-"))
+    path.chmod(0o755)
+    yield path
+    shutil.rmtree(path, ignore_errors=True)
+
+
+def as_nobody(directory, text):
+    """Runs kep as user and group 65534, the way a scientist without rights to a directory would."""
+    if shutil.which("setpriv") is None:
+        pytest.skip("setpriv (util-linux) is needed to drop privileges")
+    probe = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "true"],
+                           capture_output=True)
+    if probe.returncode != 0:
+        pytest.skip("this system does not let setpriv drop privileges: " + probe.stderr.decode())
+    if not os.access(KEP, os.X_OK) or any(p.stat().st_mode & 0o005 != 0o005 for p in Path(KEP).parents
+                                          if p != Path("/")):
+        pytest.skip("the kep binary is not reachable by an unprivileged user")
+    proc = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", str(KEP)],
+                          input=text.encode(), cwd=directory, capture_output=True, timeout=120)
+    return proc.stdout.decode(), proc.stderr.decode(), proc.returncode
+
+
+@pytest.mark.parametrize("command,name,message", [
+    ("write", "ro/out.bfloat", "Error: cannot open the new file ro/out.bfloat.\n"),
+    ("write", "ro/out.nii", "Error: cannot open the header file ro/out.nii.\n"),
+    ("write-short", "ro/out.nii.gz", "Error: cannot open the new file ro/out.nii.gz.\n"),
+    ("write-slices", "ro/out.bfloat", "Error: cannot open the new file ro/out_000.bfloat.\n"),
+])
+def test_read_only_directory(shared_dir, command, name, message):
+    data = source(shared_dir, volumes=2)
+    for f in shared_dir.iterdir():
+        f.chmod(0o644)
+    (shared_dir / "ro").mkdir(mode=0o755)
+    (shared_dir / "ro" / "keep.bfloat").write_bytes(b"old")
+    out, err, status = as_nobody(shared_dir, f"read src.bfloat s\n{command} {name} s\nshow-stacks\nquit\n")
+    assert message in out, out
+    assert err == "" and status == 1
+    assert stack_line(out, "s")[:4] == ["16", "16", "8", "2"]
+    assert sorted(p.name for p in (shared_dir / "ro").iterdir()) == ["keep.bfloat"]
+    assert data.shape[3] == 2
+
+
+def test_read_only_file_in_a_writable_directory_is_left_alone(shared_dir):
+    source(shared_dir, volumes=2)
+    (shared_dir / "src.bfloat").chmod(0o644)
+    (shared_dir / "src.hdr").chmod(0o644)
+    (shared_dir / "w").mkdir()
+    (shared_dir / "w").chmod(0o777)
+    for name in ("out.bfloat", "out.nii", "out.nii.gz"):
+        (shared_dir / "w" / name).write_bytes(b"precious")
+        (shared_dir / "w" / name).chmod(0o444)
+    out, err, status = as_nobody(shared_dir, "read src.bfloat s\nwrite w/out.bfloat s\nwrite w/out.nii s\n"
+                                             "write w/out.nii.gz s\nquit\n")
+    assert "Error: cannot open the new file w/out.bfloat.\n" in out
+    assert "Error: cannot open the header file w/out.nii.\n" in out
+    # a compressed file is replaced whole, as the directory allows: the old bytes are gone
+    # only once the new file is complete
+    assert "2 volume(s) of dimension 16 x 16 x 8 were written to file w/out.\n" in out
+    for name in ("out.bfloat", "out.nii"):
+        assert (shared_dir / "w" / name).read_bytes() == b"precious"
+    assert nib.load(str(shared_dir / "w" / "out.nii.gz")).shape == (*SHAPE, 2)
+
+
+# ---------------------------------------------------------------- reading
+
+
+def test_data_vanishing_between_the_loop_header_and_its_chunks(kep):
+    # volumes of 64 x 64 x 16 samples: chunks of 20 volumes
+    data = np.arange(64 * 64 * 16, dtype=np.int16).reshape((64, 64, 16)) % 300
+    series = np.stack([data + 1000 * t for t in range(45)], axis=-1).astype(np.int16)
+    write_xdisplay(kep.dir, "long.bshort", series, "i2")
+    write_xdisplay(kep.dir, "gone.bshort", series[..., :25], "i2")
+    write_xdisplay(kep.dir, "nohdr.bshort", series[..., :25], "i2")
+    session = KepSession(kep.dir, str(KEP))
+    session.send("read-loop long.bshort c\nwrite-float chunks.bfloat c\n")
+    # cut between the header and the data: the first chunk is read, the second is not there
+    with open(kep.path("long.bshort"), "r+b") as f:
+        f.truncate(30 * 64 * 64 * 16 * 2)
+    out = session.send("end-loop\n")
+    head, tail = out.split("macro>> read long.bshort>20-39 c\n")
+    assert "20 volumes of size 64 x 64 x 16 were read and stored in stack c\n" in head
+    assert "20 volume(s) of dimension 64 x 64 x 16 were written to file chunks.\n" in head
+    assert tail.startswith("Error reading file long.bshort.\n")
+    assert "macro>> read long.bshort>40-44 c\nError reading file long.bshort.\n" in tail
+    # the header itself gone between the loop's start and its end
+    session.send("read-loop nohdr.bshort e\nshow-stacks\n")
+    kep.path("nohdr.hdr").unlink()
+    out, err, _ = session.finish("end-loop\nshow-stacks\nquit\n")
+    assert "macro>> read nohdr.bshort>0-19 e\nError: cannot open xdisplay file nohdr.hdr.\n" in out
+    assert stack_line(out, "e") is None and stack_line(out, "c")[:4] == ["64", "64", "16", "20"]
+    assert err == ""
+    values, _ = read_xdisplay(kep.dir, "chunks")
+    np.testing.assert_array_equal(values[..., :20], series[..., :20])
+
+
+def test_data_file_removed_after_its_header_was_read(kep):
+    source(kep.dir, volumes=3)
+    shutil.copy(kep.path("src.bfloat"), kep.path("b.bfloat"))
+    shutil.copy(kep.path("src.hdr"), kep.path("b.hdr"))
+    session = KepSession(kep.dir, str(KEP))
+    session.send("read src.bfloat b\nread-loop b.bfloat c\n")
+    kep.path("b.bfloat").unlink()
+    out, err, _ = session.finish("end-loop\nshow-stacks\nquit\n")
+    assert "Error: cannot open file b.bfloat.\n" in out and err == ""
+    assert stack_line(out, "b")[:4] == ["16", "16", "8", "3"]
+    assert stack_line(out, "c") is None
+
+
+def test_file_cut_short_while_it_is_read(kep):
+    # a large file (sparse, so cheap) is cut by another process while kep converts it
+    nx, ny, nz, nt = 256, 256, 64, 16
+    kep.path("big.hdr").write_text(f"x {nx}\ny {ny}\nz {nz}\nt {nt}\nbyte-order 1\n")
+    outcomes = set()
+    for delay in (0.05, 0.15, 0.3):
+        with open(kep.path("big.bfloat"), "wb") as f:
+            f.truncate(nx * ny * nz * nt * 4)
+        proc = subprocess.Popen([str(KEP)], cwd=kep.dir, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
+        cutter = threading.Timer(delay, os.truncate, args=(kep.path("big.bfloat"), nx * ny * nz * 4))
+        cutter.start()
+        out, err = proc.communicate(b"read big.bfloat s\nquit\n", timeout=300)
+        cutter.join()
+        assert proc.returncode == 1 and err == b"", (delay, proc.returncode, err[-2000:])
+        out = out.decode()
+        assert ("Error reading file big.bfloat.\n" in out) != ("were read and stored in stack s" in out)
+        outcomes.add("Error reading file" in out)
+    assert True in outcomes  # at least one cut landed before the read ended
+
+
+@pytest.mark.skipif(sanitized(), reason="AddressSanitizer needs more address space than the limit allows")
+def test_out_of_memory_is_an_error_that_keeps_the_session(kep):
+    source(kep.dir, volumes=2)
+    # 7 x 10^8 samples of 8 bytes in memory; the 1.4 GB file is sparse
+    kep.path("huge.hdr").write_text("x 1000\ny 1000\nz 70\nt 10\nbyte-order 1\n")
+    with open(kep.path("huge.bshort"), "wb") as f:
+        f.truncate(1000 * 1000 * 70 * 10 * 2)
+    # the same header over a file that holds one volume: found short before any memory is taken
+    kep.path("claims.hdr").write_text("x 1000\ny 1000\nz 70\nt 10\nbyte-order 1\n")
+    with open(kep.path("claims.bshort"), "wb") as f:
+        f.truncate(1000 * 1000 * 70 * 2)
+
+    def limit():
+        resource.setrlimit(resource.RLIMIT_AS, (1 << 30, 1 << 30))
+    r = subprocess.run([str(KEP)], input=b"read src.bfloat s\nread huge.bshort s\nread claims.bshort s\n"
+                       b"read huge.bshort>3 one\nwrite-float after.bfloat s\nshow-stacks\nquit\n",
+                       cwd=kep.dir, capture_output=True, preexec_fn=limit, timeout=300)
+    out = r.stdout.decode()
+    assert r.returncode == 1 and r.stderr == b"", r.stderr
+    assert "Error: not enough memory to read 10 volumes of 1000 x 1000 x 70 from file huge.bshort.\n" in out
+    assert "Error reading file claims.bshort.\n" in out
+    # one volume (560 MB in memory) still fits under the 1 GB limit: held once, not twice, while it is read
+    assert "1 volume of size 1000 x 1000 x 70 was read and stored in stack one\n" in out
+    assert stack_line(out, "s")[:4] == ["16", "16", "8", "2"]
+    assert "2 volume(s) of dimension 16 x 16 x 8 were written to file after.\n" in out
