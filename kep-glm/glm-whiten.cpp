@@ -20,26 +20,46 @@ dmatrix scratch_inverse;
 
 // Lagged cross products of the unwhitened design U for the whitened fit of one
 // voxel: G(s, u) = sum over t = q..n-1 of U[t-s] U[t-u]' (nc x nc each), for
-// the filter order q they were formed for. Rows t >= q of the whitening filter
-// all carry the same taps f, so the stationary part of X_w'X_w is
+// each filter order q met so far. Rows t >= q of the whitening filter all
+// carry the same taps f, so the stationary part of X_w'X_w is
 // sum over s, u of f_s f_u G(s, u): no pass over the images per voxel.
+// Also the columns of U and of the original design, contiguous over images.
 struct LaggedProducts {
-  int order = -1;
+  bool valid = false;
   long rows = 0, columns = 0;
-  std::vector<double> g;  // [(s * (q + 1) + u) * nc * nc + i * nc + j]
+  std::vector<std::vector<double>> g;  // by order: [(s * (q + 1) + u) * nc * nc + i * nc + j]
+  std::vector<double> u_columns, x_columns;  // [c * n + t]
 } lagged;
 
 // Scratch of the whitened fit, reused from voxel to voxel.
-std::vector<double> fast_xtx, fast_b, fast_acc, fast_startup, fast_m, fast_taps;
+std::vector<double> fast_xtx, fast_b, fast_acc, fast_startup, fast_m, fast_fit, fast_z, fast_taps;
+
+void prepare_lagged() {
+  const int n = static_cast<int>(unwhitened.rows()), nc = static_cast<int>(unwhitened.columns());
+  if (lagged.valid && lagged.rows == n && lagged.columns == nc) return;
+  lagged.g.clear();
+  lagged.u_columns.resize(static_cast<size_t>(n) * nc);
+  lagged.x_columns.resize(static_cast<size_t>(n) * nc);
+  for (int t = 0; t < n; t++)
+    for (int c = 0; c < nc; c++) {
+      lagged.u_columns[static_cast<size_t>(c) * n + t] = unwhitened[t][c];
+      lagged.x_columns[static_cast<size_t>(c) * n + t] = GLM.Xorig_tc[t][c];
+    }
+  lagged.rows = n;
+  lagged.columns = nc;
+  lagged.valid = true;
+}
 
 const double *lagged_products(int q) {
-  const int n = static_cast<int>(unwhitened.rows()), nc = static_cast<int>(unwhitened.columns());
-  if (lagged.order == q && lagged.rows == n && lagged.columns == nc) return lagged.g.data();
+  const int n = static_cast<int>(lagged.rows), nc = static_cast<int>(lagged.columns);
+  if (lagged.g.size() <= static_cast<size_t>(q)) lagged.g.resize(static_cast<size_t>(q) + 1);
+  std::vector<double> &products = lagged.g[q];
+  if (!products.empty()) return products.data();
   const size_t block = static_cast<size_t>(nc) * nc;
-  lagged.g.assign(block * (q + 1) * (q + 1), 0.0);
+  products.assign(block * (q + 1) * (q + 1), 0.0);
   for (int s = 0; s <= q; s++)
     for (int u = 0; u <= q; u++) {
-      double *g = lagged.g.data() + (static_cast<size_t>(s) * (q + 1) + u) * block;
+      double *g = products.data() + (static_cast<size_t>(s) * (q + 1) + u) * block;
       for (int t = q; t < n; t++) {
         const float *a = unwhitened[t - s], *b = unwhitened[t - u];
         for (int i = 0; i < nc; i++) {
@@ -48,10 +68,21 @@ const double *lagged_products(int q) {
         }
       }
     }
-  lagged.order = q;
-  lagged.rows = n;
-  lagged.columns = nc;
-  return lagged.g.data();
+  return products.data();
+}
+
+// Sum of a[t] b[t], four partial sums (independent chains).
+double dot(const double *a, const double *b, int n) {
+  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+  int t = 0;
+  for (; t + 4 <= n; t += 4) {
+    s0 += a[t] * b[t];
+    s1 += a[t + 1] * b[t + 1];
+    s2 += a[t + 2] * b[t + 2];
+    s3 += a[t + 3] * b[t + 3];
+  }
+  for (; t < n; t++) s0 += a[t] * b[t];
+  return (s0 + s1) + (s2 + s3);
 }
 
 }  // namespace
@@ -126,7 +157,7 @@ void GLMInternal_form_fit_matrices() {
 int GLMInternal_whiten_model(int save) {
   const int nt = GLM.ntime, nc = GLM.ncoeff;
   if (save) {
-    lagged.order = -1;
+    lagged.valid = false;
     unwhitened = fmatrix(nt, nc);
     for (int t = 0; t < nt; t++) std::memcpy(unwhitened[t], GLM.X_tc[t], sizeof(float) * nc);
   }
@@ -161,7 +192,16 @@ void GLMInternal_whiten_data(float *data) {
   }
 }
 
-int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
+// The fits are also compiled for wider vectors where the processor has them;
+// without fused multiply-add, so both builds round exactly alike.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define GLM_VECTOR_CLONES \
+  __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic")))
+#else
+#define GLM_VECTOR_CLONES
+#endif
+
+GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
   const int q = GLM.AR_order;
   if (GLM.initialized != 2 || nt != GLM.ntime || q <= 0 || q >= nt || GLM.WhiteFilter_tt.rows() != nt ||
       unwhitened.rows() != nt || unwhitened.columns() != GLM.ncoeff)
@@ -169,6 +209,9 @@ int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
   const int n = nt, nc = GLM.ncoeff;
   const int *include = GLM.include_time.data();
   const fmatrix &W = GLM.WhiteFilter_tt;
+  prepare_lagged();
+  const double *G = lagged_products(q);
+  const double *U = lagged.u_columns.data(), *X = lagged.x_columns.data();
   GLMInternal_whiten_data(data);
 
   // The taps of the stationary rows are row q of the filter, reversed.
@@ -196,7 +239,6 @@ int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
     for (int i = 0; i < nc; i++)
       for (int j = 0; j < nc; j++) xtx[i * nc + j] += x[i] * x[j];
   }
-  const double *G = lagged_products(q);
   for (int s = 0; s <= q; s++)
     for (int u = 0; u <= q; u++) {
       const double w = f[s] * f[u];
@@ -205,25 +247,17 @@ int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
     }
 
   // X_w' (include * y_w): the stationary rows through the lagged design columns.
+  fast_z.resize(static_cast<size_t>(n));
+  double *z = fast_z.data();
+  for (int t = 0; t < n; t++) z[t] = include[t] ? static_cast<double>(data[t]) : 0.0;
   fast_b.assign(static_cast<size_t>(nc), 0.0);
-  fast_acc.assign(static_cast<size_t>(q + 1) * nc, 0.0);
-  double *b = fast_b.data(), *acc = fast_acc.data();
+  double *b = fast_b.data();
   for (int t = 0; t < q; t++) {
-    if (!include[t]) continue;
     const double *x = &fast_startup[static_cast<size_t>(t) * nc];
-    for (int c = 0; c < nc; c++) b[c] += x[c] * data[t];
-  }
-  for (int t = q; t < n; t++) {
-    if (!include[t]) continue;
-    const double z = data[t];
-    for (int s = 0; s <= q; s++) {
-      const float *u = unwhitened[t - s];
-      double *a = acc + static_cast<size_t>(s) * nc;
-      for (int c = 0; c < nc; c++) a[c] += u[c] * z;
-    }
+    for (int c = 0; c < nc; c++) b[c] += x[c] * z[t];
   }
   for (int s = 0; s <= q; s++)
-    for (int c = 0; c < nc; c++) b[c] += f[s] * acc[static_cast<size_t>(s) * nc + c];
+    for (int c = 0; c < nc; c++) b[c] += f[s] * dot(U + static_cast<size_t>(c) * n + q - s, z + q, n - q);
 
   // (X_w'X_w)^-1 as GLMInternal_form_fit_matrices forms it, and the coefficients.
   if (scratch_inverse.rows() != nc) scratch_inverse = dmatrix(nc, nc);
@@ -243,28 +277,35 @@ int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
     beta[i] = static_cast<float>(sum);
   }
 
-  // The unwhitened fit; the whitened model is the filter applied to U beta.
-  fast_m.resize(static_cast<size_t>(n));
-  double *m = fast_m.data();
-  for (int t = 0; t < n; t++) {
-    const float *x = GLM.Xorig_tc[t], *u = unwhitened[t];
-    double sum = 0.0, sum_u = 0.0;
-    for (int c = 0; c < nc; c++) {
-      sum += static_cast<double>(x[c]) * beta[c];
-      sum_u += static_cast<double>(u[c]) * beta[c];
+  // The unwhitened fit (summed over the columns in order, as GLM_fit_data
+  // does) and U beta, whose filtered form is the whitened model.
+  fast_fit.assign(static_cast<size_t>(n), 0.0);
+  fast_m.assign(static_cast<size_t>(n), 0.0);
+  double *__restrict fd = fast_fit.data(), *__restrict m = fast_m.data();
+  for (int c = 0; c < nc; c++) {
+    const double bc = beta[c];
+    const double *__restrict x = X + static_cast<size_t>(c) * n, *__restrict u = U + static_cast<size_t>(c) * n;
+    for (int t = 0; t < n; t++) {
+      fd[t] += x[t] * bc;
+      m[t] += u[t] * bc;
     }
-    fit[t] = static_cast<float>(sum);
-    m[t] = sum_u;
+  }
+  for (int t = 0; t < n; t++) fit[t] = static_cast<float>(fd[t]);
+  // Residuals of the whitened data, reusing fast_fit for the whitened model.
+  double *__restrict model = fd;
+  for (int t = 0; t < q; t++) {
+    double sum = 0.0;
+    for (int j = 0; j <= t; j++) sum += static_cast<double>(W[t][j]) * m[j];
+    model[t] = sum;
+  }
+  for (int t = q; t < n; t++) model[t] = f[0] * m[t];
+  for (int s = 1; s <= q; s++) {
+    const double fs = f[s];
+    for (int t = q; t < n; t++) model[t] += fs * m[t - s];
   }
   double ss = 0.0;
   for (int t = 0; t < n; t++) {
-    double model = 0.0;
-    if (t < q) {
-      for (int j = 0; j <= t; j++) model += static_cast<double>(W[t][j]) * m[j];
-    } else {
-      for (int s = 0; s <= q; s++) model += f[s] * m[t - s];
-    }
-    const double r = (include[t] ? static_cast<double>(data[t]) : 0.0) - model;
+    const double r = z[t] - model[t];
     if (std::isfinite(r)) ss += r * r;
   }
   *variance = static_cast<float>(ss / GLM.dof);

@@ -150,14 +150,19 @@ int block_pass(const Frame &f, Each each) {
 }
 
 // Bias-reduced autocorrelations rho_1..rho_p of one voxel from its residual.
-void autocorrelations(const float *data, const float *fit, int nt, int p, float *rho) {
-  std::vector<double> e(nt), a(p + 1, 0.0);
+// `scratch` holds nt + 2 (p + 1) doubles, so that no voxel allocates.
+void autocorrelations(const float *data, const float *fit, int nt, int p, float *rho, double *scratch) {
+  double *e = scratch, *a = scratch + nt, *c = a + p + 1;
   for (int t = 0; t < nt; t++) e[t] = GLM.include_time[t] * (static_cast<double>(data[t]) - fit[t]);
-  for (int k = 0; k <= p; k++)
-    for (int t = k; t < nt; t++) a[k] += e[t] * e[t - k];
-  std::vector<double> c(p + 1, 0.0);
-  for (int k = 0; k <= p; k++)
+  for (int k = 0; k <= p; k++) {
+    double sum = 0.0;
+    for (int t = k; t < nt; t++) sum += e[t] * e[t - k];
+    a[k] = sum;
+  }
+  for (int k = 0; k <= p; k++) {
+    c[k] = 0.0;
     for (int j = 0; j <= p; j++) c[k] += GLM.ARMixm1_rr[k][j] * a[j];
+  }
   if (c[0] == 0.0) c[0] = 1.0;
   for (int k = 1; k <= p; k++) rho[k - 1] = static_cast<float>(c[k] / c[0]);
 }
@@ -179,13 +184,14 @@ int run_fit(const Frame &f, VoxelStep &step) {
   std::vector<float> rho(static_cast<size_t>(p) * f.nvox, 0.0f), weight(f.nvox, 0.0f);
   std::vector<char> active(f.nvox, 0);
   std::vector<float> r(p);
+  std::vector<double> scratch(static_cast<size_t>(f.nt) + 2 * (p + 1));
   int failed = block_pass(f, [&](long v, float *data, float *fit, float) {
     bool any = false;
     for (int t = 0; t < f.nt && !any; t++) any = data[t] != 0.0f;
     if (!any) return 0;
     active[v] = 1;
     weight[v] = 1.0f;
-    autocorrelations(data, fit, f.nt, p, r.data());
+    autocorrelations(data, fit, f.nt, p, r.data(), scratch.data());
     for (int k = 0; k < p; k++) rho[k * f.nvox + v] = r[k];
     return 0;
   });
