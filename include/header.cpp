@@ -206,7 +206,11 @@ volume_source::~volume_source() {
 
 size_t volume_source::read(void *buffer, size_t bytes) {
   if (plain_) return fread(buffer, 1, bytes, plain_);
-  if (packed_) return znzread(buffer, 1, bytes, static_cast<znzFile>(packed_));
+  if (packed_) {
+    // A damaged stream comes back as a negative count turned unsigned.
+    const size_t n = znzread(buffer, 1, bytes, static_cast<znzFile>(packed_));
+    return n <= bytes ? n : 0;
+  }
   return 0;
 }
 
@@ -580,6 +584,12 @@ int read_nifti_header(const char *name, XD_HEADER *h) {
   }
   unsigned char bytes[NIFTI_HEADER_SIZE + 16];
   size_t size = file.read(bytes, NIFTI_HEADER_SIZE);
+  if (size < NIFTI_HEADER_SIZE && gzipped_nifti_name(header_name)) {
+    // A cut or damaged download: reported like any unreadable file.
+    printf("Error: cannot read the NIFTI header of the compressed file %s; it is cut short or damaged.\n",
+           header_name);
+    return 1;
+  }
   if (size < NIFTI_HEADER_SIZE) {
     fprintf(stderr, "\nError reading header file %s\n", header_name);
     kep_exit(1);

@@ -1,5 +1,10 @@
 // Writing stacks to volume files: the output-file registry, the xdisplay and
 // NIfTI-1 headers, whole volumes and per-slice files.
+#include <sys/stat.h>
+#include <unistd.h>
+#include <znzlib.h>
+
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -8,6 +13,8 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "io.h"
 #include "kep-io.h"
@@ -159,6 +166,49 @@ int close_written(file_ptr &file, const char *name) {
   return 0;
 }
 
+// The 348 header bytes of a single file (format 6) or of a pair's ".hdr".
+nifti_1_header nifti_header_for(int format, int storage, const volume_file *e) {
+  nifti_1_header n;
+  memset(&n, 0, sizeof n);
+  n.sizeof_hdr = NIFTI_HEADER_SIZE;
+  n.regular = 'r';
+  const short dims[8] = {4,
+                         static_cast<short>(e->dim.x),
+                         static_cast<short>(e->dim.y),
+                         static_cast<short>(e->dim.z),
+                         static_cast<short>(e->nt),
+                         1,
+                         1,
+                         1};
+  memcpy(n.dim, dims, sizeof dims);
+  const bool pairs = complex_output();
+  n.datatype = pairs ? NIFTI_COMPLEX64 : storage == STORAGE_FLOAT ? NIFTI_FLOAT32 : NIFTI_INT16;
+  n.bitpix = pairs ? 64 : 32;
+  const mat44 m =
+      scale_and_shift_to_mat44(e->resolution.x, e->resolution.y, e->resolution.z, e->origin.x, e->origin.y,
+                               e->origin.z, e->direction.x, e->direction.y, e->direction.z);
+  float dx, dy, dz, qfac;
+  nifti_mat44_to_quatern(m, &n.quatern_b, &n.quatern_c, &n.quatern_d, &n.qoffset_x, &n.qoffset_y,
+                         &n.qoffset_z, &dx, &dy, &dz, &qfac);
+  n.pixdim[0] = qfac;
+  n.pixdim[1] = e->resolution.x;
+  n.pixdim[2] = e->resolution.y;
+  n.pixdim[3] = e->resolution.z;
+  n.pixdim[4] = e->resolution_t;
+  n.vox_offset = format == FILE_NII ? (e->lDOF != 0 ? 368.0f : 352.0f) : 0.0f;
+  n.xyzt_units = 2;
+  n.qform_code = 1;
+  n.sform_code = nifti_method == 2 ? 0 : 1;
+  const float sx[4] = {e->resolution.x * e->direction.x, 0.0f, 0.0f, e->origin.x};
+  const float sy[4] = {0.0f, e->resolution.y * e->direction.y, 0.0f, e->origin.y};
+  const float sz[4] = {0.0f, 0.0f, e->resolution.z * e->direction.z, e->origin.z};
+  memcpy(n.srow_x, sx, sizeof sx);
+  memcpy(n.srow_y, sy, sizeof sy);
+  memcpy(n.srow_z, sz, sizeof sz);
+  memcpy(n.magic, format == FILE_NII ? "n+1" : "ni1", 4);
+  return n;
+}
+
 }  // namespace
 
 volume_file *install_file(const char *stem) {
@@ -206,45 +256,7 @@ int write_xdisplay_header_file(const char *stem, const volume_file *e) {
 }
 
 int write_nifti_header(int format, int storage, int first, const char *stem, const volume_file *e) {
-  nifti_1_header n;
-  memset(&n, 0, sizeof n);
-  n.sizeof_hdr = NIFTI_HEADER_SIZE;
-  n.regular = 'r';
-  const short dims[8] = {4,
-                         static_cast<short>(e->dim.x),
-                         static_cast<short>(e->dim.y),
-                         static_cast<short>(e->dim.z),
-                         static_cast<short>(e->nt),
-                         1,
-                         1,
-                         1};
-  memcpy(n.dim, dims, sizeof dims);
-  const bool pairs = complex_output();
-  n.datatype = pairs ? NIFTI_COMPLEX64 : storage == STORAGE_FLOAT ? NIFTI_FLOAT32 : NIFTI_INT16;
-  n.bitpix = pairs ? 64 : 32;
-  const mat44 m =
-      scale_and_shift_to_mat44(e->resolution.x, e->resolution.y, e->resolution.z, e->origin.x, e->origin.y,
-                               e->origin.z, e->direction.x, e->direction.y, e->direction.z);
-  float dx, dy, dz, qfac;
-  nifti_mat44_to_quatern(m, &n.quatern_b, &n.quatern_c, &n.quatern_d, &n.qoffset_x, &n.qoffset_y,
-                         &n.qoffset_z, &dx, &dy, &dz, &qfac);
-  n.pixdim[0] = qfac;
-  n.pixdim[1] = e->resolution.x;
-  n.pixdim[2] = e->resolution.y;
-  n.pixdim[3] = e->resolution.z;
-  n.pixdim[4] = e->resolution_t;
-  n.vox_offset = format == FILE_NII ? (e->lDOF != 0 ? 368.0f : 352.0f) : 0.0f;
-  n.xyzt_units = 2;
-  n.qform_code = 1;
-  n.sform_code = nifti_method == 2 ? 0 : 1;
-  const float sx[4] = {e->resolution.x * e->direction.x, 0.0f, 0.0f, e->origin.x};
-  const float sy[4] = {0.0f, e->resolution.y * e->direction.y, 0.0f, e->origin.y};
-  const float sz[4] = {0.0f, 0.0f, e->resolution.z * e->direction.z, e->origin.z};
-  memcpy(n.srow_x, sx, sizeof sx);
-  memcpy(n.srow_y, sy, sizeof sy);
-  memcpy(n.srow_z, sz, sizeof sz);
-  memcpy(n.magic, format == FILE_NII ? "n+1" : "ni1", 4);
-
+  const nifti_1_header n = nifti_header_for(format, storage, e);
   char name[KEP_LINE + 8];
   snprintf(name, sizeof name, "%s.%s", stem, format == FILE_NII ? "nii" : "hdr");
   file_ptr file(fopen(name, format == FILE_NII && !first ? "rb+" : "wb"));
@@ -278,10 +290,160 @@ int write_nifti_header(int format, int storage, int first, const char *stem, con
   return 0;
 }
 
+namespace {
+
+// A file kep is about to remove or cut back: only plain files, never what a
+// link or a device name stands for.
+bool regular_file(const char *name) {
+  struct stat st;
+  return lstat(name, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+long long file_size_of(FILE *file) {
+  struct stat st;
+  return fstat(fileno(file), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+}
+
+// A write that fails part way leaves the file as the command found it: an
+// appended file is cut back to its old length with its old header, a new
+// one is removed, and the registry forgets the volumes. So a header never
+// claims volumes its data file does not hold.
+struct undo_write {
+  volume_file *entry;
+  bool existed;
+  int old_nt;
+  long long old_size;
+  int format;
+  int storage;
+  const char *stem;
+  const char *name;
+  bool opened = false;  // the data file was created or emptied by this command
+  bool header_touched = false;
+
+  int fail() const {
+    entry->nt = old_nt;
+    char header[KEP_LINE + 8];
+    snprintf(header, sizeof header, "%s.hdr", stem);
+    if (existed) {
+      if (regular_file(name) && truncate(name, static_cast<off_t>(old_size)) != 0)
+        printf("Warning: file %s could not be cut back to its %d earlier volumes.\n", name, old_nt);
+      if (header_touched) {
+        if (format == FILE_NII || format == FILE_IMG)
+          write_nifti_header(format, storage, 0, stem, entry);
+        else
+          write_xdisplay_header_file(stem, entry);
+      }
+    } else {
+      if (opened && regular_file(name)) remove(name);
+      if (header_touched && format != FILE_NII && regular_file(header)) remove(header);
+    }
+    return 1;
+  }
+};
+
+// Copies `bytes` bytes from a compressed source to a compressed output.
+bool copy_packed(volume_source &from, znzFile to, long long bytes) {
+  std::vector<unsigned char> chunk(1 << 20);
+  while (bytes > 0) {
+    const size_t n = static_cast<size_t>(std::min<long long>(bytes, static_cast<long long>(chunk.size())));
+    if (from.read(chunk.data(), n) != n) return false;
+    if (znzwrite(chunk.data(), 1, n, to) != n) return false;
+    bytes -= static_cast<long long>(n);
+  }
+  return true;
+}
+
+// Where the data of a compressed file written earlier by this process start,
+// or -1 when the file no longer holds what the registry says it does.
+long long packed_data_offset(volume_source &file, const volume_file *e, int storage) {
+  nifti_1_header n;
+  if (file.read(&n, sizeof n) != sizeof n) return -1;
+  const nifti_1_header expected = nifti_header_for(FILE_NII, storage, e);
+  if (n.sizeof_hdr != NIFTI_HEADER_SIZE || n.dim[1] != e->dim.x || n.dim[2] != e->dim.y ||
+      n.dim[3] != e->dim.z || n.dim[4] != e->nt || n.datatype != expected.datatype ||
+      !(n.vox_offset >= NIFTI_HEADER_SIZE + 4 && n.vox_offset < 1e9f))
+    return -1;
+  const long long offset = static_cast<long long>(n.vox_offset);
+  if (!file.seek(offset - static_cast<long long>(sizeof n), SEEK_CUR)) return -1;
+  return offset;
+}
+
+// A compressed single file cannot be appended to: it is written whole into a
+// temporary file beside it (the earlier volumes first, then the new ones),
+// which replaces the old file only once everything has been written.
+int write_packed_nifti(volume_file *entry, bool existed, int storage, int volumes, const char *name,
+                       unsigned char *buffer, size_t bytes, int64_t n3d) {
+  const int old_nt = existed ? entry->nt : 0;
+  std::unique_ptr<volume_source> old;
+  long long old_bytes = 0;
+  if (existed) {
+    old = std::make_unique<volume_source>(name, true);
+    if (!old->is_open()) {
+      printf("Error: cannot open the existing file %s.\n", name);
+      return 1;
+    }
+    if (packed_data_offset(*old, entry, storage) < 0) {
+      printf("Error: the existing file %s no longer holds the %d volumes written to it.\n", name, old_nt);
+      return 1;
+    }
+    old_bytes = static_cast<long long>(old_nt) * static_cast<long long>(bytes);
+  }
+  const std::string temp = std::string(name) + ".partial";
+  znzFile out = znzopen(temp.c_str(), "wb", 1);
+  if (znz_isnull(out)) {
+    printf(existed ? "Error: cannot open the existing file %s.\n" : "Error: cannot open the new file %s.\n",
+           name);
+    return 1;
+  }
+  entry->nt = old_nt + volumes;
+  auto fail = [&](bool lost_old) {
+    znzclose(out);
+    remove(temp.c_str());
+    entry->nt = old_nt;
+    if (lost_old)
+      printf("Error: the existing file %s no longer holds the %d volumes written to it.\n", name, old_nt);
+    else
+      write_error(name);
+    return 1;
+  };
+  const nifti_1_header n = nifti_header_for(FILE_NII, storage, entry);
+  const unsigned char extender[4] = {static_cast<unsigned char>(entry->lDOF != 0 ? 1 : 0), 0, 0, 0};
+  const int32_t extension[4] = {16, NIFTI_DOF_ECODE, entry->lDOF, 0};
+  if (znzwrite(&n, sizeof n, 1, out) != 1 || znzwrite(extender, 1, 4, out) != 4) return fail(false);
+  if (entry->lDOF != 0 && znzwrite(extension, sizeof extension, 1, out) != 1) return fail(false);
+  if (existed && !copy_packed(*old, out, old_bytes)) return fail(true);
+  old.reset();
+  const data_stack *previous = nullptr;
+  for (const volume_list *v = volume_list_root; v; v = v->next) {
+    if (v->stack != previous) {
+      previous = v->stack;
+      if (v->stack != nullptr) warn_geometry(v->stack, entry, true);
+    }
+    convert_block(v, 0, n3d, storage, buffer);
+    if (znzwrite(buffer, 1, bytes, out) != bytes) return fail(false);
+  }
+  const int closed = znzclose(out);
+  if (closed != 0 || rename(temp.c_str(), name) != 0) {
+    remove(temp.c_str());
+    entry->nt = old_nt;
+    return write_error(name);
+  }
+  return 0;
+}
+
+}  // namespace
+
 int write_output_file(int requested_storage, const char *root) {
   char stem[KEP_LINE];
   snprintf(stem, sizeof stem, "%s", root);
-  const int format = xdisplay_format(stem);
+  // "name.nii.gz" is a compressed single NIfTI file, registered under its
+  // full name so that it never shares an entry with "name.nii".
+  const bool packed = gzipped_nifti_name(stem);
+  int format = FILE_NII;
+  if (packed)
+    stem[strlen(stem) - 7] = '\0';
+  else
+    format = xdisplay_format(stem);
   if (format < 0) return unsupported_format();
   if (volume_list_root == nullptr) empty_list();
   IPOINT3D dim;
@@ -290,7 +452,7 @@ int write_output_file(int requested_storage, const char *root) {
 
   static const char *extensions[] = {"", "bshort", "bfloat", "", "ushort", "", "nii", "img"};
   char name[KEP_LINE + 8];
-  snprintf(name, sizeof name, "%s.%s", stem, extensions[format]);
+  snprintf(name, sizeof name, "%s.%s%s", stem, extensions[format], packed ? ".gz" : "");
   int storage = format;
   if (format == FILE_NII || format == FILE_IMG)
     storage = requested_storage == STORAGE_SHORT || requested_storage == STORAGE_FLOAT ? requested_storage
@@ -299,7 +461,7 @@ int write_output_file(int requested_storage, const char *root) {
 
   int volumes = 0;
   for (const volume_list *v = volume_list_root; v; v = v->next) volumes++;
-  volume_file *entry = install_file(stem);
+  volume_file *entry = install_file(packed ? name : stem);
   const bool existed = entry->nt > 0;
   if ((format == FILE_NII || format == FILE_IMG) &&
       (dim.x > SHRT_MAX || dim.y > SHRT_MAX || dim.z > SHRT_MAX ||
@@ -308,7 +470,6 @@ int write_output_file(int requested_storage, const char *root) {
            entry->nt + volumes, dim.x, dim.y, dim.z);
     return 1;
   }
-  file_ptr file;
   if (existed) {
     if (entry->dim.x != dim.x || entry->dim.y != dim.y || entry->dim.z != dim.z) {
       printf("Error: the xdisplay file `%s' has different dimensions.\n", name);
@@ -320,54 +481,88 @@ int write_output_file(int requested_storage, const char *root) {
     }
     if (entry->registration != first_stack->registration)
       printf("Warning: o not combine registered and un-registered data in the same file.\n");
-    file.reset(fopen(name, "ab"));
-    if (!file) {
-      printf("Error: cannot open the existing file %s.\n", name);
-      return 1;
-    }
-  } else {
-    entry->dim = dim;
-    take_geometry(entry, first_stack);
-    entry->data_type = storage;
-    if (format == FILE_NII) {
-      if (write_nifti_header(format, storage, 1, stem, entry)) return 1;
-      file.reset(fopen(name, "rb+"));
-      if (file && fseek(file.get(), 0, SEEK_END) != 0) file.reset();
-    } else {
-      file.reset(fopen(name, "wb"));
-    }
-    if (!file) {
-      printf("Error: cannot open the new file %s.\n", name);
-      return 1;
-    }
-  }
-  entry->nt += volumes;
-  if (complex_output() && (format == FILE_NII || format == FILE_IMG) && storage == STORAGE_SHORT) {
-    printf("There is no NIFTI data type for complex shorts; use complex floats.\n");
-    return 1;
   }
 
+  // One volume's worth of output elements, taken before any file is touched.
   const int64_t n3d = static_cast<int64_t>(dim.x) * dim.y * dim.z;
   const int64_t elements = n3d * (complex_output() ? 2 : 1);
   const size_t bytes = static_cast<size_t>(elements) * storage_size(storage);
   std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[bytes > 0 ? bytes : 1]);
-  if (!buffer) alloc_error("Allocation error in float_vector().");
-  const data_stack *previous = nullptr;
-  for (const volume_list *v = volume_list_root; v; v = v->next) {
-    if (v->stack != previous) {
-      previous = v->stack;
-      if (v->stack != nullptr) warn_geometry(v->stack, entry, true);
-    }
-    convert_block(v, 0, n3d, storage, buffer.get());
-    if (fwrite(buffer.get(), 1, bytes, file.get()) != bytes) return write_error(name);
+  if (!buffer) {
+    printf("Error: not enough memory to write a volume of %d x %d x %d to file %s.\n", dim.x, dim.y, dim.z,
+           name);
+    return 1;
   }
-  if (close_written(file, name)) return 1;
-  int failed = 0;
-  if (format == FILE_NII || format == FILE_IMG)
-    failed = write_nifti_header(format, storage, 0, stem, entry);
-  else
-    failed = write_xdisplay_header_file(stem, entry);
-  if (failed) return 1;
+
+  if (!existed) {
+    entry->dim = dim;
+    take_geometry(entry, first_stack);
+    entry->data_type = storage;
+  }
+  if (packed) {
+    if (complex_output() && storage == STORAGE_SHORT) {
+      printf("There is no NIFTI data type for complex shorts; use complex floats.\n");
+      return 1;
+    }
+    if (write_packed_nifti(entry, existed, storage, volumes, name, buffer.get(), bytes, n3d)) return 1;
+  } else {
+    undo_write undo{entry, existed, entry->nt, 0, format, storage, stem, name};
+    file_ptr file;
+    if (existed) {
+      file.reset(fopen(name, "ab"));
+      if (!file) {
+        printf("Error: cannot open the existing file %s.\n", name);
+        return 1;
+      }
+      undo.old_size = file_size_of(file.get());
+    } else {
+      if (format == FILE_NII) {
+        if (write_nifti_header(format, storage, 1, stem, entry)) {
+          // Only a fragment of a header can be left behind by this failure.
+          struct stat st;
+          undo.opened = regular_file(name) && stat(name, &st) == 0 && st.st_size < NIFTI_HEADER_SIZE + 4;
+          return undo.fail();
+        }
+        undo.opened = true;
+        file.reset(fopen(name, "rb+"));
+        if (file && fseek(file.get(), 0, SEEK_END) != 0) file.reset();
+      } else {
+        file.reset(fopen(name, "wb"));
+      }
+      if (!file) {
+        printf("Error: cannot open the new file %s.\n", name);
+        return undo.fail();
+      }
+      undo.opened = true;
+    }
+    entry->nt += volumes;
+    if (complex_output() && (format == FILE_NII || format == FILE_IMG) && storage == STORAGE_SHORT) {
+      printf("There is no NIFTI data type for complex shorts; use complex floats.\n");
+      file.reset();
+      return undo.fail();
+    }
+    const data_stack *previous = nullptr;
+    for (const volume_list *v = volume_list_root; v; v = v->next) {
+      if (v->stack != previous) {
+        previous = v->stack;
+        if (v->stack != nullptr) warn_geometry(v->stack, entry, true);
+      }
+      convert_block(v, 0, n3d, storage, buffer.get());
+      if (fwrite(buffer.get(), 1, bytes, file.get()) != bytes) {
+        write_error(name);
+        file.reset();
+        return undo.fail();
+      }
+    }
+    if (close_written(file, name)) return undo.fail();
+    undo.header_touched = true;
+    int failed = 0;
+    if (format == FILE_NII || format == FILE_IMG)
+      failed = write_nifti_header(format, storage, 0, stem, entry);
+    else
+      failed = write_xdisplay_header_file(stem, entry);
+    if (failed) return undo.fail();
+  }
   printf("%d volume(s) of dimension %d x %d x %d were written to file %s.\n", volumes, entry->dim.x,
          entry->dim.y, entry->dim.z, stem);
   if (existed) printf("%d volumes now reside in file %s.\n", entry->nt, stem);
