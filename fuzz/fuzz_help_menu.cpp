@@ -1,8 +1,9 @@
 // Feeds a help menu file, a help page file and the answers typed at the help
 // prompts (standard input is the answers file, so nothing blocks).
+#include <sys/stat.h>
+
 #include <csetjmp>
 #include <cstdlib>
-#include <sys/stat.h>
 
 #include "fuzz_support.h"
 #include "kep-prototypes.h"

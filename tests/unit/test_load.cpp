@@ -53,7 +53,8 @@ class Load : public KepTest {
   // One cycle; false when the stack was not read or is left behind.
   bool cycle() {
     const std::string read = "read " + dir_ + "/d.bfloat a\n";
-    if (do_command(0, read.c_str()) != 0 || find_stack("a") == nullptr || find_stack("a")->nt != 3) return false;
+    if (do_command(0, read.c_str()) != 0 || find_stack("a") == nullptr || find_stack("a")->nt != 3)
+      return false;
     const char *lines[] = {"transform a\n", "multiply-constant 2 a\n", "inverse-transform a\n",
                            "add-constant 1 a>1\n", "delete a\n"};
     for (const char *line : lines)
