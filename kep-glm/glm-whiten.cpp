@@ -32,7 +32,7 @@ struct LaggedProducts {
 } lagged;
 
 // Scratch of the whitened fit, reused from voxel to voxel.
-std::vector<double> fast_xtx, fast_b, fast_acc, fast_startup, fast_m, fast_fit, fast_z, fast_taps;
+std::vector<double> fast_xtx, fast_b, fast_acc, fast_startup, fast_m, fast_fit, fast_z, fast_taps, fast_y;
 
 void prepare_lagged() {
   const int n = static_cast<int>(unwhitened.rows()), nc = static_cast<int>(unwhitened.columns());
@@ -71,8 +71,9 @@ const double *lagged_products(int q) {
   return products.data();
 }
 
-// Sum of a[t] b[t], four partial sums (independent chains).
-double dot(const double *a, const double *b, int n) {
+// Sum of a[t] b[t], four partial sums (independent chains); inlined so that
+// the vector build of the fit compiles it too.
+inline __attribute__((always_inline)) double dot(const double *a, const double *b, int n) {
   double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
   int t = 0;
   for (; t + 4 <= n; t += 4) {
@@ -212,12 +213,29 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
   prepare_lagged();
   const double *G = lagged_products(q);
   const double *U = lagged.u_columns.data(), *X = lagged.x_columns.data();
-  GLMInternal_whiten_data(data);
 
   // The taps of the stationary rows are row q of the filter, reversed.
   fast_taps.resize(static_cast<size_t>(q) + 1);
   for (int s = 0; s <= q; s++) fast_taps[s] = W[q][q - s];
   const double *f = fast_taps.data();
+
+  // The data whitened in place, as GLMInternal_whiten_data does (the same
+  // products summed in the same order), the stationary rows over all images at once.
+  fast_y.assign(data, data + n);
+  fast_z.resize(static_cast<size_t>(n));
+  const double *__restrict y = fast_y.data();
+  double *__restrict yw = fast_z.data();
+  for (int t = 0; t < q; t++) {
+    double sum = 0.0;
+    for (int j = 0; j <= t; j++) sum += static_cast<double>(W[t][j]) * y[j];
+    yw[t] = sum;
+  }
+  for (int t = q; t < n; t++) yw[t] = 0.0;
+  for (int k = q; k >= 0; k--) {
+    const double fk = f[k];
+    for (int t = q; t < n; t++) yw[t] += fk * y[t - k];
+  }
+  for (int t = 0; t < n; t++) data[t] = static_cast<float>(yw[t]);
 
   // Start-up rows t < q of the whitened design, formed directly.
   fast_startup.assign(static_cast<size_t>(q) * nc, 0.0);
@@ -247,7 +265,6 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
     }
 
   // X_w' (include * y_w): the stationary rows through the lagged design columns.
-  fast_z.resize(static_cast<size_t>(n));
   double *z = fast_z.data();
   for (int t = 0; t < n; t++) z[t] = include[t] ? static_cast<double>(data[t]) : 0.0;
   fast_b.assign(static_cast<size_t>(nc), 0.0);
