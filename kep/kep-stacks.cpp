@@ -29,6 +29,12 @@ data_stack *find_stack(const char *name) {
 
 data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
                           int nt) {
+  // Callers size stacks they know to fit; a size that does not is a fault,
+  // stopped here before any count can wrap.
+  int64_t n2d = 0, n3d = 0, n4d = 0;
+  if (!checked_product(nx, ny, INT_MAX, &n2d) || !checked_product(n2d, nz, INT_MAX / 2, &n3d) ||
+      !checked_product(n3d, nt, INT_MAX, &n4d))
+    alloc_error("Allocation error in fcomplex_vector().");
   data_stack *stack = find_stack(name);
   if (stack != nullptr) {
     stack->samples.reset();
@@ -44,9 +50,9 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   }
   stack->dim = {nx, ny, nz};
   stack->nt = nt;
-  stack->n2d = nx * ny;
-  stack->n3d = stack->n2d * nz;
-  stack->n4d = stack->n3d * nt;
+  stack->n2d = static_cast<int>(n2d);
+  stack->n3d = static_cast<int>(n3d);
+  stack->n4d = static_cast<int>(n4d);
   stack->npts_volume = 2 * stack->n3d;
   stack->data_type = 1;
   FCOMPLEX *samples = new (std::nothrow) FCOMPLEX[stack->n4d > 0 ? stack->n4d : 1];
@@ -183,6 +189,9 @@ int copy_volumes(const char *name) {
     count++;
   }
   const long n3d = first->n3d;
+  // Refused before anything is gathered when the joined size does not fit.
+  int64_t n4d = 0;
+  if (!checked_stack_size(name, first->dim.x, first->dim.y, first->dim.z, count, &n4d)) return 1;
   const data_stack *source = first->stack;
   IPOINT3D dim = first->dim;
   data_stack *created = nullptr;
