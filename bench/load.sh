@@ -18,10 +18,10 @@ measure() {
   local label=$1 file=$2
   shift 2
   /usr/bin/time -f "%e %M" -o time.txt "$@" "$kep" "$file" >out.txt 2>err.txt || true
-  read -r seconds rss <time.txt
+  read -r seconds rss < <(tail -1 time.txt)
   printf '%-34s %8s s  %8s kB max RSS\n' "$label" "$seconds" "$rss"
-  if grep -q "Error" out.txt err.txt; then
-    echo "  unexpected error:" && grep -h "Error" out.txt err.txt | head -3
+  if grep -qi "error" out.txt err.txt; then
+    echo "  unexpected error:" && grep -hi "error" out.txt err.txt | head -3
     exit 1
   fi
   last_rss=$rss
@@ -51,7 +51,7 @@ measure "100000-line command file" long.com
 cycles() {
   {
     for ((i = 0; i < $1; i++)); do
-      printf 'read cycle.nii a\ntransform a\nmultiply-constant 2 a\ninverse-transform a\nabsolute-value a\ndelete a\n'
+      printf 'read cycle.nii a\ntransform a\nmultiply-constant 2 a\ninverse-transform a\nabs a\ndelete a\n'
     done
     echo "quit"
   } >"cycles-$1.com"
@@ -70,7 +70,7 @@ if [ "$growth" -gt 4096 ]; then
 fi
 if [ -n "$asan" ]; then
   ASAN_OPTIONS=detect_leaks=1 /usr/bin/time -f "%e %M" -o time.txt "$asan" cycles-100.com >out.txt 2>err.txt || true
-  read -r seconds rss <time.txt
+  read -r seconds rss < <(tail -1 time.txt)
   if grep -q "LeakSanitizer" err.txt; then
     echo "  LeakSanitizer reports leaks:" && grep -A5 "LeakSanitizer" err.txt | head -20
     exit 1

@@ -69,3 +69,18 @@ def test_ar_model_on_too_many_images(kep):
     r = kep.stdin("read-GLM c.txt\nshow-stacks\nquit\n")
     assert "Error: an AR model of order 1 cannot be used with 40000 images.\n" in r.stdout, r
     assert stack_line(r.stdout, "glm")[:4] == ["1", "1", "1", "40000"], r
+
+
+@pytest.mark.parametrize("events,runs,message", [
+    ("1 1e12\n\n1\n2 6\n", 1,
+     "Error: run 1 of the GLM file e.glm has 999999995904 images; the runs may hold 1 to 500000 images in all.\n"),
+    ("1 300000\n\n1\n2 6\n", 2,  # each run fits, the two together do not
+     "Error: run 2 of the GLM file e.glm has 300000 images; the runs may hold 1 to 500000 images in all.\n"),
+    ("2 40\n\n1\n2 6\n", 51, "Error: more than 50 runs are listed in the file c.txt.\n"),
+])
+def test_glm_control_sizes_beyond_the_limits(kep, events, runs, message):
+    (kep.dir / "e.glm").write_text(events)
+    (kep.dir / "c.txt").write_text("runs:\n" + "".join(f"r{i}.bfloat e.glm\n" for i in range(runs)))
+    r = held_stack_survives(kep, "read-GLM c.txt")
+    assert message in r.stdout
+    assert "Error: Error reading the GLM control file c.txt\n" in r.stderr
