@@ -204,8 +204,16 @@ void GLMInternal_whiten_data(float *data) {
 
 GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
   const int q = GLM.AR_order;
-  if (GLM.initialized != 2 || nt != GLM.ntime || q <= 0 || q >= nt || GLM.WhiteFilter_tt.rows() != nt ||
-      unwhitened.rows() != nt || unwhitened.columns() != GLM.ncoeff)
+  const bool ready = GLM.initialized == 2 && nt == GLM.ntime && unwhitened.rows() == nt &&
+                     unwhitened.columns() == GLM.ncoeff;
+  if (ready && q == 0 && GLM_input.AR_order > 0) {
+    // The order was lowered to 0 for this voxel: its filter is the identity, so
+    // the design in use goes back to the unwhitened one before the plain fit
+    // (the fast path leaves X_tc and its matrices from an earlier voxel).
+    for (int t = 0; t < nt; t++) std::memcpy(GLM.X_tc[t], unwhitened[t], sizeof(float) * GLM.ncoeff);
+    GLMInternal_form_fit_matrices();
+  }
+  if (!ready || q <= 0 || q >= nt || GLM.WhiteFilter_tt.rows() != nt)
     return GLM_fit_data(nt, data, fit, variance);  // the general path reports or copes
   const int n = nt, nc = GLM.ncoeff;
   const int *include = GLM.include_time.data();

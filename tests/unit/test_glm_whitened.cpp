@@ -128,6 +128,27 @@ TEST_F(GlmWhitened, FastRefitEqualsTheWhitenedModelForEveryOrder) {
   }
 }
 
+TEST_F(GlmWhitened, OrderLoweredToZeroFitsTheUnwhitenedDesign) {
+  model(1, 60);
+  // The plain fit, before any filter is in effect.
+  std::vector<float> d = series(5, 0.2), plain = d, f(d.size());
+  float v0;
+  ASSERT_EQ(GLM.AR_order, 0);
+  ASSERT_EQ(GLM_fit_data(GLM.ntime, plain.data(), f.data(), &v0), 0);
+  const std::vector<float> beta0 = GLM.Beta_c;
+  const float covar0 = GLM.FCovar[0][0][0];
+  // A whitened voxel first, then one whose autocorrelation of 1 leaves no filter.
+  Fitted whitened = fit(d, {1.0f, 0.5f}, true);
+  EXPECT_NE(GLM.FCovar[0][0][0], covar0);
+  Fitted lowered = fit(d, {1.0f, 1.0f}, true);
+  EXPECT_EQ(lowered.order, 0);
+  EXPECT_EQ(lowered.data, d);  // nothing whitened
+  EXPECT_EQ(lowered.beta, beta0);
+  EXPECT_EQ(lowered.variance, v0);
+  EXPECT_EQ(GLM.FCovar[0][0][0], covar0);
+  EXPECT_NE(whitened.beta, beta0);
+}
+
 TEST_F(GlmWhitened, NewDesignRenewsTheLaggedProducts) {
   model(1, 60);
   std::vector<float> rho = {1.0f, 0.4f};
