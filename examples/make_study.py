@@ -65,8 +65,11 @@ def regressors():
 
 
 def head_mask():
+    # An ellipsoid filling the same share of the field of view at any size.
+    sx, sy, sz = NX / 32, NY / 32, NZ / 12
     x, y, z = np.meshgrid(np.arange(NX), np.arange(NY), np.arange(NZ), indexing="ij")
-    return ((x - 15.5) / 13) ** 2 + ((y - 15.5) / 14) ** 2 + ((z - 5.5) / 6.5) ** 2 <= 1.0
+    return (((x - 15.5 * sx) / (13 * sx)) ** 2 + ((y - 15.5 * sy) / (14 * sy)) ** 2
+            + ((z - 5.5 * sz) / (6.5 * sz)) ** 2 <= 1.0)
 
 
 def blob(centre, sigma=1.6):

@@ -61,7 +61,7 @@ int fit(linear_fit &g, const char *who, int npts, const float *data, float *fitt
   if (npts != g.npts) {
     printf("Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", npts,
            g.npts);
-    exit(1);
+    kep_exit(1);
   }
   for (int j = 0; j < g.order; j++) {
     const float *p = g.P[j];
@@ -156,7 +156,7 @@ int GeneralRemoveGLM(int first, int npts, float *data, float *fit_out) {
 void fit_line(int n, const float *x, const float *y, float *slope, float *intercept, float *sigma) {
   if (n < 2) {
     printf("Programming error: npoints (%d) < 2 in fit_line.\n", n);
-    exit(1);
+    kep_exit(1);
   }
   float sx = 0.0f, sy = 0.0f;
   for (int i = 0; i < n; i++) {

@@ -13,7 +13,7 @@ mat44 invert_mat44(mat44 m) {
   int failing_row;
   if (rInvertSquareMatrix(4, a, &failing_row) != 0) {
     printf("failed on row %d\n", failing_row);
-    exit(1);
+    kep_exit(1);
   }
   mat44 out;
   for (int r = 0; r < 4; r++)

@@ -286,7 +286,7 @@ int replace_extension(char *name, int *type, const char *new_extension, char *re
   char *dot = strrchr(result, '.');
   if (dot == nullptr) {
     printf("Programming error in replace_extension.\n");
-    exit(1);
+    kep_exit(1);
   }
   size_t room = KEP_LINE - static_cast<size_t>(dot + 1 - result);
   snprintf(dot + 1, room, "%s", new_extension);
@@ -592,7 +592,7 @@ int read_nifti_header(const char *name, XD_HEADER *h) {
   }
   if (size < NIFTI_HEADER_SIZE) {
     fprintf(stderr, "\nError reading header file %s\n", header_name);
-    exit(1);
+    kep_exit(1);
   }
   // The extender, and when it announces one, the extension's size, code and first word.
   size += file.read(bytes + size, 4);
@@ -622,7 +622,7 @@ int read_freesurfer_header(const char *name, XD_HEADER *h) {
   size_t len = strlen(name);
   if (len == 0 || name[len - 1] != '_') {
     printf("Programming error: file name should end with '_' in read_freesurfer_header\n");
-    exit(1);
+    kep_exit(1);
   }
   h->file_type = FILE_FREESURFER;
   std::string stem(name, len - 1);

@@ -158,7 +158,7 @@ double pseries(double a, double b, double x) {
 double ibeta(double a, double b, double x) {
   if (a <= 0.0 || b <= 0.0) {
     printf("ibeta: Domain error!, a = %g, b = %g\n", a, b);
-    exit(1);
+    kep_exit(1);
   }
   // Outside [0, 1] the distribution function is simply 0 or 1; NaN stays NaN.
   if (x <= 0.0) return 0.0;

@@ -15,7 +15,7 @@ void (*GLMInternal_terminate_hook)() = nullptr;
 void GLMInternal_terminate() {
   fflush(stdout);
   if (GLMInternal_terminate_hook) GLMInternal_terminate_hook();
-  exit(1);
+  kep_exit(1);
 }
 
 int GLMInternal_get_line(FILE *f, char *line) {

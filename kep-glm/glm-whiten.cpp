@@ -18,6 +18,74 @@ std::vector<double> scratch_copy;
 // Scratch for (X'X)^-1 in double precision, kept between refits.
 dmatrix scratch_inverse;
 
+// Lagged cross products of the unwhitened design U for the whitened fit of one
+// voxel: G(s, u) = sum over t = q..n-1 of U[t-s] U[t-u]' (nc x nc each), for
+// each filter order q met so far. Rows t >= q of the whitening filter all
+// carry the same taps f, so the stationary part of X_w'X_w is
+// sum over s, u of f_s f_u G(s, u): no pass over the images per voxel.
+// Also the columns of U and of the original design, contiguous over images.
+struct LaggedProducts {
+  bool valid = false;
+  long rows = 0, columns = 0;
+  std::vector<std::vector<double>> g;  // by order: [(s * (q + 1) + u) * nc * nc + i * nc + j]
+  std::vector<double> u_columns, x_columns;  // [c * n + t]
+} lagged;
+
+// Scratch of the whitened fit, reused from voxel to voxel.
+std::vector<double> fast_xtx, fast_b, fast_acc, fast_startup, fast_m, fast_fit, fast_z, fast_taps, fast_y;
+
+void prepare_lagged() {
+  const int n = static_cast<int>(unwhitened.rows()), nc = static_cast<int>(unwhitened.columns());
+  if (lagged.valid && lagged.rows == n && lagged.columns == nc) return;
+  lagged.g.clear();
+  lagged.u_columns.resize(static_cast<size_t>(n) * nc);
+  lagged.x_columns.resize(static_cast<size_t>(n) * nc);
+  for (int t = 0; t < n; t++)
+    for (int c = 0; c < nc; c++) {
+      lagged.u_columns[static_cast<size_t>(c) * n + t] = unwhitened[t][c];
+      lagged.x_columns[static_cast<size_t>(c) * n + t] = GLM.Xorig_tc[t][c];
+    }
+  lagged.rows = n;
+  lagged.columns = nc;
+  lagged.valid = true;
+}
+
+const double *lagged_products(int q) {
+  const int n = static_cast<int>(lagged.rows), nc = static_cast<int>(lagged.columns);
+  if (lagged.g.size() <= static_cast<size_t>(q)) lagged.g.resize(static_cast<size_t>(q) + 1);
+  std::vector<double> &products = lagged.g[q];
+  if (!products.empty()) return products.data();
+  const size_t block = static_cast<size_t>(nc) * nc;
+  products.assign(block * (q + 1) * (q + 1), 0.0);
+  for (int s = 0; s <= q; s++)
+    for (int u = 0; u <= q; u++) {
+      double *g = products.data() + (static_cast<size_t>(s) * (q + 1) + u) * block;
+      for (int t = q; t < n; t++) {
+        const float *a = unwhitened[t - s], *b = unwhitened[t - u];
+        for (int i = 0; i < nc; i++) {
+          if (a[i] == 0.0f) continue;
+          for (int j = 0; j < nc; j++) g[i * nc + j] += static_cast<double>(a[i]) * b[j];
+        }
+      }
+    }
+  return products.data();
+}
+
+// Sum of a[t] b[t], four partial sums (independent chains); inlined so that
+// the vector build of the fit compiles it too.
+inline __attribute__((always_inline)) double dot(const double *a, const double *b, int n) {
+  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+  int t = 0;
+  for (; t + 4 <= n; t += 4) {
+    s0 += a[t] * b[t];
+    s1 += a[t + 1] * b[t + 1];
+    s2 += a[t + 2] * b[t + 2];
+    s3 += a[t + 3] * b[t + 3];
+  }
+  for (; t < n; t++) s0 += a[t] * b[t];
+  return (s0 + s1) + (s2 + s3);
+}
+
 }  // namespace
 
 int GLMInternal_invert(int n, float **a) {
@@ -30,8 +98,10 @@ void GLMInternal_form_condition_matrices() {
   if (GLM.initialized < 1 || GLM.XTXm1_cc.rows() != nc) return;
   for (int k = 0; k < GLM.nconditions; k++) {
     const int rows = GLM.ncontrasts[k];
-    GLM.FCovar[k] = fmatrix(rows, rows);
-    GLM.FCovarInv[k] = fmatrix(rows, rows);
+    // Refitted per voxel with an AR model: keep storage of the right size.
+    if (GLM.FCovar[k].rows() != rows || GLM.FCovar[k].columns() != rows) GLM.FCovar[k] = fmatrix(rows, rows);
+    if (GLM.FCovarInv[k].rows() != rows || GLM.FCovarInv[k].columns() != rows)
+      GLM.FCovarInv[k] = fmatrix(rows, rows);
     const std::vector<std::vector<int>> &C = GLM.contrast_matrix[k];
     const int ne = std::min(GLM.nevents, nc);
     for (int i = 0; i < rows; i++)
@@ -88,6 +158,7 @@ void GLMInternal_form_fit_matrices() {
 int GLMInternal_whiten_model(int save) {
   const int nt = GLM.ntime, nc = GLM.ncoeff;
   if (save) {
+    lagged.valid = false;
     unwhitened = fmatrix(nt, nc);
     for (int t = 0; t < nt; t++) std::memcpy(unwhitened[t], GLM.X_tc[t], sizeof(float) * nc);
   }
@@ -120,4 +191,149 @@ void GLMInternal_whiten_data(float *data) {
     for (int s = std::max(0, t - q); s <= t; s++) sum += static_cast<double>(w[s]) * scratch_copy[s];
     data[t] = static_cast<float>(sum);
   }
+}
+
+// The fits are also compiled for wider vectors where the processor has them;
+// without fused multiply-add, so both builds round exactly alike.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define GLM_VECTOR_CLONES \
+  __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic")))
+#else
+#define GLM_VECTOR_CLONES
+#endif
+
+GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
+  const int q = GLM.AR_order;
+  const bool ready = GLM.initialized == 2 && nt == GLM.ntime && unwhitened.rows() == nt &&
+                     unwhitened.columns() == GLM.ncoeff;
+  if (ready && q == 0 && GLM_input.AR_order > 0) {
+    // The order was lowered to 0 for this voxel: its filter is the identity, so
+    // the design in use goes back to the unwhitened one before the plain fit
+    // (the fast path leaves X_tc and its matrices from an earlier voxel).
+    for (int t = 0; t < nt; t++) std::memcpy(GLM.X_tc[t], unwhitened[t], sizeof(float) * GLM.ncoeff);
+    GLMInternal_form_fit_matrices();
+  }
+  if (!ready || q <= 0 || q >= nt || GLM.WhiteFilter_tt.rows() != nt)
+    return GLM_fit_data(nt, data, fit, variance);  // the general path reports or copes
+  const int n = nt, nc = GLM.ncoeff;
+  const int *include = GLM.include_time.data();
+  const fmatrix &W = GLM.WhiteFilter_tt;
+  prepare_lagged();
+  const double *G = lagged_products(q);
+  const double *U = lagged.u_columns.data(), *X = lagged.x_columns.data();
+
+  // The taps of the stationary rows are row q of the filter, reversed.
+  fast_taps.resize(static_cast<size_t>(q) + 1);
+  for (int s = 0; s <= q; s++) fast_taps[s] = W[q][q - s];
+  const double *f = fast_taps.data();
+
+  // The data whitened in place, as GLMInternal_whiten_data does (the same
+  // products summed in the same order), the stationary rows over all images at once.
+  fast_y.assign(data, data + n);
+  fast_z.resize(static_cast<size_t>(n));
+  const double *__restrict y = fast_y.data();
+  double *__restrict yw = fast_z.data();
+  for (int t = 0; t < q; t++) {
+    double sum = 0.0;
+    for (int j = 0; j <= t; j++) sum += static_cast<double>(W[t][j]) * y[j];
+    yw[t] = sum;
+  }
+  for (int t = q; t < n; t++) yw[t] = 0.0;
+  for (int k = q; k >= 0; k--) {
+    const double fk = f[k];
+    for (int t = q; t < n; t++) yw[t] += fk * y[t - k];
+  }
+  for (int t = 0; t < n; t++) data[t] = static_cast<float>(yw[t]);
+
+  // Start-up rows t < q of the whitened design, formed directly.
+  fast_startup.assign(static_cast<size_t>(q) * nc, 0.0);
+  for (int t = 0; t < q; t++) {
+    double *x = &fast_startup[static_cast<size_t>(t) * nc];
+    for (int j = 0; j <= t; j++) {
+      const double w = W[t][j];
+      const float *u = unwhitened[j];
+      for (int c = 0; c < nc; c++) x[c] += w * u[c];
+    }
+  }
+
+  // X_w'X_w.
+  const size_t block = static_cast<size_t>(nc) * nc;
+  fast_xtx.assign(block, 0.0);
+  double *xtx = fast_xtx.data();
+  for (int t = 0; t < q; t++) {
+    const double *x = &fast_startup[static_cast<size_t>(t) * nc];
+    for (int i = 0; i < nc; i++)
+      for (int j = 0; j < nc; j++) xtx[i * nc + j] += x[i] * x[j];
+  }
+  for (int s = 0; s <= q; s++)
+    for (int u = 0; u <= q; u++) {
+      const double w = f[s] * f[u];
+      const double *g = G + (static_cast<size_t>(s) * (q + 1) + u) * block;
+      for (size_t k = 0; k < block; k++) xtx[k] += w * g[k];
+    }
+
+  // X_w' (include * y_w): the stationary rows through the lagged design columns.
+  double *z = fast_z.data();
+  for (int t = 0; t < n; t++) z[t] = include[t] ? static_cast<double>(data[t]) : 0.0;
+  fast_b.assign(static_cast<size_t>(nc), 0.0);
+  double *b = fast_b.data();
+  for (int t = 0; t < q; t++) {
+    const double *x = &fast_startup[static_cast<size_t>(t) * nc];
+    for (int c = 0; c < nc; c++) b[c] += x[c] * z[t];
+  }
+  for (int s = 0; s <= q; s++)
+    for (int c = 0; c < nc; c++) b[c] += f[s] * dot(U + static_cast<size_t>(c) * n + q - s, z + q, n - q);
+
+  // (X_w'X_w)^-1 as GLMInternal_form_fit_matrices forms it, and the coefficients.
+  if (scratch_inverse.rows() != nc) scratch_inverse = dmatrix(nc, nc);
+  for (int i = 0; i < nc; i++)
+    for (int j = 0; j < nc; j++) scratch_inverse[i][j] = xtx[static_cast<size_t>(i) * nc + j];
+  int failing_row;
+  if (dInvertSquareMatrix(nc, scratch_inverse, &failing_row))
+    for (int i = 0; i < nc; i++) std::fill(scratch_inverse[i], scratch_inverse[i] + nc, 0.0);
+  float *beta = GLM.Beta_c.data();
+  for (int i = 0; i < nc; i++) {
+    const double *inv = scratch_inverse[i];
+    double sum = 0.0;
+    for (int j = 0; j < nc; j++) {
+      GLM.XTXm1_cc[i][j] = static_cast<float>(inv[j]);
+      sum += inv[j] * b[j];
+    }
+    beta[i] = static_cast<float>(sum);
+  }
+
+  // The unwhitened fit (summed over the columns in order, as GLM_fit_data
+  // does) and U beta, whose filtered form is the whitened model.
+  fast_fit.assign(static_cast<size_t>(n), 0.0);
+  fast_m.assign(static_cast<size_t>(n), 0.0);
+  double *__restrict fd = fast_fit.data(), *__restrict m = fast_m.data();
+  for (int c = 0; c < nc; c++) {
+    const double bc = beta[c];
+    const double *__restrict x = X + static_cast<size_t>(c) * n, *__restrict u = U + static_cast<size_t>(c) * n;
+    for (int t = 0; t < n; t++) {
+      fd[t] += x[t] * bc;
+      m[t] += u[t] * bc;
+    }
+  }
+  for (int t = 0; t < n; t++) fit[t] = static_cast<float>(fd[t]);
+  // Residuals of the whitened data, reusing fast_fit for the whitened model.
+  double *__restrict model = fd;
+  for (int t = 0; t < q; t++) {
+    double sum = 0.0;
+    for (int j = 0; j <= t; j++) sum += static_cast<double>(W[t][j]) * m[j];
+    model[t] = sum;
+  }
+  for (int t = q; t < n; t++) model[t] = f[0] * m[t];
+  for (int s = 1; s <= q; s++) {
+    const double fs = f[s];
+    for (int t = q; t < n; t++) model[t] += fs * m[t - s];
+  }
+  double ss = 0.0;
+  for (int t = 0; t < n; t++) {
+    const double r = z[t] - model[t];
+    if (std::isfinite(r)) ss += r * r;
+  }
+  *variance = static_cast<float>(ss / GLM.dof);
+  GLMInternal_form_condition_matrices();
+  return 0;
 }

@@ -167,6 +167,12 @@ int GLM_fit_data(int nt, float *data, float *fit, float *variance);
 // with nvox voxels per image row (fit may be null); beta is [coefficient][voxel]
 // (ncoeff rows); variance has nvox entries. Same results as GLM_fit_data.
 int GLM_fit_block(int nt, int nvox, const float *data, float *fit, float *beta, float *variance);
+// GLM_fit_data with the whitening filter that GLM_calculate_whitening_filter left
+// (AR order in effect > 0): same coefficients, fit, variance, (X'X)^-1 and
+// condition matrices to rounding, from lagged products of the design instead of
+// the whitened design; X_tc and XTXm1XT_ct are left as they were. Other states
+// go through GLM_fit_data.
+int GLM_fit_whitened(int nt, float *data, float *fit, float *variance);
 // Makes voxel v of a block fit the "last fit" for the statistics and accessors.
 void GLM_load_block_coefficients(int nvox, const float *beta, int v);
 int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,

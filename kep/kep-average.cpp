@@ -241,7 +241,7 @@ void smooth_axis(const float *in, float *out, long lines, long line_gap, int len
 
 std::vector<float> gaussian_weights(int h, float r, float s) {
   std::vector<float> g(h + 1);
-  for (int i = 0; i <= h; i++) g[i] = expf(-(static_cast<float>(i * i) * r * r) / s);
+  for (int i = 0; i <= h; i++) g[i] = expf(-(static_cast<float>(i) * static_cast<float>(i) * r * r) / s);
   return g;
 }
 

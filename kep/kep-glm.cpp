@@ -91,37 +91,78 @@ void column(const float *rows, int n, int i, int nt, float *out) {
   for (int t = 0; t < nt; t++) out[t] = rows[static_cast<long>(t) * n + i];
 }
 
+// Keeps the voxels of a gathered block whose series is not all zero, packed in
+// `packed` ([image][kept voxel]); `kept` lists their places in the block.
+int pack_active(const float *rows, int n, int nt, std::vector<int> &kept, std::vector<float> &packed) {
+  kept.clear();
+  for (int i = 0; i < n; i++)
+    for (int t = 0; t < nt; t++)
+      if (rows[static_cast<long>(t) * n + i] != 0.0f) {
+        kept.push_back(i);
+        break;
+      }
+  const int m = static_cast<int>(kept.size());
+  if (m == n) return m;
+  packed.resize(static_cast<size_t>(nt) * (m > 0 ? m : 1));
+  for (int t = 0; t < nt; t++) {
+    const float *src = rows + static_cast<long>(t) * n;
+    float *dst = packed.data() + static_cast<long>(t) * m;
+    for (int j = 0; j < m; j++) dst[j] = src[kept[j]];
+  }
+  return m;
+}
+
 // One pass of block fits over all voxels; `each` sees every voxel in order
-// with the engine's last fit set to that voxel.
+// with the engine's last fit set to that voxel. An all-zero series fits to
+// zero coefficients, zero fit and zero variance exactly, so those voxels are
+// handed over as such without being fitted.
 template <typename Each>
 int block_pass(const Frame &f, Each each) {
   const int ncoeff = GLM.ncoeff;
-  std::vector<float> rows(static_cast<size_t>(f.nt) * BLOCK_VOXELS), fits(rows.size());
+  std::vector<float> rows(static_cast<size_t>(f.nt) * BLOCK_VOXELS), fits(rows.size()), packed;
   std::vector<float> beta(static_cast<size_t>(ncoeff) * BLOCK_VOXELS), variance(BLOCK_VOXELS);
-  std::vector<float> data(f.nt), fit(f.nt);
+  std::vector<float> data(f.nt), fit(f.nt), zero_beta(ncoeff > 0 ? ncoeff : 1, 0.0f);
+  std::vector<int> kept;
   for (long v0 = 0; v0 < f.nvox; v0 += BLOCK_VOXELS) {
     const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.nvox - v0));
     gather(f, v0, n, rows.data());
-    if (GLM_fit_block(f.nt, n, rows.data(), fits.data(), beta.data(), variance.data())) return 1;
+    const int m = pack_active(rows.data(), n, f.nt, kept, packed);
+    const float *fitted = m == n ? rows.data() : packed.data();
+    if (m > 0 && GLM_fit_block(f.nt, m, fitted, fits.data(), beta.data(), variance.data())) return 1;
+    int j = 0;
     for (int i = 0; i < n; i++) {
-      GLM_load_block_coefficients(n, beta.data(), i);
-      column(rows.data(), n, i, f.nt, data.data());
-      column(fits.data(), n, i, f.nt, fit.data());
-      if (each(v0 + i, data.data(), fit.data(), variance[i])) return 1;
+      float var = 0.0f;
+      if (j < m && kept[j] == i) {
+        GLM_load_block_coefficients(m, beta.data(), j);
+        column(fitted, m, j, f.nt, data.data());
+        column(fits.data(), m, j, f.nt, fit.data());
+        var = variance[j];
+        j++;
+      } else {
+        GLM_load_block_coefficients(1, zero_beta.data(), 0);
+        std::fill(data.begin(), data.end(), 0.0f);
+        std::fill(fit.begin(), fit.end(), 0.0f);
+      }
+      if (each(v0 + i, data.data(), fit.data(), var)) return 1;
     }
   }
   return 0;
 }
 
 // Bias-reduced autocorrelations rho_1..rho_p of one voxel from its residual.
-void autocorrelations(const float *data, const float *fit, int nt, int p, float *rho) {
-  std::vector<double> e(nt), a(p + 1, 0.0);
+// `scratch` holds nt + 2 (p + 1) doubles, so that no voxel allocates.
+void autocorrelations(const float *data, const float *fit, int nt, int p, float *rho, double *scratch) {
+  double *e = scratch, *a = scratch + nt, *c = a + p + 1;
   for (int t = 0; t < nt; t++) e[t] = GLM.include_time[t] * (static_cast<double>(data[t]) - fit[t]);
-  for (int k = 0; k <= p; k++)
-    for (int t = k; t < nt; t++) a[k] += e[t] * e[t - k];
-  std::vector<double> c(p + 1, 0.0);
-  for (int k = 0; k <= p; k++)
+  for (int k = 0; k <= p; k++) {
+    double sum = 0.0;
+    for (int t = k; t < nt; t++) sum += e[t] * e[t - k];
+    a[k] = sum;
+  }
+  for (int k = 0; k <= p; k++) {
+    c[k] = 0.0;
     for (int j = 0; j <= p; j++) c[k] += GLM.ARMixm1_rr[k][j] * a[j];
+  }
   if (c[0] == 0.0) c[0] = 1.0;
   for (int k = 1; k <= p; k++) rho[k - 1] = static_cast<float>(c[k] / c[0]);
 }
@@ -143,13 +184,14 @@ int run_fit(const Frame &f, VoxelStep &step) {
   std::vector<float> rho(static_cast<size_t>(p) * f.nvox, 0.0f), weight(f.nvox, 0.0f);
   std::vector<char> active(f.nvox, 0);
   std::vector<float> r(p);
+  std::vector<double> scratch(static_cast<size_t>(f.nt) + 2 * (p + 1));
   int failed = block_pass(f, [&](long v, float *data, float *fit, float) {
     bool any = false;
     for (int t = 0; t < f.nt && !any; t++) any = data[t] != 0.0f;
     if (!any) return 0;
     active[v] = 1;
     weight[v] = 1.0f;
-    autocorrelations(data, fit, f.nt, p, r.data());
+    autocorrelations(data, fit, f.nt, p, r.data(), scratch.data());
     for (int k = 0; k < p; k++) rho[k * f.nvox + v] = r[k];
     return 0;
   });
@@ -167,24 +209,31 @@ int run_fit(const Frame &f, VoxelStep &step) {
         value = active[v] && weight[v] > 0.0f ? value / weight[v] : 0.0f;
       }
   }
-  // Pass two: whiten each voxel with its own coefficients and refit.
+  // Pass two: whiten each voxel with its own coefficients and refit, the
+  // series taken from contiguous blocks gathered as in pass one.
+  std::vector<float> rows(static_cast<size_t>(f.nt) * BLOCK_VOXELS);
   std::vector<float> data(f.nt), fit(f.nt), coefficients(p + 1);
-  for (long v = 0; v < f.nvox; v++) {
-    if (!active[v]) {
-      std::fill(data.begin(), data.end(), 0.0f);
-      std::fill(fit.begin(), fit.end(), 0.0f);
-      if (step.voxel(v, data.data(), fit.data(), 0.0f, true)) return 1;
-    } else {
-      for (int k = 0; k < f.nt; k++) data[k] = amplitude(f.volume[k][v], f.magnitude);
-      coefficients[0] = 1.0f;
-      for (int k = 0; k < p; k++) coefficients[k + 1] = rho[k * f.nvox + v];
-      int used = 0;
-      float variance = 0.0f;
-      if (GLM_calculate_whitening_filter(p + 1, coefficients.data(), &used)) return 1;
-      if (GLM_fit_data(f.nt, data.data(), fit.data(), &variance)) return 1;
-      if (step.voxel(v, data.data(), fit.data(), variance, false)) return 1;
+  for (long v0 = 0; v0 < f.nvox; v0 += BLOCK_VOXELS) {
+    const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.nvox - v0));
+    gather(f, v0, n, rows.data());
+    for (int i = 0; i < n; i++) {
+      const long v = v0 + i;
+      if (!active[v]) {
+        std::fill(data.begin(), data.end(), 0.0f);
+        std::fill(fit.begin(), fit.end(), 0.0f);
+        if (step.voxel(v, data.data(), fit.data(), 0.0f, true)) return 1;
+      } else {
+        column(rows.data(), n, i, f.nt, data.data());
+        coefficients[0] = 1.0f;
+        for (int k = 0; k < p; k++) coefficients[k + 1] = rho[k * f.nvox + v];
+        int used = 0;
+        float variance = 0.0f;
+        if (GLM_calculate_whitening_filter(p + 1, coefficients.data(), &used)) return 1;
+        if (GLM_fit_whitened(f.nt, data.data(), fit.data(), &variance)) return 1;
+        if (step.voxel(v, data.data(), fit.data(), variance, false)) return 1;
+      }
+      progress(v, f.nvox);
     }
-    progress(v, f.nvox);
   }
   return 0;
 }

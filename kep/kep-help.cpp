@@ -149,7 +149,9 @@ int print_help_page(const char *file_name) {
     return 1;
   }
   std::vector<std::string> lines;
-  std::vector<int> keys;
+  // Keys are chapter * 10000 + section * 100 + unit, in 64 bits so that any
+  // integers a page file holds combine without overflow.
+  std::vector<long long> keys;
   std::vector<size_t> starts;
   char line[KEP_LINE];
   int number = 0, last_chapter = 0;
@@ -162,7 +164,7 @@ int print_help_page(const char *file_name) {
         kep_textf(2, "Error reading the direction integers on line %d", number);
         return 1;
       }
-      keys.push_back(c * 10000 + s * 100 + u);
+      keys.push_back(c * 10000LL + s * 100LL + u);
       starts.push_back(lines.size() + 1);
       last_chapter = c;
     }
@@ -170,7 +172,7 @@ int print_help_page(const char *file_name) {
   }
   fclose(file);
   if (keys.empty()) return 0;
-  keys.push_back((last_chapter + 1) * 10000);
+  keys.push_back((last_chapter + 1LL) * 10000);
   starts.push_back(lines.size() + 1);
 
   size_t page = 0;
@@ -183,8 +185,8 @@ int print_help_page(const char *file_name) {
     printf("            |__________________________<return> = next________________|\n");
     if (!read_answer("volume help >>", answer) || answer == "q") break;
     const size_t npages = keys.size() - 1;
-    int key = keys[page];
-    int target = -1;
+    const long long key = keys[page];
+    long long target = -1;
     if (answer.empty() || answer == "n") {
       if (page + 1 < npages) page++;
       continue;
@@ -198,9 +200,9 @@ int print_help_page(const char *file_name) {
     } else {
       int choice = 0;
       if (sscanf(answer.c_str(), "%d", &choice) != 1 || choice < 0) continue;
-      target = key % 10000 == 0 && key != 0 ? key + choice * 100
+      target = key % 10000 == 0 && key != 0 ? key + choice * 100LL
                : key % 100 == 0 && key != 0  ? key + choice
-               : key == 0                    ? choice * 10000
+               : key == 0                    ? choice * 10000LL
                                              : key - key % 100 + choice;
     }
     for (size_t p = 0; p < npages; p++)

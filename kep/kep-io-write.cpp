@@ -144,7 +144,7 @@ void take_geometry(volume_file *e, const data_stack *s) {
 
 [[noreturn]] void empty_list() {
   printf("Programming error: nt=0 in routine write-xdisplay !!?\n");
-  exit(1);
+  kep_exit(1);
 }
 
 int unsupported_format() {
@@ -218,7 +218,7 @@ volume_file *install_file(const char *stem) {
   slot->reset(new (std::nothrow) volume_file);
   if (!*slot) {
     printf("Error: out of memory in routine `install_file'.\n");
-    exit(1);
+    kep_exit(1);
   }
   snprintf((*slot)->name, sizeof(*slot)->name, "%s", stem);
   return slot->get();

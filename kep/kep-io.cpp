@@ -180,7 +180,7 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
       return 1;
     }
     fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name.c_str());
-    exit(1);
+    kep_exit(1);
   }
   const bool pairs = h.data_type != DATA_MAGNITUDE;
   const int size = element_size(h.storage_type);
@@ -323,7 +323,7 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
   const int count = static_cast<int>(list.size());
   if (count < 1) {
     printf("Programming error in routine read_xdisplay_file.\n");
-    exit(1);
+    kep_exit(1);
   }
   if (count > MAX_NSET) {
     printf("Error: Too many volumes (%d) to read; increase MAX_NSET.\n", count);
@@ -336,7 +336,7 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
     }
   if (h.file_type < 1 || h.file_type > FILE_FREESURFER) {
     printf("Programming error: unknown file type in read_xdisplay_file\n");
-    exit(1);
+    kep_exit(1);
   }
   const bool distortions = strcmp(stack_name, "registration_distortions") == 0;
   if (distortions && count != 3) {

@@ -137,8 +137,12 @@ int macro_read_glm_control_file(const char *arguments) {
     snprintf(line, sizeof line, r == 0 ? "glm_run%d" : " glm_run%d", r);
     names += line;
   }
+  // The run stacks are deleted next: each gives its memory back once copied.
   std::string command = "copy glm " + names + "\n";
-  if (do_command(1, command.c_str())) return 1;
+  set_copy_releases_sources(true);
+  const int copied = do_command(1, command.c_str());
+  set_copy_releases_sources(false);
+  if (copied) return 1;
   command = "delete " + names + "\n";
   if (do_command(1, command.c_str())) return 1;
   if (GLM_get_number_events() == 0) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kep-prototypes.h"
+#include "kep-util.h"
 #include "numerics.h"
 
 namespace {
@@ -65,6 +66,8 @@ int map_snr(const char *name) {
   }
   const std::vector<const volume_list *> volumes = listed_volumes();
   const long n3d = static_cast<long>(dim.x) * dim.y * dim.z;
+  int64_t map_samples = 0;  // the three maps must fit one stack before any is computed
+  if (!checked_stack_size(name, dim.x, dim.y, dim.z, 3, &map_samples)) return 1;
   std::vector<float> maps(static_cast<size_t>(3 * n3d), 0.0f);
   std::vector<float> data(static_cast<size_t>(n)), fit(static_cast<size_t>(n));
   for (long v = 0; v < n3d; v++) {
@@ -126,6 +129,8 @@ int map_t2(int kind, const char *name) {
 
   const std::vector<const volume_list *> volumes = listed_volumes();
   const long n3d = static_cast<long>(dim.x) * dim.y * dim.z;
+  int64_t map_samples = 0;  // the three maps must fit one stack before any is computed
+  if (!checked_stack_size(name, dim.x, dim.y, dim.z, 3, &map_samples)) return 1;
   std::vector<float> maps(static_cast<size_t>(3 * n3d), 0.0f);
   int fits = 0, filtered = 0;
   for (long v = 0; v < n3d; v++) {

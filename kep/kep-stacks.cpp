@@ -29,6 +29,12 @@ data_stack *find_stack(const char *name) {
 
 data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
                           int nt) {
+  // Callers size stacks they know to fit; a size that does not is a fault,
+  // stopped here before any count can wrap.
+  int64_t n2d = 0, n3d = 0, n4d = 0;
+  if (!checked_product(nx, ny, INT_MAX, &n2d) || !checked_product(n2d, nz, INT_MAX / 2, &n3d) ||
+      !checked_product(n3d, nt, INT_MAX, &n4d))
+    alloc_error("Allocation error in fcomplex_vector().");
   data_stack *stack = find_stack(name);
   if (stack != nullptr) {
     stack->samples.reset();
@@ -44,9 +50,9 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   }
   stack->dim = {nx, ny, nz};
   stack->nt = nt;
-  stack->n2d = nx * ny;
-  stack->n3d = stack->n2d * nz;
-  stack->n4d = stack->n3d * nt;
+  stack->n2d = static_cast<int>(n2d);
+  stack->n3d = static_cast<int>(n3d);
+  stack->n4d = static_cast<int>(n4d);
   stack->npts_volume = 2 * stack->n3d;
   stack->data_type = 1;
   FCOMPLEX *samples = new (std::nothrow) FCOMPLEX[stack->n4d > 0 ? stack->n4d : 1];
@@ -179,29 +185,58 @@ int show_stacks() {
   return 0;
 }
 
+namespace {
+bool copy_releases_sources = false;
+}  // namespace
+
+void set_copy_releases_sources(bool on) { copy_releases_sources = on; }
+
 int copy_volumes(const char *name) {
   if (volume_list_root == nullptr) return 1;
   const volume_list *first = volume_list_root;
   long count = 0;
+  bool replaces_source = false;
   for (const volume_list *v = first; v; v = v->next) {
     if (v->dim.x != first->dim.x || v->dim.y != first->dim.y || v->dim.z != first->dim.z) {
       kep_textf(2, "Stacks %s and %s have different dimensions.", first->stack->name, v->stack->name);
       return 1;
     }
+    replaces_source = replaces_source || strcmp(v->stack->name, name) == 0;
     count++;
   }
-  // The new stack may replace one of the sources: gather the volumes first.
   const long n3d = first->n3d;
-  std::unique_ptr<FCOMPLEX[]> gathered(new (std::nothrow) FCOMPLEX[static_cast<size_t>(n3d * count)]);
-  if (!gathered) alloc_error("Allocation error in fcomplex_vector().");
-  long t = 0;
-  for (const volume_list *v = first; v; v = v->next, t++)
-    memcpy(gathered.get() + t * n3d, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
+  // Refused before anything is gathered when the joined size does not fit.
+  int64_t n4d = 0;
+  if (!checked_stack_size(name, first->dim.x, first->dim.y, first->dim.z, count, &n4d)) return 1;
   const data_stack *source = first->stack;
   IPOINT3D dim = first->dim;
-  data_stack *created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count);
-  if (created == nullptr) return 1;
-  memcpy(created->SpaceTime.fcData, gathered.get(), sizeof(FCOMPLEX) * n3d * count);
+  data_stack *created = nullptr;
+  if (replaces_source) {
+    // The new stack replaces one of the sources: gather the volumes first.
+    std::unique_ptr<FCOMPLEX[]> gathered(new (std::nothrow) FCOMPLEX[static_cast<size_t>(n3d * count)]);
+    if (!gathered) alloc_error("Allocation error in fcomplex_vector().");
+    long t = 0;
+    for (const volume_list *v = first; v; v = v->next, t++)
+      memcpy(gathered.get() + t * n3d, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
+    created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count);
+    if (created == nullptr) return 1;
+    memcpy(created->SpaceTime.fcData, gathered.get(), sizeof(FCOMPLEX) * n3d * count);
+  } else {
+    // Straight into the new stack: one copy of the samples, not two.
+    created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count);
+    if (created == nullptr) return 1;
+    long t = 0;
+    for (const volume_list *v = first; v; v = v->next, t++) {
+      memcpy(created->SpaceTime.fcData + t * n3d, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
+      // Sources about to be deleted give their memory back as soon as they are copied,
+      // so that joining runs needs little more than the joined stack.
+      if (!copy_releases_sources || (v->next != nullptr && v->next->stack == v->stack)) continue;
+      bool listed_again = false;
+      for (const volume_list *w = v->next; w && !listed_again; w = w->next) listed_again = w->stack == v->stack;
+      if (!listed_again)
+        release_pages(v->stack->SpaceTime.fcData, sizeof(FCOMPLEX) * static_cast<size_t>(v->stack->n4d));
+    }
+  }
   initialize_volume_list();  // the list may point into replaced storage
   printf("New stack %s contains %d volumes of dimensions (%d,%d,%d)\n", name, created->nt, dim.x, dim.y, dim.z);
   return 0;

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -290,7 +291,14 @@ int act_on_command(int index, char *arguments) {
     char glm[KEP_LINE] = "glm";
     if (decode_volume_list(0, glm)) return 1;
   }
-  c.op(d);
+  // Operations size their work before they allocate; memory that still runs
+  // out ends the program like every other failed allocation.
+  try {
+    c.op(d);
+  } catch (const std::bad_alloc &) {
+    snprintf(error_string, sizeof error_string, "Allocation error in command `%s'.", c.name);
+    alloc_error(error_string);
+  }
   return 0;
 }
 

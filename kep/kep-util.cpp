@@ -102,6 +102,13 @@ void prefer_huge_pages(void *block, size_t bytes) {
   if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);  // advice only
 }
 
+void release_pages(void *block, size_t bytes) {
+  const uintptr_t page = 4096;
+  const uintptr_t start = (reinterpret_cast<uintptr_t>(block) + page - 1) & ~(page - 1);
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + bytes) & ~(page - 1);
+  if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_DONTNEED);  // advice only
+}
+
 std::vector<data_stack *> stacks_in_list(const volume_list *root, bool distinct) {
   std::vector<data_stack *> stacks;
   const data_stack *previous = nullptr;

@@ -18,6 +18,9 @@ std::vector<data_stack *> stacks_in_list(const volume_list *root, bool distinct 
 // Asks the kernel to back a large, not yet touched block with huge pages:
 // a whole-stack pass then takes far fewer page faults and TLB misses.
 void prefer_huge_pages(void *block, size_t bytes);
+// Gives the whole pages inside the block back to the system; they read as zero
+// afterwards. For samples that are about to be discarded.
+void release_pages(void *block, size_t bytes);
 
 // Storage for n values, not cleared. Running out of memory for a size the
 // stacks already hold is fatal, as for every allocator of the system.

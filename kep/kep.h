@@ -169,6 +169,9 @@ data_stack *find_stack(const char *name);
 int delete_stacks();
 int show_stacks();
 int copy_volumes(const char *name);
+// While on, copy_volumes gives each source stack's memory back once its volumes are
+// copied (its samples then read as zero): for sources that are deleted right after.
+void set_copy_releases_sources(bool on);
 int inconsistent_3d_dimensions(IPOINT3D *dims, int *count);
 float stack_amp(const data_stack *stack, long n);
 float volume_amp(const volume_list *vol, long n);

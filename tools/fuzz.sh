@@ -18,6 +18,8 @@ for t in "${targets[@]}"; do
   seeds=()
   [ -d "fuzz/seeds/$name" ] && seeds=("fuzz/seeds/$name")
   echo "== $t for ${seconds}s"
-  ASAN_OPTIONS=detect_leaks=0 "build-fuzz/$t" -max_total_time="$seconds" -max_len=4096 -timeout=10 \
-    -artifact_prefix="fuzz/crash-$name-" "$corpus" "${seeds[@]}" 2>&1 | grep -E "^#[0-9]+ *DONE|ERROR|Done" || true
+  # Undefined behaviour is reported and survived unless told to stop: a
+  # finding must end the run and leave its input behind like a crash.
+  ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 "build-fuzz/$t" -max_total_time="$seconds" -max_len=4096 -timeout=10 \
+    -artifact_prefix="fuzz/crash-$name-" "$corpus" "${seeds[@]}" 2>&1 | grep -E "^#[0-9]+ *DONE|ERROR|Done|runtime error|Test unit written" || true
 done
