@@ -8,7 +8,6 @@ import signal
 import subprocess
 import tempfile
 import threading
-import time
 from pathlib import Path
 
 import nibabel as nib
@@ -224,7 +223,7 @@ def as_nobody(directory, text):
     ("write-slices", "ro/out.bfloat", "Error: cannot open the new file ro/out_000.bfloat.\n"),
 ])
 def test_read_only_directory(shared_dir, command, name, message):
-    data = source(shared_dir, volumes=2)
+    source(shared_dir, volumes=2)
     for f in shared_dir.iterdir():
         f.chmod(0o644)
     (shared_dir / "ro").mkdir(mode=0o755)
@@ -234,7 +233,6 @@ def test_read_only_directory(shared_dir, command, name, message):
     assert err == "" and status == 1
     assert stack_line(out, "s")[:4] == ["16", "16", "8", "2"]
     assert sorted(p.name for p in (shared_dir / "ro").iterdir()) == ["keep.bfloat"]
-    assert data.shape[3] == 2
 
 
 def test_read_only_file_in_a_writable_directory_is_left_alone(shared_dir):
