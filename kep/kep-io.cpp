@@ -148,6 +148,29 @@ class bus_guard {
   struct sigaction previous_ {};
 };
 
+// Converts the listed volumes from `first` on, the first listed one at its start.
+void convert_listed(const unsigned char *first, const XD_HEADER &h, const std::vector<int> &list,
+                    int64_t volume_bytes, FCOMPLEX *out) {
+  const bool pairs = h.data_type != DATA_MAGNITUDE;
+  const int64_t volume = static_cast<int64_t>(h.n3d) * (pairs ? 2 : 1);
+  size_t next = 0;
+  for (int v = list.front(); v <= list.back(); v++, first += volume_bytes) {
+    if (v != list[next]) continue;
+    convert(const_cast<unsigned char *>(first), volume, h.storage_type, false, pairs, h.scale_slope,
+            h.scale_offset, out + next * static_cast<size_t>(h.n3d));
+    next++;
+  }
+}
+
+// The same from a mapping, under the guard: 1 when the file was cut meanwhile.
+int convert_mapped(const unsigned char *first, const XD_HEADER &h, const std::vector<int> &list,
+                   int64_t volume_bytes, FCOMPLEX *out) {
+  const bus_guard guard;
+  if (sigsetjmp(bus_trap, 1) != 0) return 1;
+  convert_listed(first, h, list, volume_bytes, out);
+  return 0;
+}
+
 // A plain data file shorter than the volumes asked for is reported before
 // memory is taken for them: a header that claims far more than its file
 // holds costs nothing.
@@ -166,19 +189,84 @@ bool data_file_too_short(const XD_HEADER &h, const std::vector<int> &list) {
 }
 
 // Reads the listed volumes of a one-file volume into `out`.
+// A compressed file can only be read forward, and a seek decompresses all it
+// passes over. A read loop reads one file chunk after chunk, so the stream of
+// the last read is kept open where it stopped, for as long as the file on disk
+// is the same one.
+struct packed_stream {
+  std::string name;
+  struct stat identity {};
+  long long position = 0;
+  std::unique_ptr<volume_source> source;
+};
+packed_stream last_packed;
+
+bool same_file(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+int read_packed_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
+  const std::string name = data_file_name(h.file_name);
+  packed_stream stream = std::move(last_packed);
+  last_packed = packed_stream{};
+  struct stat identity {};
+  const bool found = stat(name.c_str(), &identity) == 0;
+  const bool pairs = h.data_type != DATA_MAGNITUDE;
+  const int64_t volume = static_cast<int64_t>(h.n3d) * (pairs ? 2 : 1);
+  const int64_t volume_bytes = volume * element_size(h.storage_type);
+  // 8-bit files are not skipped forward: reading starts at their first volume.
+  long long start = static_cast<long long>(h.voxel_offset);
+  if (h.storage_type != STORAGE_UCHAR) start += static_cast<long long>(list.front()) * volume_bytes;
+  if (!found || stream.source == nullptr || stream.name != name || !same_file(stream.identity, identity) ||
+      stream.position > start) {
+    stream.source = std::make_unique<volume_source>(name.c_str(), true);
+    stream.position = 0;
+    if (!stream.source->is_open()) {
+      printf("Error: cannot open file %s.\n", name.c_str());
+      return 1;
+    }
+  }
+  if (!stream.source->seek(start - stream.position, SEEK_CUR)) {
+    printf("Error reading file %s.\n", name.c_str());  // the stream ends too soon
+    return 1;
+  }
+  std::unique_ptr<unsigned char[]> buffer(
+      new (std::nothrow) unsigned char[static_cast<size_t>(volume_bytes)]);
+  if (!buffer) {
+    printf("Error: not enough memory to read a volume of file %s.\n", name.c_str());
+    return 1;
+  }
+  const bool swap = h.byte_order != machine_byte_order();
+  size_t next = 0;
+  for (int v = list.front(); v <= list.back(); v++) {
+    if (stream.source->read(buffer.get(), static_cast<size_t>(volume_bytes)) !=
+        static_cast<size_t>(volume_bytes)) {
+      printf("Error reading file %s.\n", name.c_str());
+      return 1;
+    }
+    if (v != list[next]) continue;
+    convert(buffer.get(), volume, h.storage_type, swap, pairs, h.scale_slope, h.scale_offset,
+            out + next * static_cast<size_t>(h.n3d));
+    next++;
+  }
+  stream.name = name;
+  stream.identity = identity;
+  stream.position = start + static_cast<long long>(list.back() - list.front() + 1) * volume_bytes;
+  last_packed = std::move(stream);
+  return 0;
+}
+
 int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
   const std::string name = data_file_name(h.file_name);
-  volume_source file(name.c_str(), gzipped_nifti_name(name.c_str()));
+  if (gzipped_nifti_name(name.c_str())) return read_packed_file(h, list, out);
+  volume_source file(name.c_str(), false);
   if (!file.is_open()) {
     printf("Error: cannot open file %s.\n", name.c_str());
     return 1;
   }
   const long offset = static_cast<long>(h.voxel_offset);
   if (!file.seek(offset, SEEK_SET)) {
-    if (gzipped_nifti_name(name.c_str())) {  // a compressed file simply ends too soon
-      printf("Error reading file %s.\n", name.c_str());
-      return 1;
-    }
     fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name.c_str());
     kep_exit(1);
   }
@@ -208,18 +296,10 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
     }
     position = offset;
     if (h.storage_type != STORAGE_UCHAR) position += static_cast<long long>(list.front()) * volume_bytes;
-    const bus_guard guard;
-    if (sigsetjmp(bus_trap, 1) != 0) {
+    if (convert_mapped(whole + position, h, list, volume_bytes, out)) {
       // The file was cut short by someone else while it was being read.
       printf("Error reading file %s.\n", name.c_str());
       return 1;
-    }
-    size_t next = 0;
-    for (int v = list.front(); v <= list.back(); v++, position += volume_bytes) {
-      if (v != list[next]) continue;
-      convert(const_cast<unsigned char *>(whole + position), volume, h.storage_type, false, pairs,
-              h.scale_slope, h.scale_offset, out + next * static_cast<size_t>(h.n3d));
-      next++;
     }
     return 0;
   }

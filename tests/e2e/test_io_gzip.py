@@ -224,3 +224,20 @@ def test_a_plain_file_named_nii_gz_reads_as_it_is(kep):
     kep.path("plain.nii.gz").write_bytes(gzip.decompress(kep.path("z.nii.gz").read_bytes()))
     values, _, r = kep_values(kep, "plain.nii.gz")
     np.testing.assert_array_equal(values[..., 0], good)
+
+
+def test_reads_after_one_another_follow_the_file_on_disk(kep):
+    # kep keeps the last compressed stream open where it stopped: later reads must still see the
+    # volumes asked for, backwards as well as forwards, and a file replaced in between
+    first = np.arange(4 * 3 * 2 * 8, dtype=np.float32).reshape((4, 3, 2, 8))
+    second = -first
+    save_gz(kep.path("a.nii.gz"), first, np.float32)
+    save_gz(kep.path("b.nii.gz"), second, np.float32)
+    session = KepSession(kep.dir, str(KEP))
+    session.send("read a.nii.gz>2-3 p\nread a.nii.gz>5 q\nread a.nii.gz>1 r\nread a.nii.gz>4,6 s\n")
+    kep.path("b.nii.gz").replace(kep.path("a.nii.gz"))
+    out, err, _ = session.finish("read a.nii.gz>7 t\nwrite-float out.bfloat p q r s t\nquit\n")
+    assert err == "" and "7 volume(s) of dimension 4 x 3 x 2 were written to file out.\n" in out, out
+    values, _ = read_xdisplay(kep.dir, "out")
+    np.testing.assert_array_equal(values[..., :6], first[..., [2, 3, 5, 1, 4, 6]])
+    np.testing.assert_array_equal(values[..., 6], second[..., 7])
