@@ -337,3 +337,11 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
   GLMInternal_form_condition_matrices();
   return 0;
 }
+
+void GLM_reset_whitening() {
+  GLM.AR_order = 0;
+  const int nt = GLM.ntime, nc = GLM.ncoeff;
+  if (unwhitened.rows() != nt || unwhitened.columns() != nc || GLM.X_tc.rows() != nt) return;
+  for (int t = 0; t < nt; t++) std::memcpy(GLM.X_tc[t], unwhitened[t], sizeof(float) * nc);
+  GLMInternal_form_fit_matrices();
+}

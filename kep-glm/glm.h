@@ -175,6 +175,9 @@ int GLM_fit_block(int nt, int nvox, const float *data, float *fit, float *beta, 
 int GLM_fit_whitened(int nt, float *data, float *fit, float *variance);
 // Makes voxel v of a block fit the "last fit" for the statistics and accessors.
 void GLM_load_block_coefficients(int nvox, const float *beta, int v);
+// Puts the unwhitened design back in use (AR order 0 in effect), as the basis
+// functions left it: a whitened refit leaves the last voxel's filter behind.
+void GLM_reset_whitening();
 int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
                     float *p_corrected, float *effect, float *effect_error);
 int GLM_remove_baseline(int percent, int nt, float *data, float *fit);

@@ -181,6 +181,8 @@ int run_fit(const Frame &f, VoxelStep &step) {
     printf("Error: the AR model of the GLM is not defined.\n");
     return 1;
   }
+  // An earlier command's refits left the last voxel's filter in the model.
+  GLM_reset_whitening();
   std::vector<float> rho(static_cast<size_t>(p) * f.nvox, 0.0f), weight(f.nvox, 0.0f);
   std::vector<char> active(f.nvox, 0);
   std::vector<float> r(p);
@@ -235,6 +237,8 @@ int run_fit(const Frame &f, VoxelStep &step) {
       progress(v, f.nvox);
     }
   }
+  // Later plain fits and statistics see the unwhitened design again.
+  GLM_reset_whitening();
   return 0;
 }
 
@@ -475,5 +479,33 @@ int glm_create_AR_maps(const char *name) {
   data_stack *out = create_map(f, name, lags);
   if (out == nullptr) return 1;
   ARMaps step(f.nt, lags, out);
+  return run_fit(f, step);
+}
+
+namespace {
+
+class PValues : public VoxelStep {
+ public:
+  PValues(int nt, float *p) : nt_(nt), p_(p) {}
+  int voxel(long v, float *, float *, float variance, bool skipped) override {
+    float stat = 0, p = 1, pc = 1, effect = 0, error = 0;
+    if (!skipped && GLM_calculate_F(nt_, variance, 0, 0, &stat, &p, &pc, &effect, &error)) return 1;
+    p_[v] = p;
+    return 0;
+  }
+
+ private:
+  int nt_;
+  float *p_;
+};
+
+}  // namespace
+
+int glm_p_values(float *p) {
+  Frame f;
+  if (open_frame(f, true)) return 1;
+  int count = 0;
+  if (GLM_define_conditions(1, GLM_input.condition_string, &count)) return 1;
+  PValues step(f.nt, p);
   return run_fit(f, step);
 }
