@@ -1,0 +1,89 @@
+"""Every GLM command over the stack "glm" on small studies, against numpy."""
+import re
+
+import numpy as np
+
+import glm_model as gm
+
+
+def run(kep, study, volume, commands):
+    study.write(kep.dir, volume)
+    r = kep.script("read-GLM study.glm\n" + commands)
+    assert "Error" not in r.stdout + r.stderr, r
+    return r
+
+
+def noisy(rng, study, shape, scale=10.0):
+    X = study.design()
+    nvox = int(np.prod(shape))
+    beta = rng.normal(0, scale, size=(nvox, X.shape[1]))
+    beta[:, len(study.events):len(study.events) + study.nruns] += 1000  # run offsets
+    Y = beta @ X.T + rng.normal(0, 2, size=(nvox, study.ntime))
+    return X, Y.astype(np.float32).astype(np.float64)
+
+
+def test_baseline_variance_and_autocorrelation_maps_match_numpy(kep):
+    rng = np.random.default_rng(3)
+    study = gm.Study(nimg=40)
+    shape = (4, 3, 2)
+    X, Y = noisy(rng, study, shape)
+    Y[5] = 0  # one voxel with no signal at all
+    r = run(kep, study, gm.grid(Y, shape),
+            "GLM-residual-variance var\nwrite-float var.nii var\nGLM-map-AR ar\nwrite-float ar.nii ar\n"
+            "GLM-find-maximal-effect 1-2 mx\nwrite-float mx.nii mx\n"
+            "GLM-remove-baseline\nwrite-float removed.nii glm\n")
+    assert "stack mx contains 1 volume\n" in r.stdout
+    beta, _ = gm.ols(X, np.ones(study.ntime, bool), Y)
+    res = Y - beta @ X.T
+    dof = study.ntime - X.shape[1]
+    var = gm.series(gm.load(kep.path("var.nii")))[:, 0]
+    np.testing.assert_allclose(var, (res ** 2).sum(axis=1) / dof, rtol=1e-3, atol=1e-3)
+    ar = gm.series(gm.load(kep.path("ar.nii")))
+    assert ar.shape == (24, 40)  # 80 images: lags 1..40 at most
+    c = np.array([[np.dot(res[v, k:], res[v, :study.ntime - k]) for k in range(41)] for v in range(24)])
+    live = np.arange(24) != 5
+    np.testing.assert_allclose(ar[live], c[live, 1:] / c[live, :1], atol=2e-3)
+    assert np.isnan(ar[5]).all()  # a residual of zeros is 0/0, not an error
+    mx = gm.series(gm.load(kep.path("mx.nii")))[:, 0]
+    assert mx[5] == 0 and np.all(mx[live] != 0)
+    removed = gm.series(gm.load(kep.path("removed.nii")))
+    np.testing.assert_allclose(removed, Y - beta[:, 2:] @ X[:, 2:].T, atol=5e-2)
+
+
+def test_map_ar_lag_counts_and_progress(kep):
+    rng = np.random.default_rng(4)
+    for nimg, lags in ((5, 9), (50, 40)):
+        study = gm.Study(nimg=nimg, events={1: [(1, 3, 1)], 2: [(5, 7, 1)]}, terms=1)
+        _, Y = noisy(rng, study, (2, 2, 2))
+        r = run(kep, study, gm.grid(Y, (2, 2, 2)), "GLM-map-AR ar\nshow-stacks\n")
+        assert f"ar\r\t\t2\r\t\t\t2\r\t\t\t\t2\r\t\t\t\t\t{lags}\r" in r.stdout, r.stdout
+        found = re.findall(r"(\d+) percent done\n", r.stdout)
+        assert found == ["25", "50", "75"], r.stdout  # 8 voxels: after voxels 2, 4 and 6
+
+
+def test_fit_events_marks_only_third_event_voxels(kep):
+    rng = np.random.default_rng(6)
+    events = {1: [(5, 17, 1), (45, 57, 1)], 2: [(25, 37, 1), (63, 71, 2)], 3: [(19, 23, 1), (75, 79, 1)]}
+    study = gm.Study(nimg=40, events=events, conditions="1,2,3")  # p of the joint F
+    shape = (5, 4, 3)
+    X = study.design()
+    nvox = 60
+    beta = np.zeros((nvox, X.shape[1]))
+    beta[:, 3:5] = 1000
+    strong3 = rng.random(nvox) < 0.3
+    strong1 = ~strong3 & (rng.random(nvox) < 0.4)
+    beta[strong3, 2] = 80
+    beta[strong1, 0] = 80
+    Y = beta @ X.T + rng.normal(0, 1, size=(nvox, study.ntime))
+    r = run(kep, study, gm.grid(Y, shape), "GLM-fit-events eff\n")
+    assert "stack eff contains 3 volumes in the following event order:\nevent 1\nevent 2\nevent 3\n" in r.stdout
+    assert f"\nAn overlay of {strong3.sum()} voxels was defined.\n" in r.stdout
+    assert f"hist[0] = {strong1.sum()} for event 1\n" in r.stdout
+    assert f"hist[2] = {strong3.sum()} for event 3\n" in r.stdout
+    # Two events: the overlay, built for the third event, stays empty.
+    two = gm.Study(nimg=40)
+    r = run(kep, two, gm.grid(two.design() @ np.r_[80, 0, np.full(two.design().shape[1] - 2, 1000)]
+                               * np.ones((nvox, 1)) + rng.normal(0, 1, (nvox, two.ntime)), shape),
+            "GLM-fit-events eff\n")
+    assert "\nAn overlay of 0 voxels was defined.\n" in r.stdout
+    assert f"hist[0] = {nvox} for event 1\n" in r.stdout
