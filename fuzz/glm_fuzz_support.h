@@ -1,5 +1,5 @@
-// Shared setup of the GLM reader fuzz targets: a scratch directory, silent
-// standard output, and termination turned into an exception the harness catches.
+// Shared setup of the GLM reader fuzz targets: the common scratch directory
+// and silent output, and termination turned into an exception the harness catches.
 #pragma once
 
 #include <unistd.h>
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_support.h"
 #include "glm-prototypes.h"
 
 namespace glm_fuzz {
@@ -18,39 +19,16 @@ struct terminated {};
 
 [[noreturn]] inline void throw_terminated() { throw terminated{}; }
 
-// Creates the scratch directory once and returns its path.
-inline const std::string &scratch() {
-  static std::string dir = [] {
-    char pattern[] = "/tmp/kep-glm-fuzz-XXXXXX";
-    std::string d = mkdtemp(pattern);
-    if (!freopen("/dev/null", "w", stdout)) abort();
-    GLMInternal_terminate_hook = throw_terminated;
-    return d;
-  }();
-  return dir;
-}
-
-// Works in the scratch directory while it lives (the corpus paths given to
-// the fuzzer are relative to the directory it was started in).
-struct in_scratch {
-  char saved[4096];
-  in_scratch() {
-    if (!getcwd(saved, sizeof saved) || chdir(scratch().c_str()) != 0) abort();
-  }
-  ~in_scratch() {
-    if (chdir(saved) != 0) abort();
-  }
+// Works in the shared scratch directory while it lives, with GLM
+// termination turned into an exception the harness catches.
+struct in_scratch : kep_fuzz::in_scratch {
+  in_scratch() { GLMInternal_terminate_hook = throw_terminated; }
 };
 
-inline void write(const std::string &name, const uint8_t *data, size_t size) {
-  FILE *f = fopen(name.c_str(), "wb");
-  if (!f) abort();
-  if (size) fwrite(data, 1, size, f);
-  fclose(f);
-}
+using kep_fuzz::write;
 
-inline void write(const std::string &name, const std::string &text) {
-  write(name, reinterpret_cast<const uint8_t *>(text.data()), text.size());
+inline void write(const std::string &name, const uint8_t *data, size_t size) {
+  write(name, std::string(reinterpret_cast<const char *>(data), size));
 }
 
 // A table entry "nan" ends the program by design; such inputs are skipped.

@@ -8,15 +8,6 @@
 #include "glm-prototypes.h"
 #include "numerics.h"
 
-// The fits are also compiled for wider vectors where the processor has them;
-// without fused multiply-add, so both builds round exactly alike.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define GLM_VECTOR_CLONES \
-  __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic")))
-#else
-#define GLM_VECTOR_CLONES
-#endif
-
 namespace {
 
 // F of the last call of GLM_calculate_F, before it was rounded into the statistic.

@@ -14,6 +14,15 @@ struct GLMInternal_file_closer {
 };
 using GLMInternal_file = std::unique_ptr<FILE, GLMInternal_file_closer>;
 
+// The fits are also compiled for wider vectors where the processor has them;
+// without fused multiply-add, so both builds round exactly alike.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define GLM_VECTOR_CLONES \
+  __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic")))
+#else
+#define GLM_VECTOR_CLONES
+#endif
+
 // Ends the program with status 1 after a message has been printed. A test or
 // fuzz harness may install a hook that leaves by an exception instead.
 [[noreturn]] void GLMInternal_terminate();

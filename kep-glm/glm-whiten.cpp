@@ -193,15 +193,6 @@ void GLMInternal_whiten_data(float *data) {
   }
 }
 
-// The fits are also compiled for wider vectors where the processor has them;
-// without fused multiply-add, so both builds round exactly alike.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define GLM_VECTOR_CLONES \
-  __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic")))
-#else
-#define GLM_VECTOR_CLONES
-#endif
-
 GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
   const int q = GLM.AR_order;
   const bool ready = GLM.initialized == 2 && nt == GLM.ntime && unwhitened.rows() == nt &&
