@@ -128,13 +128,13 @@ int help_menu(int level, const char *file_name) {
         menu = 0;
       continue;
     }
-    if (answer == "0") {
+    // Numbers are read as "%d" reads them: "2nd" is 2.
+    int choice = -1;
+    if (sscanf(answer.c_str(), "%d", &choice) == 1 && choice == 0) {
       menu = item = 0;
       continue;
     }
-    int choice = 0;
-    char extra = 0;
-    if (sscanf(answer.c_str(), "%d%c", &choice, &extra) == 1 && choice >= 1 && choice <= count) {
+    if (choice >= 1 && choice <= count) {
       if (menu == 0 && find_section(sections, 0, choice) == nullptr) {
         menu = choice;
         item = 0;

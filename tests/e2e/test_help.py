@@ -94,3 +94,9 @@ def test_items_of_the_main_menu_are_its_own_sections(tmp_path):
                 "Main menu\n" + FOOTER + "help > "
                 "kep > ")
     assert out == expected
+
+
+def test_answers_are_read_as_scanf_reads_a_number(tmp_path):
+    out, _ = run(tmp_path, MENU, "2nd\n1st\n00\nq\nquit\n")
+    assert out.endswith("help > Maths menu\n 1 add\n 2 abs\n" + FOOTER + "help >> add text\n" + FOOTER
+                        + "help >> Main menu\n 1 files\n 2 maths\n" + FOOTER + "help > kep > ")
