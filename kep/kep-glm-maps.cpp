@@ -33,7 +33,7 @@ class ConditionMaps : public VoxelStep {
       exact_p_and_z(F, dof_, rows, effect < 0.0f, &exact, &z);
       // A p below the single-precision range is kept at its smallest normal
       // value, so that no fitted voxel reads as an empty 0.
-      const float stored = exact > 0.0 && exact < FLT_MIN ? FLT_MIN : static_cast<float>(exact);
+      const float stored = exact < FLT_MIN ? FLT_MIN : static_cast<float>(exact);
       const float values[MAPS_PER_CONDITION] = {effect, error, rows == 1 ? stat : static_cast<float>(F),
                                                 stored, static_cast<float>(z)};
       for (int m = 0; m < MAPS_PER_CONDITION; m++)
