@@ -3,6 +3,7 @@
 #pragma once
 
 #include "kep.h"
+#include "kep-register.h"
 
 // kep-reorder: mirrors, clipping, padding, slice order.
 int swap_quadrants_in_volume_list(int a, int b, int c, int d);
@@ -110,7 +111,6 @@ int glm_create_AR_maps(const char *name);
 int glm_p_values(float *p);
 
 // kep-unavailable: commands recognised but without an operation in this build.
-int register_volume(int kind);
 int downsample_stacks();
 int ishift_pixels(float dx, float dy, float dz);
 int magnitude_window();

@@ -1,8 +1,6 @@
 // Commands that the interpreter recognises but that have no operation in this build.
 #include "kep-prototypes.h"
 
-int register_volume([[maybe_unused]] int kind) { return not_available(); }
-
 int downsample_stacks() { return not_available(); }
 
 int ishift_pixels([[maybe_unused]] float dx, [[maybe_unused]] float dy, [[maybe_unused]] float dz) { return not_available(); }
