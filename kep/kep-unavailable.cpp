@@ -1,10 +1,6 @@
 // Commands that the interpreter recognises but that have no operation in this build.
 #include "kep-prototypes.h"
 
-int downsample_stacks() { return not_available(); }
-
-int ishift_pixels([[maybe_unused]] float dx, [[maybe_unused]] float dy, [[maybe_unused]] float dz) { return not_available(); }
-
 int magnitude_window() { return not_available(); }
 
 int magnitude_window_together() { return not_available(); }
