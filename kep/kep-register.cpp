@@ -236,7 +236,7 @@ bool estimate(const Pyramid &pyramid, const RealVolume &moving, const Frame &f, 
         }
         used++;
       }
-      if (used < 6) return false;
+      if (used < 6) break;  // nothing left to compare (a blank slice): no move
       for (int r = 0; r < 6; r++)
         for (int c = r + 1; c < 6; c++) H[r][c] = H[c][r];
       double d[6];
