@@ -43,7 +43,14 @@ double beta_fraction(double a, double b, double x) {
 // log I_x(a, b) with x and y = 1 - x given separately (no cancellation), for
 // x below the continued fraction's switch-over point.
 double log_ibeta_small(double a, double b, double x, double log_x, double log_y) {
-  return a * log_x + b * log_y + lgamma(a + b) - lgamma(a) - lgamma(b) + log(beta_fraction(a, b, x) / a);
+  // A map asks for the same degrees of freedom at every voxel: keep the last log B(a, b).
+  thread_local double last_a = -1.0, last_b = -1.0, last_log_beta = 0.0;
+  if (a != last_a || b != last_b) {
+    last_a = a;
+    last_b = b;
+    last_log_beta = lgamma(a) + lgamma(b) - lgamma(a + b);
+  }
+  return a * log_x + b * log_y - last_log_beta + log(beta_fraction(a, b, x) / a);
 }
 
 // log of the upper normal tail Q(z), z >= 0.
@@ -55,12 +62,31 @@ double log_normal_tail(double z) {
   return -0.5 * z * z - log(z) - LOG_SQRT_2PI + log(series);
 }
 
-// z >= 0 with log Q(z) = log_p, log_p <= log 0.5.
+// Rational approximation of the normal quantile (relative error about 1e-9):
+// z with upper tail exp(log_p), log_p <= log 0.5. The tail branch needs only log p.
+double quantile_start(double log_p) {
+  static const double a[] = {-3.969683028665376e+01, 2.209460984245205e+02,  -2.759285104469687e+02,
+                             1.383577518672690e+02,  -3.066479806614716e+01, 2.506628277459239e+00};
+  static const double b[] = {-5.447609879822406e+01, 1.615858368580409e+02, -1.556989798598866e+02,
+                             6.680131188771972e+01, -1.328068155288572e+01};
+  static const double c[] = {-7.784894002430293e-03, -3.223964580411365e-01, -2.400758277161838e+00,
+                             -2.549671010114843e+00, 4.374664141464968e+00,  2.938163982698783e+00};
+  static const double d[] = {7.784695709041462e-03, 3.224671290700398e-01, 2.445134137142996e+00,
+                             3.754408661907416e+00};
+  if (log_p < log(0.02425)) {
+    const double q = sqrt(-2.0 * log_p);
+    return -(((((c[0] * q + c[1]) * q + c[2]) * q + c[3]) * q + c[4]) * q + c[5]) /
+           ((((d[0] * q + d[1]) * q + d[2]) * q + d[3]) * q + 1.0);
+  }
+  const double q = 0.5 - exp(log_p), r = q * q;
+  return (((((a[0] * r + a[1]) * r + a[2]) * r + a[3]) * r + a[4]) * r + a[5]) * q /
+         (((((b[0] * r + b[1]) * r + b[2]) * r + b[3]) * r + b[4]) * r + 1.0);
+}
+
+// z >= 0 with log Q(z) = log_p, log_p <= log 0.5: the start above, then Newton
+// steps on log Q (concave), which converge quadratically from it.
 double upper_quantile(double log_p) {
-  // Rational start (error below 5e-4), then Newton on log Q, which is concave.
-  const double t = sqrt(-2.0 * log_p);
-  double z =
-      t - (2.515517 + t * (0.802853 + t * 0.010328)) / (1.0 + t * (1.432788 + t * (0.189269 + t * 0.001308)));
+  double z = quantile_start(log_p);
   if (z < 0.0) z = 0.0;
   for (int i = 0; i < 8; i++) {
     const double lq = log_normal_tail(z);
@@ -68,7 +94,8 @@ double upper_quantile(double log_p) {
     const double step = (lq - log_p) * exp(lq - log_density);
     z += step;
     if (z < 0.0) z = 0.0;
-    if (fabs(step) <= 1e-15 * (1.0 + z)) break;
+    // The next step would be of the order of this one squared.
+    if (fabs(step) <= 1e-8 * (1.0 + z)) break;
   }
   return z;
 }

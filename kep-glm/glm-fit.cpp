@@ -210,12 +210,12 @@ void GLM_load_block_coefficients(int nvox, const float *beta, int v) {
     GLM.Beta_c[c] = beta[static_cast<size_t>(c) * nvox + v];
 }
 
-int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
-                    float *p_corrected, float *effect, float *effect_error) {
+int GLM_calculate_statistic(int nt, float variance, int condition, double *F_out, float *stat, float *effect,
+                            float *effect_error) {
   last_F = 0.0;
+  *F_out = 0.0;
   if (variance == 0.0f) {
     *stat = *effect = *effect_error = 0.0f;
-    *p = *p_corrected = 1.0f;
     return 0;
   }
   if (GLM.initialized != 2 || condition < 0 || condition >= GLM.nconditions) {
@@ -252,11 +252,26 @@ int GLM_calculate_F(int nt, float variance, float nresels, int condition, float 
   double F = quad / variance / nc;
   if (!(F >= 0.0)) F = 0.0;
   last_F = F;
-  const double dof = GLM.dof;
+  *F_out = F;
   *effect = static_cast<float>(eff[chosen]);
   *effect_error =
       static_cast<float>(sqrt(fabs(GLM.FCovar[condition][chosen][chosen] * static_cast<double>(variance))));
   *stat = static_cast<float>(eff[chosen] < 0.0 ? -sqrt(F) : sqrt(F));
+  return 0;
+}
+
+int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
+                    float *p_corrected, float *effect, float *effect_error) {
+  if (variance == 0.0f) {
+    last_F = 0.0;
+    *stat = *effect = *effect_error = 0.0f;
+    *p = *p_corrected = 1.0f;
+    return 0;
+  }
+  double F = 0.0;
+  if (GLM_calculate_statistic(nt, variance, condition, &F, stat, effect, effect_error)) return 1;
+  const int nc = GLM.ncontrasts[condition];
+  const double dof = GLM.dof;
   double pv = 1.0, pc = 1.0;
   if (dof > 0.0) {
     pv = p_value_of_F(F, dof, nc);

@@ -199,6 +199,10 @@ void GLM_load_block_coefficients(int nvox, const float *beta, int v);
 void GLM_reset_whitening();
 int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
                     float *p_corrected, float *effect, float *effect_error);
+// The part of GLM_calculate_F before any p: F in double precision, the signed
+// statistic, the chosen row's effect and its error (all 0 for a variance of 0).
+int GLM_calculate_statistic(int nt, float variance, int condition, double *F, float *stat, float *effect,
+                            float *effect_error);
 int GLM_remove_baseline(int percent, int nt, float *data, float *fit);
 int GLM_correct_baseline(int nt, float *data, float *fit, float *mean);
 // data := residual + fitted response of the events named in `selection`.

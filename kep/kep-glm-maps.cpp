@@ -25,9 +25,9 @@ class ConditionMaps : public VoxelStep {
   int voxel(long v, float *, float *, float variance, bool skipped) override {
     if (skipped) return 0;  // the maps already hold 0 and p 1
     for (int k = 0; k < conditions_; k++) {
-      float stat = 0, p = 1, pc = 1, effect = 0, error = 0;
-      if (GLM_calculate_F(nt_, variance, 0, k, &stat, &p, &pc, &effect, &error)) return 1;
-      const double F = GLM_get_last_F();
+      float stat = 0, effect = 0, error = 0;
+      double F = 0.0;
+      if (GLM_calculate_statistic(nt_, variance, k, &F, &stat, &effect, &error)) return 1;
       const int rows = GLM.ncontrasts[k];
       double exact = 1.0, z = 0.0;
       exact_p_and_z(F, dof_, rows, effect < 0.0f, &exact, &z);
