@@ -1,9 +1,20 @@
 # GLM analysis of the example study: kep examples/analyse.com STUDY_DIRECTORY
-# The control file names the runs; smoothing in k-space reduces noise first.
+# The control file names the runs; the mean image (non-zero inside the head only)
+# becomes the GLM mask; smoothing in k-space reduces noise first.
 read-GLM study.glm
+average head glm
+set glm-mask head
 smooth-3d 4 glm
 GLM-fit-events effects
 write-float effects.nii effects
 write-overlay active.ovl
 GLM-residual-variance variance
 write-float variance.nii variance
+# t and z of every condition (1 2 3 1-2), the visual event's FDR overlay and clusters.
+GLM-map-conditions maps
+write-float tmaps.nii maps>2,7,12,17
+write-float zmaps.nii maps>4,9,14,19
+threshold-p fdr 0.05 maps>3
+write-overlay visual-fdr.ovl
+clusters 3.1 10 visual maps>4
+write-float visual-clusters.nii visual
