@@ -29,6 +29,7 @@ struct data_stack {
   int status = 0;  // bit 1: polar form; bit 2: map
   int data_type = 1;
   int lDOF = 0;
+  char description[80]{};  // NIfTI description of the file read, written back out
   ::SpaceTime SpaceTime{nullptr};
   char name[KEP_LINE]{};
   std::unique_ptr<data_stack> next;  // the registry owns the chain
@@ -144,8 +145,8 @@ int act_on_macro(int index, char *arguments);
 int command_count();
 const char *command_name(int index);
 const char *variable_name(int index);
-constexpr int NUMBER_OF_COMMANDS = 111;
-constexpr int NUMBER_OF_VARIABLES = 23;
+constexpr int NUMBER_OF_COMMANDS = 114;
+constexpr int NUMBER_OF_VARIABLES = 24;
 constexpr int MACRO_OFFSET = 150;
 
 // Variables (kep-variables.cpp).

@@ -60,7 +60,7 @@ def run_help(answers):
 
 def test_every_command_and_macro_has_a_menu_item():
     names = table_commands()
-    assert len(names) == 111 and len(set(names)) == 111
+    assert len(names) == 114 and len(set(names)) == 114
     menu = menu_sections()
     titled = {}
     for (m, i), lines in menu.items():
@@ -164,7 +164,8 @@ def test_paged_text_headers_and_structure():
                  "normalize-BOLD", "normalize-IRON", "notify", "output-format", "IRF",
                  "HRF-file", "conditions", "convolve-table", "runs:",
                  "square", "gamma", "sine", "cosine", "ramp-up", "ramp-down", "drug-IRF",
-                 "table", "interaction", "exclusion", "BOLD-monkey", "IRON-rat",
+                 "table", "interaction", "exclusion", "BOLD-monkey", "IRON-rat", "BOLD-human",
+                 "TR", "confounds", "events.tsv", "trial_type",
                  ".nii.gz", ".bshort", ".bfloat", ".blong", ".ushort", ".img", ".bhdr"):
         assert word in body, word
 
