@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kep-glm-design.h"
 #include "kep-prototypes.h"
 
 const char *current_command_word = nullptr;
@@ -182,6 +183,7 @@ const Command commands[NUMBER_OF_COMMANDS] = {
     {"GLM-map-AR", Form::NL, true, [](Decoded &d) { return glm_create_AR_maps(d.name); }},
     {"GLM-vary-tau", Form::INL, true, [](Decoded &d) { return glm_vary_time_constant(d.n, d.name); }},
     {"GLM-vary-taus", Form::INL, false, [](Decoded &d) { return glm_vary_time_constants(d.n, d.name); }},
+    {"GLM-write-design", Form::Text, false, [](Decoded &d) { return glm_write_design(d.text); }},
     {"histogram", Form::L, false, [](Decoded &) { return fill_histogram(); }},
     {"weighted-histogram", Form::L, false, [](Decoded &) { return fill_weighted_histogram(); }},
     {"scatter-plot", Form::FL, false, [](Decoded &d) { return scatter_plot(d.name); }},
