@@ -11,6 +11,11 @@
 [[noreturn]] void kep_exit(int status);
 // When set, kep_exit jumps here instead of ending the process (fuzzing only).
 extern void *kep_exit_trap;
+// Holds back what is printed on standard output until end_output_capture(),
+// which hands it over (heap text, release with free; its length in *size).
+// kep_exit writes held text out first, so an exit meanwhile loses nothing.
+void begin_output_capture();
+char *end_output_capture(size_t *size);
 
 // Fatal allocation message: "Fatal Error:\n<text>\nProgram aborted.\n", status 1.
 [[noreturn]] void alloc_error(const char *text);
