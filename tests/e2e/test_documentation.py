@@ -8,9 +8,7 @@ from conftest import KEP, SOURCE
 MENU = SOURCE / "documentation" / "kep-menu.txt"
 PAGES = SOURCE / "documentation" / "kep-pages.txt"
 MACROS = ["reorder-interleaved-slices"]
-UNAVAILABLE = {"register", "down-sample", "shift-pixels", "magnitude-window",
-               "magnitude-window-together", "scatter-plot", "GLM-histogram",
-               "GLM-vary-tau", "GLM-vary-taus"}
+UNAVAILABLE = {"GLM-histogram", "GLM-vary-tau", "GLM-vary-taus"}
 FOOTER = ("----------------------------------------------\n"
           "--- choose item: 0 = main menu, return = back \n"
           "----------------------------------------------\n")
