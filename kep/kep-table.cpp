@@ -183,12 +183,13 @@ const Command commands[NUMBER_OF_COMMANDS] = {
     {"GLM-map-AR", Form::NL, true, [](Decoded &d) { return glm_create_AR_maps(d.name); }},
     {"GLM-vary-tau", Form::INL, true, [](Decoded &d) { return glm_vary_time_constant(d.n, d.name); }},
     {"GLM-vary-taus", Form::INL, false, [](Decoded &d) { return glm_vary_time_constants(d.n, d.name); }},
-    {"GLM-write-design", Form::Text, false, [](Decoded &d) { return glm_write_design(d.text); }},
     {"histogram", Form::L, false, [](Decoded &) { return fill_histogram(); }},
     {"weighted-histogram", Form::L, false, [](Decoded &) { return fill_weighted_histogram(); }},
     {"scatter-plot", Form::FL, false, [](Decoded &d) { return scatter_plot(d.name); }},
     {"calculate-overlay-overlap", Form::RL, false,
      [](Decoded &d) { return calculate_overlay_volume_overlap(d.r[0]); }},
+    // Extensions, after the described commands so that their indices stay as they are.
+    {"GLM-write-design", Form::Text, false, [](Decoded &d) { return glm_write_design(d.text); }},
 };
 
 const char *const macros[] = {"reorder-interleaved-slices"};
