@@ -19,12 +19,19 @@ std::string column_name(int c) {
   char text[64];
   if (c < GLM.nevents) {
     snprintf(text, sizeof text, "event_%d", GLM.event_number[c]);
-    return text;
+    const char *trial_type = GLM_get_event_name(c);
+    return trial_type[0] ? std::string(text) + ":" + trial_type : std::string(text);
   }
   const int b = c - GLM.nevents;
-  if (GLM.nruns > 0 && b < GLM.nruns * GLM_input.nbaseline_terms) {
+  const int polynomial = GLM.nruns * GLM_input.nbaseline_terms;
+  if (GLM.nruns > 0 && b < polynomial) {
     snprintf(text, sizeof text, "run%d_%s", b % GLM.nruns + 1, term_names[b / GLM.nruns]);
     return text;
+  }
+  const size_t k = static_cast<size_t>(b - polynomial);
+  if (k < GLM.confound_name.size() && k < GLM.confound_run.size()) {
+    snprintf(text, sizeof text, "run%d_", GLM.confound_run[k] + 1);
+    return text + GLM.confound_name[k];
   }
   snprintf(text, sizeof text, "column_%d", c + 1);
   return text;
@@ -39,8 +46,11 @@ int run_of(int t) {
 void write_table(FILE *f) {
   int excluded = 0;
   for (int t = 0; t < GLM.ntime; t++) excluded += GLM.include_time[t] ? 0 : 1;
-  fprintf(f, "# kep GLM design matrix: %d images, %d columns (%d events, %d baseline terms in %d runs)\n",
-          GLM.ntime, GLM.ncoeff, GLM.nevents, GLM.nbaseline, GLM.nruns);
+  fprintf(f,
+          "# kep GLM design matrix: %d images, %d columns (%d events, %d baseline terms in %d runs, %d "
+          "confounds)\n",
+          GLM.ntime, GLM.ncoeff, GLM.nevents, GLM.nruns * GLM_input.nbaseline_terms, GLM.nruns,
+          static_cast<int>(GLM.confound_name.size()));
   fprintf(f, "# TR %g s; response function %s\n", GLM.nruns > 0 ? GLM.tr[0] : 0.0f,
           HRF.nhrf ? HRF.file_name : "none");
   fprintf(f, "# AR order %d, coefficients smoothed by %g mm; the rows below are not whitened\n",

@@ -39,3 +39,18 @@ def test_design_needs_a_model_and_a_writable_file(kep):
     r = kep.stdin("read-GLM study.glm\nGLM-write-design nodir/d.tsv\n")
     assert "Error attempting to open the data file nodir/d.tsv.\n" in r.stdout
     assert not kep.path("d.tsv").exists()
+
+
+def test_design_names_trial_types_and_confounds_by_their_columns(kep):
+    from test_glm_bids import design, write_study
+
+    header = "baseline-terms 1\nconfounds trans_? framewise_displacement motion_outlier*\n"
+    _, tables = write_study(kep.dir, np.random.default_rng(5), header)
+    r = kep.script("read-GLM study.glm\nGLM-write-design design.tsv\n")
+    assert "Fatal" not in r.stderr, r
+    _, header, table = read_tsv(kep.path("design.tsv"))
+    chosen = {"trans_x", "trans_y", "framewise_displacement", "motion_outlier00"}
+    confounds = [f"run{r + 1}_{c}" for r, t in enumerate(tables) for c in t if c in chosen]
+    assert header == ["image", "run", "excluded", "event_1:faces", "event_2:houses", "run1_constant",
+                      "run2_constant"] + confounds
+    np.testing.assert_allclose(table[:, 3:], design(tables, 1, chosen), atol=1e-6)
