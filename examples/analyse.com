@@ -2,8 +2,10 @@
 # The control file names the runs; the mean image (non-zero inside the head only)
 # becomes the GLM mask; smoothing in k-space reduces noise first.
 read-GLM study.glm
-average head glm
-set glm-mask head
+average mean glm
+write-float mean.nii mean
+set glm-mask mean
+GLM-write-design design.tsv
 smooth-3d 4 glm
 GLM-fit-events effects
 write-float effects.nii effects

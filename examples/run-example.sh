@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds kep, makes the example study and runs its GLM analysis, with and
 # without an AR(1) noise model. Effect, t and z maps are written as NIfTI
-# files, with the FDR-thresholded overlay and the cluster table of event 1.
+# files, with the FDR-thresholded overlay and the cluster table of event 1,
+# and the AR(1) analysis ends with an HTML report.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -24,3 +25,5 @@ echo "Effect maps: $out/ols/effects.nii and $out/ar1/effects.nii (one volume per
 echo "t and z maps of the conditions 1 2 3 1-2: $out/ar1/tmaps.nii, $out/ar1/zmaps.nii"
 echo "Event 1, FDR 5 %: $out/ar1/visual-fdr.ovl; clusters beyond z 3.1: $out/ar1/visual.clusters"
 echo "Picture of event 1's effect map: $out/effects-event1.png"
+/usr/bin/python3 tools/kep-report "$out/ar1" --commands examples/analyse.com -o "$out/report.html" >/dev/null
+echo "Report of the AR(1) analysis: $out/report.html"
