@@ -34,7 +34,7 @@ TEST(Tails, ZOfLogPMatchesHighPrecisionValuesWithoutSaturating) {
       {-700.0, 37.295079632647416957},   {-800.0, 39.884694838256677568}, {-5000.0, 99.944748174841092478},
       {log(0.9), -1.281551565544600467},
   };
-  for (const auto &q : points) EXPECT_NEAR(z_of_log_p(q[0]), q[1], 1e-12 * fabs(q[1])) << "log p " << q[0];
+  for (const auto &q : points) EXPECT_NEAR(z_of_log_p(q[0]), q[1], 2e-9 * fabs(q[1])) << "log p " << q[0];
   EXPECT_NEAR(z_of_log_p(log(0.5)), 0.0, 1e-15);
 }
 
@@ -44,9 +44,9 @@ TEST(Tails, OneRowIsTwoSidedAndSignedSeveralRowsOneSided) {
   exact_p_and_z(4.0, 10.0, 1, true, &p, &z);
   EXPECT_NEAR(p, exp(-2.6119943706725078931), 1e-14);
   EXPECT_LT(z, 0.0);
-  EXPECT_NEAR(z_of_log_p(log(p / 2)), -z, 1e-12);
+  EXPECT_NEAR(z_of_log_p(log(p / 2)), -z, 2e-9);
   exact_p_and_z(90.0, 40.0, 4, false, &p, &z);
-  EXPECT_NEAR(z, z_of_log_p(-43.10726288071447322), 1e-11);
+  EXPECT_NEAR(z, z_of_log_p(-43.10726288071447322), 2e-9);
   exact_p_and_z(0.0, 40.0, 4, false, &p, &z);
   EXPECT_EQ(p, 1.0);
   EXPECT_EQ(z, 0.0);
