@@ -215,6 +215,7 @@ const char *const variables[NUMBER_OF_VARIABLES] = {
     "registration-distortions",
     "nifti-method",
     "histogram",
+    "threads",
 };
 
 int decode(Form form, char *text, Decoded &d) {

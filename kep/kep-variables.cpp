@@ -5,6 +5,7 @@
 
 #include "glm.h"
 #include "kep-prototypes.h"
+#include "threads.h"
 
 unsigned int flags = 0;
 OVERLAY overlay;
@@ -86,6 +87,7 @@ void initialize_global_variables() {
   free_int_vector(histogram);
   histogram = nullptr;
   clear_registration_distortions();
+  set_worker_threads(1);
 }
 
 int set_variable(int index, const char *value) {
@@ -214,6 +216,15 @@ int set_variable(int index, const char *value) {
       printf("Allocate histogram: %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
       return 0;
     }
+    case 23: {
+      int n = 0;
+      if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set threads <number>'.");
+      if (set_worker_threads(n)) {
+        kep_textf(2, "%d is an invalid number of threads; use 1 to %d.", n, MAX_WORKER_THREADS);
+        return 1;
+      }
+      return 0;
+    }
     default:
       return syntax("That variable name is not used in this program.");
   }
@@ -268,6 +279,9 @@ int show_variable(int index) {
       break;
     case 22:
       printf("\thistogram       %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+      break;
+    case 23:
+      printf("\tthreads         %d\n", worker_threads());
       break;
     default:
       break;
