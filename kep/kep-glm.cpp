@@ -18,32 +18,13 @@
 #include <vector>
 
 #include "glm.h"
+#include "kep-glm-frame.h"
 #include "kep-prototypes.h"
 #include "threads.h"
 
 namespace {
 
 constexpr int BLOCK_VOXELS = 256;
-
-// What a command does with one fitted voxel. `skipped` is set for an all-zero
-// voxel left out of an autoregressive fit; data and fit are then zero. With
-// several threads, voxels come in any order from any thread: a step only
-// writes what belongs to its voxel, and `work` is nt floats of the calling
-// thread's own.
-class VoxelStep {
- public:
-  virtual ~VoxelStep() = default;
-  // Returns nonzero to stop the command with failure.
-  virtual int voxel(long v, float *data, float *fit, float variance, bool skipped, float *work) = 0;
-};
-
-struct Frame {
-  data_stack *stack = nullptr;
-  int nt = 0;                            // volumes in the list, in list order
-  long nvox = 0;                         // voxels per volume
-  std::vector<const FCOMPLEX *> volume;  // first sample of each listed volume
-  bool magnitude = false;                // polar or map: the real part is the amplitude
-};
 
 float amplitude(const FCOMPLEX &c, bool magnitude) {
   if (magnitude) return c.real;
@@ -74,7 +55,7 @@ int open_frame(Frame &f, bool need_events) {
   f.magnitude = (f.stack->status & (STATUS_POLAR | STATUS_MAP)) != 0;
   for (const volume_list *v = volume_list_root; v; v = v->next) f.volume.push_back(v->SpaceTime.fcData);
   f.nt = static_cast<int>(f.volume.size());
-  return 0;
+  return glm_mask_voxels(f.stack, &f.masked, &f.voxels);
 }
 
 void progress(long v, long nvox) {
@@ -82,12 +63,16 @@ void progress(long v, long nvox) {
   if (v >= 1 && (4 * v) % nvox == 0) printf("%ld percent done\n", 100 * v / nvox);
 }
 
-// Gathers voxels [v0, v0 + n) of every volume into rows [image][voxel].
+// Gathers the voxels at positions [v0, v0 + n) of the frame's voxels to fit
+// from every volume into rows [image][voxel].
 void gather(const Frame &f, long v0, int n, float *rows) {
   for (int k = 0; k < f.nt; k++) {
     const FCOMPLEX *src = f.volume[k] + v0;
     float *dst = rows + static_cast<long>(k) * n;
-    if (f.magnitude) {
+    if (f.masked) {
+      const long *v = f.voxels.data() + v0;
+      for (int i = 0; i < n; i++) dst[i] = amplitude(f.volume[k][v[i]], f.magnitude);
+    } else if (f.magnitude) {
       for (int i = 0; i < n; i++) dst[i] = src[i].real;
     } else {
       for (int i = 0; i < n; i++) dst[i] = amplitude(src[i], false);
@@ -139,15 +124,16 @@ struct Workspace {
         scratch(static_cast<size_t>(nt) + 2 * (p + 1)) {}
 };
 
-// Runs block(v0, n, worker, space) for every block of BLOCK_VOXELS voxels, on
-// up to `set threads` threads, each with its own copy of the model. Blocks
-// are handed out in order but finish in any order; the progress lines are
-// printed between groups of blocks, each group ending with the block of a
-// progress point, so they come out as one thread would print them.
+// Runs block(v0, n, space) for every block of BLOCK_VOXELS positions of the
+// voxels to fit, on up to `set threads` threads, each with its own copy of
+// the model. Blocks are handed out in order but finish in any order; the
+// progress lines are printed between groups of blocks, each group ending with
+// the block of a progress point, so they come out as one thread prints them.
 template <typename Block>
 int for_each_block(const Frame &f, bool report, Block block) {
   const int p = GLM_input.AR_order > 0 ? GLM_input.AR_order : 0;
-  const long nblocks = (f.nvox + BLOCK_VOXELS - 1) / BLOCK_VOXELS;
+  const long count = f.count();
+  const long nblocks = (count + BLOCK_VOXELS - 1) / BLOCK_VOXELS;
   int workers = worker_threads();
   if (GLM_input.notify) workers = 1;  // per-voxel notes keep their order
   if (workers > nblocks) workers = static_cast<int>(nblocks > 0 ? nblocks : 1);
@@ -156,9 +142,9 @@ int for_each_block(const Frame &f, bool report, Block block) {
   std::vector<std::unique_ptr<Workspace>> spaces(static_cast<size_t>(workers));
   for (auto &space : spaces) space = std::make_unique<Workspace>(f.nt, GLM.ncoeff, p);
 
-  std::vector<long> points;  // voxels after which a progress line is due
-  for (int quarter = 1; quarter <= 3; quarter++)
-    if ((quarter * f.nvox) % 4 == 0 && quarter * f.nvox / 4 >= 1) points.push_back(quarter * f.nvox / 4);
+  std::vector<long> points;  // positions after which a progress line is due
+  for (long quarter = 1; quarter <= 3; quarter++)
+    if ((quarter * count) % 4 == 0 && quarter * count / 4 >= 1) points.push_back(quarter * count / 4);
   std::atomic<bool> failed{false};
   long first = 0;
   size_t next_point = 0;
@@ -171,21 +157,21 @@ int for_each_block(const Frame &f, bool report, Block block) {
       Workspace &space = *spaces[static_cast<size_t>(worker)];
       for (long b = next++; b < last && !failed; b = next++) {
         const long v0 = b * BLOCK_VOXELS;
-        const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.nvox - v0));
+        const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, count - v0));
         if (block(v0, n, space)) failed = true;
       }
       if (worker > 0) GLM_use_model(nullptr);
     });
     if (failed) return 1;
     for (; next_point < points.size() && points[next_point] < last * BLOCK_VOXELS; next_point++)
-      if (report) progress(points[next_point], f.nvox);
+      if (report) progress(points[next_point], count);
     first = last;
   }
   return 0;
 }
 
-// One pass of block fits over all voxels; `each` sees every voxel with the
-// engine's last fit set to that voxel. An all-zero series fits to zero
+// One pass of block fits over all voxels to fit; `each` sees every voxel with
+// the engine's last fit set to that voxel. An all-zero series fits to zero
 // coefficients, zero fit and zero variance exactly, so those voxels are
 // handed over as such without being fitted.
 template <typename Each>
@@ -209,7 +195,7 @@ int block_pass(const Frame &f, bool report, Each each) {
         std::fill(w.data.begin(), w.data.end(), 0.0f);
         std::fill(w.fit.begin(), w.fit.end(), 0.0f);
       }
-      if (each(v0 + i, w, var)) return 1;
+      if (each(f.voxel(v0 + i), w, var)) return 1;
     }
     return 0;
   });
@@ -279,7 +265,7 @@ int run_fit(const Frame &f, VoxelStep &step) {
   failed = for_each_block(f, true, [&](long v0, int n, Workspace &w) {
     gather(f, v0, n, w.rows.data());
     for (int i = 0; i < n; i++) {
-      const long v = v0 + i;
+      const long v = f.voxel(v0 + i);
       if (!active[v]) {
         std::fill(w.data.begin(), w.data.end(), 0.0f);
         std::fill(w.fit.begin(), w.fit.end(), 0.0f);
@@ -474,6 +460,12 @@ class ARMaps : public VoxelStep {
 };
 
 }  // namespace
+
+int glm_open_frame(Frame &f, bool need_events) { return open_frame(f, need_events); }
+int glm_run_fit(const Frame &f, VoxelStep &step) { return run_fit(f, step); }
+data_stack *glm_create_map(const Frame &f, const char *name, int volumes) {
+  return create_map(f, name, volumes);
+}
 
 int glm_remove_or_correct_baseline(int kind) {
   Frame f;

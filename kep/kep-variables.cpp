@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "glm.h"
+#include "kep-glm-frame.h"
 #include "kep-prototypes.h"
 #include "threads.h"
 
@@ -87,6 +88,7 @@ void initialize_global_variables() {
   free_int_vector(histogram);
   histogram = nullptr;
   clear_registration_distortions();
+  reset_glm_mask();
   set_worker_threads(1);
 }
 
@@ -216,7 +218,9 @@ int set_variable(int index, const char *value) {
       printf("Allocate histogram: %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
       return 0;
     }
-    case 23: {
+    case 23:
+      return set_glm_mask(value);
+    case 24: {
       int n = 0;
       if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set threads <number>'.");
       if (set_worker_threads(n)) {
@@ -281,6 +285,9 @@ int show_variable(int index) {
       printf("\thistogram       %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
       break;
     case 23:
+      show_glm_mask();
+      break;
+    case 24:
       printf("\tthreads         %d\n", worker_threads());
       break;
     default:

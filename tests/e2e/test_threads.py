@@ -13,8 +13,8 @@ GLM_COMMANDS = ("read-GLM study.glm\nGLM-fit-events eff\nwrite-float eff.nii eff
                 "GLM-residual-variance var\nwrite-float var.nii var\nGLM-map-AR ar\nwrite-float ar.nii ar\n"
                 "GLM-find-maximal-effect 1-2 mx\nwrite-float mx.nii mx\n"
                 "GLM-residue 1 res\nwrite-float res.nii res\nGLM-correct-baseline\nwrite-float glm.nii glm\n"
-                "write-overlay eff.ovl\n")
-GLM_OUTPUTS = ("eff.nii", "var.nii", "ar.nii", "mx.nii", "res.nii", "glm.nii", "eff.ovl")
+                "write-overlay eff.ovl\nGLM-map-conditions cm\nwrite-float cm.nii cm\n")
+GLM_OUTPUTS = ("eff.nii", "var.nii", "ar.nii", "mx.nii", "res.nii", "glm.nii", "eff.ovl", "cm.nii")
 
 
 def outputs_for_each_thread_count(kep, commands, outputs, counts=(1, 2, 3)):
