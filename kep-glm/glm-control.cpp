@@ -170,11 +170,11 @@ int GLMInternal_decode_keyword(const char *line) {
     for (const char *c = args; *c; c++) {
       if (static_cast<unsigned char>(*c) <= ' ') continue;
       int number = GLM_EventNumberFromChar(*c);
-      if (number < 1) {
+      if (number == 0) {
         printf("Error using convolve-table: event %c is undefined.\n", *c);
         return 1;
       }
-      GLM.convolve_table[number] = 1;
+      if (number > 0) GLM.convolve_table[number] = 1;  // a ',' (exclusions) flags nothing
     }
     return 0;
   }
