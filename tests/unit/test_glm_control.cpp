@@ -15,7 +15,10 @@ class GlmControl : public GlmTest {
 };
 
 TEST_F(GlmControl, BlankAndCommentHeaderGivesDefaults) {
-  ASSERT_EQ(read_control(control_with("\n# just a comment\n   \n")), 0);
+  // A comment longer than any name is still one line.
+  ASSERT_EQ(read_control(control_with("\n# just a comment\n   \n# " + std::string(3000, 'x') + " notify\n")),
+            0);
+  EXPECT_EQ(GLM_input.notify, 0);
   EXPECT_EQ(GLM_input.nbaseline_terms, 3);
   EXPECT_EQ(GLM_input.AR_order, 0);
   EXPECT_FLOAT_EQ(GLM_input.AR_smooth_mm, 1.0f);
