@@ -12,11 +12,15 @@ write-float effects.nii effects
 write-overlay active.ovl
 GLM-residual-variance variance
 write-float variance.nii variance
-# t and z of every condition (1 2 3 1-2), the visual event's FDR overlay and clusters.
+# Effect, error, t, p and z of each condition (1 2 3 1-2): z is volume 4, 9, 14, 19;
+# the t and z maps, the visual event's FDR overlay and each condition's clusters.
 GLM-map-conditions maps
+write-float maps.nii maps
 write-float tmaps.nii maps>2,7,12,17
 write-float zmaps.nii maps>4,9,14,19
 threshold-p fdr 0.05 maps>3
 write-overlay visual-fdr.ovl
-clusters 3.1 10 visual maps>4
-write-float visual-clusters.nii visual
+clusters 3.1 10 clusters1 maps>4
+clusters 3.1 10 clusters2 maps>9
+clusters 3.1 10 clusters3 maps>14
+clusters 3.1 10 clusters1-2 maps>19
