@@ -25,7 +25,7 @@ def printed_distributions(stdout):
 def test_glm_histogram_of_white_noise_is_uniform_and_matches_least_squares(kep):
     study = Study(nimg=40)
     rng = np.random.default_rng(12)
-    shape = (50, 50, 40)  # 100,000 voxels
+    shape = (52, 50, 40)  # 100,000 voxels with a signal
     data = 100 + rng.normal(0, 1, (*shape, study.ntime)).astype(np.float32)
     data[:2] = 0  # voxels without a signal are left out
     study.write(kep.dir, data)
