@@ -200,6 +200,12 @@ double GLM_get_last_F();
 bool GLM_event_is_gamma(int e);
 float GLM_get_event_tau(int e);
 int GLM_set_event_tau(int e, float tau);
+// The response function's three time constants (seconds), when one is in use.
+// Setting them resamples the response over the file's length, or with `extend`
+// until it has decayed (a zero stays zero; result 1 if refused).
+bool GLM_response_in_use();
+float GLM_get_response_tau(int k);
+int GLM_set_response_taus(const float tau[3], bool extend);
 
 // Autoregressive whitening (used by the fitting above).
 int GLM_calculate_AR_coefficient(int nt, float *data, int order, float *coefficients);

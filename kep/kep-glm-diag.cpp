@@ -82,28 +82,35 @@ void print_distribution(const char *condition, const std::vector<double> &p, con
          below001 / n);
 }
 
-// Puts the gamma time constants of the event files back, whatever happens.
-class GammaTimeConstants {
+// The time constants that set the response timing: those of the gamma events,
+// or else the three of the response function. They are put back as the files
+// gave them, whatever happens.
+class ResponseTiming {
  public:
-  GammaTimeConstants() {
+  ResponseTiming() {
     for (int e = 0; e < GLM_get_number_events(); e++)
       if (GLM_event_is_gamma(e)) events_.push_back({e, GLM_get_event_tau(e)});
+    response_ = events_.empty() && GLM_response_in_use();
+    for (int k = 0; k < 3 && response_; k++) taus_[k] = GLM_get_response_tau(k);
   }
-  ~GammaTimeConstants() {
-    if (!changed_) return;
-    for (const auto &[e, tau] : events_) GLM_set_event_tau(e, tau);
-    int count = 0;
-    if (GLM_define_basis_functions() == 0) GLM_define_conditions(1, GLM_input.condition_string, &count);
+  ~ResponseTiming() {
+    if (changed_) scale(1.0);
   }
-  GammaTimeConstants(const GammaTimeConstants &) = delete;
-  GammaTimeConstants &operator=(const GammaTimeConstants &) = delete;
-  bool empty() const { return events_.empty(); }
-  float first() const { return events_.front().second; }
-  // Scales every gamma time constant and rebuilds the model; 1 on failure.
+  ResponseTiming(const ResponseTiming &) = delete;
+  ResponseTiming &operator=(const ResponseTiming &) = delete;
+  bool empty() const { return events_.empty() && !response_; }
+  float first() const { return response_ ? taus_[0] : events_.front().second; }
+  // Scales every time constant and rebuilds the model; 1 on failure.
   int scale(double factor) {
     changed_ = true;
+    if (response_) {
+      float scaled[3];
+      for (int k = 0; k < 3; k++)
+        scaled[k] = factor == 1.0 ? taus_[k] : static_cast<float>(taus_[k] * factor);
+      if (GLM_set_response_taus(scaled, factor != 1.0)) return 1;
+    }
     for (const auto &[e, tau] : events_)
-      if (GLM_set_event_tau(e, static_cast<float>(tau * factor))) return 1;
+      if (GLM_set_event_tau(e, factor == 1.0 ? tau : static_cast<float>(tau * factor))) return 1;
     int count = 0;
     if (GLM_define_basis_functions()) return 1;
     return GLM_define_conditions(1, GLM_input.condition_string, &count);
@@ -111,6 +118,8 @@ class GammaTimeConstants {
 
  private:
   std::vector<std::pair<int, float>> events_;
+  bool response_ = false;
+  float taus_[3] = {0, 0, 0};
   bool changed_ = false;
 };
 
@@ -162,9 +171,12 @@ int vary_time_constants(const char *command, int n, const char *name) {
     kep_textf(2, "%s: the GLM control file names no conditions.", command);
     return 1;
   }
-  GammaTimeConstants taus;
+  ResponseTiming taus;
   if (taus.empty()) {
-    kep_textf(2, "%s: no event of the GLM has a gamma shape, so there is no time constant to vary.", command);
+    kep_textf(
+        2,
+        "%s: the GLM has neither gamma events nor a response function, so there is no time constant to vary.",
+        command);
     return 1;
   }
   // The map is made once every fit has succeeded, so a failure leaves no stack behind.

@@ -7,8 +7,9 @@
 // Kolmogorov-Smirnov distance; the counts over all conditions go to "hist.dat".
 int glm_histogram_unbiased();
 // GLM-vary-tau (volumes of "glm") and GLM-vary-taus (the listed volumes): refit
-// with the gamma time constants scaled over n values from 1/4 to 4 times those
-// of the event files (geometric steps) and store per voxel the time constant
-// (of the first gamma event) that maximises F of the first condition, and that F.
+// with the gamma time constants (or, without gamma events, those of the
+// response function) scaled over n values from 1/4 to 4 times those of the
+// files (geometric steps) and store per voxel the time constant (the first
+// one) that maximises F of the first condition, and that F.
 int glm_vary_time_constant(int n, const char *name);
 int glm_vary_time_constants(int n, const char *name);
