@@ -175,7 +175,7 @@ int vary_time_constants(const char *command, int n, const char *name) {
   if (taus.empty()) {
     kep_textf(
         2,
-        "%s: the GLM has neither gamma events nor a response function, so there is no time constant to vary.",
+        "%s: the GLM has no gamma events and no response function of exponentials: no time constant to vary.",
         command);
     return 1;
   }

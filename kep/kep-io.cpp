@@ -25,17 +25,7 @@ namespace {
 
 constexpr int STATUS_READ = 4;  // set on every stack made from a file
 
-int element_size(int storage) {
-  switch (storage) {
-    case STORAGE_SHORT:
-    case STORAGE_USHORT:
-      return 2;
-    case STORAGE_UCHAR:
-      return 1;
-    default:
-      return 4;
-  }
-}
+int element_size(int storage) { return storage_element_size(storage); }
 
 void swap_buffer(unsigned char *raw, int64_t count, int size) {
   if (size == 2) {
@@ -51,6 +41,13 @@ void swap_buffer(unsigned char *raw, int64_t count, int size) {
       memcpy(&v, raw + 4 * i, 4);
       v = __builtin_bswap32(v);
       memcpy(raw + 4 * i, &v, 4);
+    }
+  } else if (size == 8) {
+    for (int64_t i = 0; i < count; i++) {
+      uint64_t v;
+      memcpy(&v, raw + 8 * i, 8);
+      v = __builtin_bswap64(v);
+      memcpy(raw + 8 * i, &v, 8);
     }
   }
 }
@@ -90,6 +87,21 @@ void convert(unsigned char *raw, int64_t count, int storage, bool swap, bool pai
       break;
     case STORAGE_UCHAR:
       convert_elements<uint8_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_DOUBLE:
+      convert_elements<double>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_CHAR:
+      convert_elements<int8_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_UINT32:
+      convert_elements<uint32_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_INT64:
+      convert_elements<int64_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_UINT64:
+      convert_elements<uint64_t>(raw, count, pairs, slope, offset, out);
       break;
     default:
       convert_elements<float>(raw, count, pairs, slope, offset, out);
@@ -389,6 +401,7 @@ void set_read_geometry(data_stack *s, const XD_HEADER &h) {
   s->lDOF = h.lDOF;
   s->ijk_to_xyz = h.ijk_to_xyz;
   s->xyz_to_ijk = h.xyz_to_ijk;
+  memcpy(s->description, h.description, sizeof s->description);
 }
 
 void clear_registration_distortions() { registration_distortions = data_stack{}; }

@@ -164,7 +164,8 @@ def test_paged_text_headers_and_structure():
                  "normalize-BOLD", "normalize-IRON", "notify", "output-format", "IRF",
                  "HRF-file", "conditions", "convolve-table", "runs:",
                  "square", "gamma", "sine", "cosine", "ramp-up", "ramp-down", "drug-IRF",
-                 "table", "interaction", "exclusion", "BOLD-monkey", "IRON-rat",
+                 "table", "interaction", "exclusion", "BOLD-monkey", "IRON-rat", "BOLD-human",
+                 "TR", "confounds", "events.tsv", "trial_type",
                  ".nii.gz", ".bshort", ".bfloat", ".blong", ".ushort", ".img", ".bhdr"):
         assert word in body, word
 

@@ -163,4 +163,4 @@ def test_diagnostics_need_a_time_constant_and_a_glm(kep):
     Study(nimg=20).write(kep.dir, np.random.default_rng(1).normal(100, 1, (3, 2, 2, 40)))
     r = kep.stdin("GLM-histogram\nread-GLM study.glm\nGLM-vary-tau 3 timing\nquit\n")
     assert "Error: Stack glm does not exist." in r.stderr
-    assert "neither gamma events nor a response function" in r.stderr, r
+    assert "no gamma events and no response function of exponentials" in r.stderr, r
