@@ -145,7 +145,7 @@ int act_on_macro(int index, char *arguments);
 int command_count();
 const char *command_name(int index);
 const char *variable_name(int index);
-constexpr int NUMBER_OF_COMMANDS = 114;
+constexpr int NUMBER_OF_COMMANDS = 115;
 constexpr int NUMBER_OF_VARIABLES = 24;
 constexpr int MACRO_OFFSET = 150;
 
