@@ -52,8 +52,10 @@ struct LineSet {
 // the copies: line sample (j + n/2) mod n goes to buffer index j before the
 // transform, buffer index (m + (n+1)/2) mod n comes back to sample m after
 // it, so the zero frequency sits at index n/2 in both domains, also for odd
-// n. The result is multiplied by `factor`. Returns 1 when memory runs out.
-int transform_lines(const LineSet &lines, int sign, double factor) {
+// n. Each result is rounded to float and then divided by `scale`, so the
+// forward transforms carry 1/N exactly as a float quotient. Returns 1 when
+// memory runs out.
+int transform_lines(const LineSet &lines, int sign, float scale) {
   const long n = lines.n;
   if (n < 1 || lines.nblocks < 1 || lines.ncolumns < 1) return 0;
   const long before = n / 2, after = (n + 1) / 2;
@@ -102,12 +104,12 @@ int transform_lines(const LineSet &lines, int sign, double factor) {
         FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
         const fftw_complex *in = buf + b * n;
         for (long m = 0; m < n - after; m++) {
-          line[m].real = static_cast<float>(in[m + after][0] * factor);
-          line[m].imag = static_cast<float>(in[m + after][1] * factor);
+          line[m].real = static_cast<float>(in[m + after][0]) / scale;
+          line[m].imag = static_cast<float>(in[m + after][1]) / scale;
         }
         for (long m = n - after; m < n; m++) {
-          line[m].real = static_cast<float>(in[m - (n - after)][0] * factor);
-          line[m].imag = static_cast<float>(in[m - (n - after)][1] * factor);
+          line[m].real = static_cast<float>(in[m - (n - after)][0]) / scale;
+          line[m].imag = static_cast<float>(in[m - (n - after)][1]) / scale;
         }
       }
     }
@@ -134,8 +136,8 @@ int transform_lines(const LineSet &lines, int sign, double factor) {
         FCOMPLEX *dst = base + m * lines.stride + first;
         const fftw_complex *in = buf + row;
         for (long b = 0; b < count; b++) {
-          dst[b].real = static_cast<float>(in[b * n][0] * factor);
-          dst[b].imag = static_cast<float>(in[b * n][1] * factor);
+          dst[b].real = static_cast<float>(in[b * n][0]) / scale;
+          dst[b].imag = static_cast<float>(in[b * n][1]) / scale;
         }
       }
     }
@@ -158,8 +160,8 @@ LineSet spatial_lines(FCOMPLEX *data, IPOINT3D dim, long nt, int axis) {
 
 int transform_along(FCOMPLEX *data, IPOINT3D dim, long nt, int axis, int direction) {
   LineSet lines = spatial_lines(data, dim, nt, axis);
-  double factor = direction == -1 ? 1.0 / lines.n : 1.0;
-  return transform_lines(lines, direction == -1 ? FFTW_FORWARD : FFTW_BACKWARD, factor);
+  const float scale = direction == -1 ? static_cast<float>(lines.n) : 1.0f;
+  return transform_lines(lines, direction == -1 ? FFTW_FORWARD : FFTW_BACKWARD, scale);
 }
 
 // Number of volume-list entries.
@@ -234,7 +236,7 @@ int ft_time() {
     if (s == previous) continue;
     previous = s;
     LineSet lines{s->SpaceTime.fcData, 1, 0, s->n3d, s->n3d, s->nt};
-    transform_lines(lines, FFTW_FORWARD, 1.0);
+    transform_lines(lines, FFTW_FORWARD, 1.0f);
   }
   return 0;
 }
@@ -274,7 +276,8 @@ int smooth_in_kspace(float fwhm, int dimensions) {
   ft_1d(2, 1);
   if (dimensions == 3) ft_1d(3, 1);
 
-  const float c = 0.1404824543408127f / (fwhm * fwhm);
+  // 2 ln 2 / pi^2 over the squared width, divided in double and kept as a float.
+  const float c = static_cast<float>(0.1404824543408127 / static_cast<double>(fwhm * fwhm));
   // One factor per index along an axis; the weight of a sample is their product.
   auto axis_weights = [c](std::vector<float> &w, int n, float resolution) {
     w.resize(static_cast<size_t>(n));
@@ -297,11 +300,13 @@ int smooth_in_kspace(float fwhm, int dimensions) {
     else
       wz.assign(static_cast<size_t>(nz), 1.0f);
     FCOMPLEX *s = v->SpaceTime.fcData;
+    // The float product gx * gy * gz is formed left to right (gz is 1 in
+    // 2-D): another grouping rounds differently.
     for (int z = 0; z < nz; z++)
       for (int y = 0; y < ny; y++) {
-        const float gyz = wy[static_cast<size_t>(y)] * wz[static_cast<size_t>(z)];
+        const float gy = wy[static_cast<size_t>(y)], gz = wz[static_cast<size_t>(z)];
         for (int x = 0; x < nx; x++, s++) {
-          const float w = wx[static_cast<size_t>(x)] * gyz;
+          const float w = wx[static_cast<size_t>(x)] * gy * gz;
           s->real *= w;
           s->imag *= w;
         }

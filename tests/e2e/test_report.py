@@ -1,6 +1,7 @@
 """tools/kep-report: one self-contained HTML page per analysis."""
 import base64
 import io
+import re
 import subprocess
 import sys
 from html.parser import HTMLParser
@@ -9,7 +10,11 @@ import pytest
 
 from conftest import SOURCE
 
+import nibabel as nib
+import numpy as np
+
 plt = pytest.importorskip("matplotlib.image")
+multipletests = pytest.importorskip("statsmodels.stats.multitest").multipletests
 VOID = {"meta", "img", "br", "hr", "link", "input"}
 
 
@@ -41,7 +46,8 @@ def test_report_of_an_analysis_parses_embeds_its_pictures_and_covers_every_condi
                     "30"], check=True, capture_output=True)
     r = kep.script("read-GLM study.glm\naverage mean glm\nwrite-float mean.nii mean\n"
                    "GLM-write-design design.tsv\nsmooth-3d 5 glm\nGLM-fit-events effects\n"
-                   "write-float effects.nii effects\n", name="analyse.com")
+                   "write-float effects.nii effects\nGLM-map-conditions maps\nwrite-float maps.nii maps\n"
+                   "clusters 3 4 blobs maps>19\n", name="analyse.com")
     assert "Fatal" not in r.stderr, r
     kep.path("analysis.log").write_text(r.stdout)
     p = subprocess.run([str(SOURCE / "tools" / "kep-report"), str(kep.dir), "-o", str(kep.dir / "r.html")],
@@ -58,5 +64,19 @@ def test_report_of_an_analysis_parses_embeds_its_pictures_and_covers_every_condi
     conditions = [s for s, _ in page.sections if s is not None]
     assert conditions == ["1", "2", "3", "1-2"]
     assert all(count >= 1 for s, count in page.sections if s is not None)
-    methods = kep.path("r.html").read_text().split('class="methods">')[1]
+    text = kep.path("r.html").read_text()
+    methods = text.split('class="methods">')[1]
     assert "2 runs of 30 images each" in methods and "5 mm FWHM" in methods
+    # Condition 1-2: the FDR count of an independent Benjamini-Hochberg over the head's
+    # fitted voxels, and the cluster table as kep wrote it.
+    section = text.split('data-condition="1-2"')[1]
+    maps = np.asanyarray(nib.load(kep.path("maps.nii")).dataobj)
+    mean = np.asanyarray(nib.load(kep.path("mean.nii")).dataobj).reshape(maps.shape[:3])
+    tested = (maps[..., 16] > 0) & (mean != 0)
+    reject = multipletests(maps[..., 18][tested], 0.05, "fdr_bh")[0]
+    assert f'<span class="fdr">{reject.sum()}</span> of {tested.sum()} voxels' in section
+    rows = [line.split() for line in kep.path("blobs.clusters").read_text().splitlines() if line[0] != "#"]
+    assert rows
+    shown = re.findall(r"<tr>((?:<td>[^<]*</td>)+)</tr>", section.split("blobs.clusters")[1])[:len(rows)]
+    np.testing.assert_allclose([[float(v) for v in re.findall(r"<td>([^<]*)</td>", tr)] for tr in shown],
+                               np.array(rows, dtype=float), rtol=1e-5)
