@@ -3,6 +3,7 @@
 // exponential weighting along x and the edge filter.
 #include <fftw3.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -384,11 +385,17 @@ int edge_filter() {
   for (volume_list *v = volume_list_root; v; v = v->next) {
     const int nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
     const long n2d = static_cast<long>(nx) * ny, n3d = n2d * nz;
-    // The wrap maps -1 and n-1 to 0 but leaves n, so the neighbour right of
-    // the last column is the first sample of the next row. Reads that leave
-    // the volume count as amplitude 0.
-    amplitude.resize(static_cast<size_t>(n3d));
-    for (long n = 0; n < n3d; n++) amplitude[static_cast<size_t>(n)] = volume_amp(v, n);
+    // The wrap maps -1 and n-1 to 0 but leaves n, so the neighbour below the
+    // last row is the first row of the next slice, and past the last slice
+    // the first row of the stack's next volume. Reads that leave the stack
+    // count as amplitude 0.
+    long reach = n3d + nx + 1;  // the farthest read: row ny, column nx of the last slice
+    if (v->stack != nullptr)
+      reach = std::min(reach,
+                       static_cast<long>(v->stack->n4d - (v->SpaceTime.fcData - v->stack->SpaceTime.fcData)));
+    reach = std::max(reach, n3d);
+    amplitude.resize(static_cast<size_t>(reach));
+    for (long n = 0; n < reach; n++) amplitude[static_cast<size_t>(n)] = volume_amp(v, n);
     result.assign(static_cast<size_t>(n3d), FCOMPLEX{0.0f, 0.0f});
     for (int z = 0; z < nz; z++)
       for (int x = 0; x < nx; x++)
@@ -403,7 +410,7 @@ int edge_filter() {
               if (yy < 0) yy = ny - 1;
               if (yy == ny - 1) yy = 0;
               const long index = z * n2d + static_cast<long>(yy) * nx + xx;
-              const float amp = index < n3d ? amplitude[static_cast<size_t>(index)] : 0.0f;
+              const float amp = index < reach ? amplitude[static_cast<size_t>(index)] : 0.0f;
               gx += static_cast<float>(kernel[a][b]) * amp;
               gy += static_cast<float>(kernel[b][a]) * amp;
               sum += amp;
