@@ -8,7 +8,8 @@
 
 GLM_INPUT GLM_input;
 hrf_struct HRF;
-glm_struct GLM;
+glm_struct glm_model;
+constinit thread_local glm_struct *glm_current = &glm_model;
 
 void (*GLMInternal_terminate_hook)() = nullptr;
 

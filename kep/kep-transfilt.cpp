@@ -4,6 +4,7 @@
 #include <fftw3.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "kep-prototypes.h"
+#include "threads.h"
 
 namespace {
 
@@ -49,6 +51,67 @@ struct LineSet {
   int n;
 };
 
+// One pass over up to `batch` contiguous lines from block `first` on.
+void contiguous_pass(const LineSet &lines, fftw_plan plan, fftw_complex *buf, long batch, long first,
+                     float scale) {
+  const long n = lines.n, before = n / 2, after = (n + 1) / 2;
+  long count = lines.nblocks - first < batch ? lines.nblocks - first : batch;
+  for (long b = 0; b < count; b++) {
+    const FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
+    fftw_complex *out = buf + b * n;
+    for (long j = 0; j < n - before; j++) {
+      out[j][0] = line[j + before].real;
+      out[j][1] = line[j + before].imag;
+    }
+    for (long j = n - before; j < n; j++) {
+      out[j][0] = line[j - (n - before)].real;
+      out[j][1] = line[j - (n - before)].imag;
+    }
+  }
+  if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
+  fftw_execute_dft(plan, buf, buf);
+  for (long b = 0; b < count; b++) {
+    FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
+    const fftw_complex *in = buf + b * n;
+    for (long m = 0; m < n - after; m++) {
+      line[m].real = static_cast<float>(in[m + after][0]) / scale;
+      line[m].imag = static_cast<float>(in[m + after][1]) / scale;
+    }
+    for (long m = n - after; m < n; m++) {
+      line[m].real = static_cast<float>(in[m - (n - after)][0]) / scale;
+      line[m].imag = static_cast<float>(in[m - (n - after)][1]) / scale;
+    }
+  }
+}
+
+// One pass over up to `batch` strided lines of `block`, from column `first` on.
+void strided_pass(const LineSet &lines, fftw_plan plan, fftw_complex *buf, long batch, long block, long first,
+                  float scale) {
+  const long n = lines.n, before = n / 2, after = (n + 1) / 2;
+  FCOMPLEX *base = lines.data + block * lines.block_stride;
+  long count = lines.ncolumns - first < batch ? lines.ncolumns - first : batch;
+  if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
+  for (long j = 0; j < n; j++) {
+    long row = j + before < n ? j + before : j + before - n;
+    const FCOMPLEX *src = base + row * lines.stride + first;
+    fftw_complex *out = buf + j;
+    for (long b = 0; b < count; b++) {
+      out[b * n][0] = src[b].real;
+      out[b * n][1] = src[b].imag;
+    }
+  }
+  fftw_execute_dft(plan, buf, buf);
+  for (long m = 0; m < n; m++) {
+    long row = m + after < n ? m + after : m + after - n;
+    FCOMPLEX *dst = base + m * lines.stride + first;
+    const fftw_complex *in = buf + row;
+    for (long b = 0; b < count; b++) {
+      dst[b].real = static_cast<float>(in[b * n][0]) / scale;
+      dst[b].imag = static_cast<float>(in[b * n][1]) / scale;
+    }
+  }
+}
+
 // Transforms every line of `lines` with the centring permutation folded into
 // the copies: line sample (j + n/2) mod n goes to buffer index j before the
 // transform, buffer index (m + (n+1)/2) mod n comes back to sample m after
@@ -59,7 +122,6 @@ struct LineSet {
 int transform_lines(const LineSet &lines, int sign, float scale) {
   const long n = lines.n;
   if (n < 1 || lines.nblocks < 1 || lines.ncolumns < 1) return 0;
-  const long before = n / 2, after = (n + 1) / 2;
   const bool contiguous = lines.stride == 1 && lines.ncolumns == 1;
 
   // Lines per pass: contiguous lines are taken from consecutive blocks,
@@ -82,67 +144,31 @@ int transform_lines(const LineSet &lines, int sign, float scale) {
     kep_text(2, "The Fourier transform could not be planned.");
     return 1;
   }
-  fftw_complex *buf = buffer.data;
-
-  if (contiguous) {
-    for (long first = 0; first < lines.nblocks; first += batch) {
-      long count = lines.nblocks - first < batch ? lines.nblocks - first : batch;
-      for (long b = 0; b < count; b++) {
-        const FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
-        fftw_complex *out = buf + b * n;
-        for (long j = 0; j < n - before; j++) {
-          out[j][0] = line[j + before].real;
-          out[j][1] = line[j + before].imag;
-        }
-        for (long j = n - before; j < n; j++) {
-          out[j][0] = line[j - (n - before)].real;
-          out[j][1] = line[j - (n - before)].imag;
-        }
-      }
-      if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
-      fftw_execute(plan.plan);
-      for (long b = 0; b < count; b++) {
-        FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
-        const fftw_complex *in = buf + b * n;
-        for (long m = 0; m < n - after; m++) {
-          line[m].real = static_cast<float>(in[m + after][0]) / scale;
-          line[m].imag = static_cast<float>(in[m + after][1]) / scale;
-        }
-        for (long m = n - after; m < n; m++) {
-          line[m].real = static_cast<float>(in[m - (n - after)][0]) / scale;
-          line[m].imag = static_cast<float>(in[m - (n - after)][1]) / scale;
-        }
-      }
-    }
-    return 0;
-  }
-
-  for (long block = 0; block < lines.nblocks; block++) {
-    FCOMPLEX *base = lines.data + block * lines.block_stride;
-    for (long first = 0; first < lines.ncolumns; first += batch) {
-      long count = lines.ncolumns - first < batch ? lines.ncolumns - first : batch;
-      if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
-      for (long j = 0; j < n; j++) {
-        long row = j + before < n ? j + before : j + before - n;
-        const FCOMPLEX *src = base + row * lines.stride + first;
-        fftw_complex *out = buf + j;
-        for (long b = 0; b < count; b++) {
-          out[b * n][0] = src[b].real;
-          out[b * n][1] = src[b].imag;
-        }
-      }
-      fftw_execute(plan.plan);
-      for (long m = 0; m < n; m++) {
-        long row = m + after < n ? m + after : m + after - n;
-        FCOMPLEX *dst = base + m * lines.stride + first;
-        const fftw_complex *in = buf + row;
-        for (long b = 0; b < count; b++) {
-          dst[b].real = static_cast<float>(in[b * n][0]) / scale;
-          dst[b].imag = static_cast<float>(in[b * n][1]) / scale;
-        }
-      }
+  // Passes are handed out to the threads; each has its own buffer and runs
+  // the one plan on it, so every line is transformed alike whatever the thread.
+  const long column_passes = (lines.ncolumns + batch - 1) / batch;
+  const long passes = contiguous ? (lines.nblocks + batch - 1) / batch : lines.nblocks * column_passes;
+  int workers = worker_threads();
+  if (workers > passes) workers = static_cast<int>(passes);
+  std::vector<std::unique_ptr<FftwBuffer>> buffers(static_cast<size_t>(workers > 1 ? workers - 1 : 0));
+  for (auto &b : buffers) {
+    b = std::make_unique<FftwBuffer>(static_cast<size_t>(batch * n));
+    if (b->data == nullptr) {
+      kep_text(2, "Not enough memory for the Fourier transform buffer.");
+      return 1;
     }
   }
+  std::atomic<long> next{0};
+  run_workers(workers, [&](int worker) {
+    fftw_complex *buf = worker == 0 ? buffer.data : buffers[static_cast<size_t>(worker - 1)]->data;
+    for (long pass = next++; pass < passes; pass = next++) {
+      if (contiguous)
+        contiguous_pass(lines, plan.plan, buf, batch, pass * batch, scale);
+      else
+        strided_pass(lines, plan.plan, buf, batch, pass / column_passes, (pass % column_passes) * batch,
+                     scale);
+    }
+  });
   return 0;
 }
 
