@@ -22,28 +22,34 @@ bool has_signal(const float *data, int nt) {
   return false;
 }
 
-// The exact p of every condition at every fitted voxel with a signal.
+// The exact p of every condition at every fitted voxel with a signal; NaN
+// marks the voxels left out. Each voxel writes only its own slots.
 class ConditionPValues : public VoxelStep {
  public:
-  ConditionPValues(int nt, int conditions)
-      : nt_(nt), dof_(GLM_get_DOF()), p(static_cast<size_t>(conditions)) {}
-  int voxel(long, float *data, float *, float variance, bool skipped) override {
+  ConditionPValues(int nt, int conditions, long nvox)
+      : nt_(nt), dof_(GLM_get_DOF()), p(static_cast<size_t>(conditions), std::vector<double>(nvox, NAN)) {}
+  int voxel(long v, float *data, float *, float variance, bool skipped, float *) override {
     if (skipped || !has_signal(data, nt_)) return 0;
     for (size_t k = 0; k < p.size(); k++) {
       float stat = 0, pf = 1, pc = 1, effect = 0, error = 0;
       if (GLM_calculate_F(nt_, variance, 0, static_cast<int>(k), &stat, &pf, &pc, &effect, &error)) return 1;
       double exact = 1.0, z = 0.0;
       exact_p_and_z(GLM_get_last_F(), dof_, GLM.ncontrasts[k], effect < 0.0f, &exact, &z);
-      p[k].push_back(exact);
+      p[k][static_cast<size_t>(v)] = exact;
     }
     return 0;
+  }
+  // The p of condition k at the voxels that have one, in voxel order.
+  std::vector<double> values(size_t k) const {
+    std::vector<double> out;
+    for (double x : p[k])
+      if (!std::isnan(x)) out.push_back(x);
+    return out;
   }
 
  private:
   int nt_;
   double dof_;
-
- public:
   std::vector<std::vector<double>> p;
 };
 
@@ -129,7 +135,7 @@ class BestTiming : public VoxelStep {
   BestTiming(int nt, long nvox)
       : nt_(nt), F(static_cast<size_t>(nvox), -1.0), tau(static_cast<size_t>(nvox), 0.0f) {}
   void set_tau(float value) { tau_ = value; }
-  int voxel(long v, float *data, float *, float variance, bool skipped) override {
+  int voxel(long v, float *data, float *, float variance, bool skipped, float *) override {
     if (skipped || !has_signal(data, nt_)) return 0;
     float stat = 0, p = 1, pc = 1, effect = 0, error = 0;
     if (GLM_calculate_F(nt_, variance, 0, 0, &stat, &p, &pc, &effect, &error)) return 1;
@@ -214,17 +220,19 @@ int glm_histogram_unbiased() {
     kep_text(2, "GLM-histogram: the GLM control file names no conditions.");
     return 1;
   }
-  ConditionPValues step(f.nt, count);
+  ConditionPValues step(f.nt, count, f.nvox);
   if (glm_run_fit(f, step)) return 1;
-  if (step.p[0].empty()) {
+  std::vector<std::vector<double>> p;
+  for (int k = 0; k < count; k++) p.push_back(step.values(static_cast<size_t>(k)));
+  if (p[0].empty()) {
     kep_text(2, "GLM-histogram: no voxel of stack glm has a signal to fit.");
     return 1;
   }
   const char *where = f.masked ? "voxels in the GLM mask" : "voxels with a signal";
   std::vector<int> pooled(HISTOGRAM_BINS, 0);
   for (int k = 0; k < count; k++) {
-    print_distribution(GLM.condition_string[k], step.p[static_cast<size_t>(k)], where);
-    count_bins(step.p[static_cast<size_t>(k)], pooled);
+    print_distribution(GLM.condition_string[k], p[static_cast<size_t>(k)], where);
+    count_bins(p[static_cast<size_t>(k)], pooled);
   }
   FILE *file = fopen("hist.dat", "w");
   if (file == nullptr) {
