@@ -7,6 +7,7 @@
 #include "util.h"
 
 void *kep_exit_trap = nullptr;
+int kep_batch_run = 0;
 
 void kep_exit(int status) {
   fflush(stdout);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "glm.h"
+#include "kep-interrupt.h"
 #include "kep-prototypes.h"
 
 namespace {
@@ -124,6 +125,7 @@ int block_pass(const Frame &f, Each each) {
   std::vector<float> data(f.nt), fit(f.nt), zero_beta(ncoeff > 0 ? ncoeff : 1, 0.0f);
   std::vector<int> kept;
   for (long v0 = 0; v0 < f.nvox; v0 += BLOCK_VOXELS) {
+    if (kep_interrupted()) return 1;
     const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.nvox - v0));
     gather(f, v0, n, rows.data());
     const int m = pack_active(rows.data(), n, f.nt, kept, packed);
@@ -216,6 +218,7 @@ int run_fit(const Frame &f, VoxelStep &step) {
   std::vector<float> rows(static_cast<size_t>(f.nt) * BLOCK_VOXELS);
   std::vector<float> data(f.nt), fit(f.nt), coefficients(p + 1);
   for (long v0 = 0; v0 < f.nvox; v0 += BLOCK_VOXELS) {
+    if (kep_interrupted()) return 1;
     const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.nvox - v0));
     gather(f, v0, n, rows.data());
     for (int i = 0; i < n; i++) {
@@ -395,6 +398,7 @@ int glm_remove_or_correct_baseline(int kind) {
   Frame f;
   if (open_frame(f, false)) return 1;
   Baseline step(f, kind);
+  rewriting(f.stack);
   return run_fit(f, step);
 }
 

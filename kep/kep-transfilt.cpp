@@ -10,6 +10,7 @@
 #include <new>
 #include <vector>
 
+#include "kep-interrupt.h"
 #include "kep-prototypes.h"
 
 namespace {
@@ -83,6 +84,7 @@ int transform_lines(const LineSet &lines, int sign, double factor) {
 
   if (contiguous) {
     for (long first = 0; first < lines.nblocks; first += batch) {
+      if (kep_interrupted()) return 1;
       long count = lines.nblocks - first < batch ? lines.nblocks - first : batch;
       for (long b = 0; b < count; b++) {
         const FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
@@ -117,6 +119,7 @@ int transform_lines(const LineSet &lines, int sign, double factor) {
   for (long block = 0; block < lines.nblocks; block++) {
     FCOMPLEX *base = lines.data + block * lines.block_stride;
     for (long first = 0; first < lines.ncolumns; first += batch) {
+      if (kep_interrupted()) return 1;
       long count = lines.ncolumns - first < batch ? lines.ncolumns - first : batch;
       if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
       for (long j = 0; j < n; j++) {
@@ -219,9 +222,11 @@ int ft_1d(int axis, int direction) {
     data_stack *s = v->stack;
     if (s == previous) continue;
     previous = s;
+    if (kep_interrupted()) return 1;
+    rewriting(s);
     transform_along(s->SpaceTime.fcData, s->dim, s->nt, axis, direction);
   }
-  return 0;
+  return kep_interrupted() ? 1 : 0;
 }
 
 int ft_time() {
@@ -233,10 +238,12 @@ int ft_time() {
     data_stack *s = v->stack;
     if (s == previous) continue;
     previous = s;
+    if (kep_interrupted()) return 1;
+    rewriting(s);
     LineSet lines{s->SpaceTime.fcData, 1, 0, s->n3d, s->n3d, s->nt};
     transform_lines(lines, FFTW_FORWARD, 1.0);
   }
-  return 0;
+  return kep_interrupted() ? 1 : 0;
 }
 
 int fft_volume(volume_list *vol, int dimension, int direction) {
@@ -289,6 +296,7 @@ int smooth_in_kspace(float fwhm, int dimensions) {
   const int count = count_entries();
   int i = 0;
   for (volume_list *v = volume_list_root; v; v = v->next, i++) {
+    if (kep_interrupted()) return 1;
     const int nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
     axis_weights(wx, nx, v->stack->resolution.x);
     axis_weights(wy, ny, v->stack->resolution.y);
@@ -312,7 +320,7 @@ int smooth_in_kspace(float fwhm, int dimensions) {
   ft_1d(1, -1);
   ft_1d(2, -1);
   if (dimensions == 3) ft_1d(3, -1);
-  return 0;
+  return kep_interrupted() ? 1 : 0;
 }
 
 int hamming_window(int kind) {
