@@ -23,6 +23,15 @@ constexpr int STORAGE_FLOAT = 2;
 constexpr int STORAGE_LONG = 3;
 constexpr int STORAGE_USHORT = 4;
 constexpr int STORAGE_UCHAR = 5;
+// Element types only NIfTI files carry; read, never written.
+constexpr int STORAGE_DOUBLE = 6;
+constexpr int STORAGE_CHAR = 7;
+constexpr int STORAGE_UINT32 = 8;
+constexpr int STORAGE_INT64 = 9;
+constexpr int STORAGE_UINT64 = 10;
+
+// Bytes of one stored element of a storage type (0 for an unknown code).
+int storage_element_size(int storage);
 
 // Data type codes.
 constexpr int DATA_MAGNITUDE = 0;
@@ -40,8 +49,14 @@ constexpr int NIFTI_INT32 = 8;
 constexpr int NIFTI_FLOAT32 = 16;
 constexpr int NIFTI_COMPLEX64 = 32;
 constexpr int NIFTI_UINT16 = 512;
+constexpr int NIFTI_FLOAT64 = 64;
+constexpr int NIFTI_INT8 = 256;
+constexpr int NIFTI_UINT32 = 768;
+constexpr int NIFTI_INT64 = 1024;
+constexpr int NIFTI_UINT64 = 1280;
 constexpr int NIFTI_DOF_ECODE = 20;
 constexpr int NIFTI_HEADER_SIZE = 348;
+constexpr int NIFTI2_HEADER_SIZE = 540;
 
 struct XD_HEADER {
   char file_name[KEP_LINE];
@@ -69,11 +84,15 @@ struct XD_HEADER {
   float qfac;
   POINT3D quaternion;
   int registration;
+  char description[80];  // NIfTI descrip, carried to the files written from the data
 };
 
 // The one entry point: decodes the header of the volume file `name`.
 // 0 on success, 1 on failure (message printed).
 int read_volume_header(const char *name, XD_HEADER *header);
+// The same without the report of the NIfTI orientation method: for callers
+// that want a file's size and timing, not its data.
+int read_volume_header_quietly(const char *name, XD_HEADER *header);
 
 // The format readers, called by read_volume_header on an initialised header.
 int read_xdisplay_header(const char *name, XD_HEADER *header);
@@ -82,8 +101,9 @@ int read_freesurfer_header(const char *name, XD_HEADER *header);
 
 // Decodes the text lines of an open ".hdr"; `header_name` is used in messages.
 int read_xdisplay_header_stream(FILE *file, const char *header_name, XD_HEADER *header);
-// Decodes a NIfTI-1 header held in memory: the 348 bytes followed by what
-// the file holds after them (`size` bytes in all). `size` must be >= 348.
+// Decodes a NIfTI-1 or NIfTI-2 header held in memory: the 348 (540) bytes
+// followed by what the file holds after them (`size` bytes in all). `size`
+// must be >= 348, and >= 540 when the first four bytes announce NIfTI-2.
 int decode_nifti_header(const unsigned char *bytes, size_t size, const char *header_name, XD_HEADER *header);
 
 // One ".hdr" line: 0 decoded, 1 bad line, -1 information keyword (ends the header).

@@ -9,7 +9,41 @@
 void *kep_exit_trap = nullptr;
 int kep_batch_run = 0;
 
+namespace {
+FILE *real_stdout = nullptr;
+char *held_text = nullptr;
+size_t held_size = 0;
+}  // namespace
+
+void begin_output_capture() {
+  if (real_stdout != nullptr) return;
+  fflush(stdout);
+  FILE *held = open_memstream(&held_text, &held_size);
+  if (held == nullptr) return;  // printed straight away instead
+  real_stdout = stdout;
+  stdout = held;
+}
+
+char *end_output_capture(size_t *size) {
+  *size = 0;
+  if (real_stdout == nullptr) return nullptr;
+  fclose(stdout);
+  stdout = real_stdout;
+  real_stdout = nullptr;
+  char *text = held_text;
+  *size = held_size;
+  held_text = nullptr;
+  held_size = 0;
+  return text;
+}
+
 void kep_exit(int status) {
+  if (real_stdout != nullptr) {
+    size_t size = 0;
+    char *text = end_output_capture(&size);
+    if (text != nullptr) fwrite(text, 1, size, stdout);
+    free(text);
+  }
   fflush(stdout);
   if (kep_exit_trap != nullptr) longjmp(*static_cast<jmp_buf *>(kep_exit_trap), 1);
   exit(status);
@@ -56,7 +90,7 @@ void release_matrix(T **m, long rows) {
 
 }  // namespace
 
-#define KEP_VECTOR(type, name)                                                    \
+#define KEP_VECTOR(type, name)                                                                         \
   type *name##_vector(long n) { return allocate<type>(n, "Allocation error in " #name "_vector()."); } \
   void free_##name##_vector(type *v) { free(v); }
 
@@ -75,11 +109,11 @@ KEP_VECTOR(DCOMPLEX, dcomplex)
 KEP_VECTOR(LCOMPLEX, lcomplex)
 KEP_VECTOR(SCOMPLEX, scomplex)
 
-#define KEP_MATRIX(type, name)                                                      \
-  type **name##_matrix(long rows, long columns) {                                   \
+#define KEP_MATRIX(type, name)                                                                 \
+  type **name##_matrix(long rows, long columns) {                                              \
     return allocate_matrix<type>(rows, columns, "Allocation failure 1 in " #name "_matrix().", \
-                                 "Allocation failure 2 in " #name "_matrix().");   \
-  }                                                                                 \
+                                 "Allocation failure 2 in " #name "_matrix().");               \
+  }                                                                                            \
   void free_##name##_matrix(type **m, long rows) { release_matrix(m, rows); }
 
 KEP_MATRIX(float, float)

@@ -234,7 +234,7 @@ int GLM_define_basis_functions() {
     return 1;
   }
   GLM.initialized = 1;
-  GLM.nbaseline = GLM.nruns * GLM_input.nbaseline_terms;
+  GLM.nbaseline = GLM.nruns * GLM_input.nbaseline_terms + static_cast<int>(GLM.confound_name.size());
   GLM.ncoeff = GLM.nevents + GLM.nbaseline;
   GLM.ntable_events = 0;
   const int ncoeff = GLM.ncoeff;
@@ -315,6 +315,7 @@ int GLM_define_basis_functions() {
       }
     }
   }
+  GLMInternal_fill_confounds(GLM.nevents + GLM.nruns * GLM_input.nbaseline_terms);
   for (int t = 0; t < ntime; t++) {
     std::memcpy(GLM.Xorig_tc[t], GLM.X_tc[t], sizeof(float) * ncoeff);
     if (!GLM.include_time[t]) std::fill(GLM.X_tc[t], GLM.X_tc[t] + ncoeff, 0.0f);
@@ -351,5 +352,9 @@ void GLM_describe_basis_functions() {
   for (int k = 0; k < GLM_input.nbaseline_terms && GLM.nruns > 0; k++)
     for (int r = 0; r < GLM.nruns; r++)
       printf("%3d %s%d\n", GLM.nevents + k * GLM.nruns + r, terms[k], r + 1);
+  const int confounds = GLM.nevents + GLM.nruns * GLM_input.nbaseline_terms;
+  for (size_t k = 0; k < GLM.confound_name.size(); k++)
+    printf("%3d %s%d\n", confounds + static_cast<int>(k), GLM.confound_name[k].c_str(),
+           GLM.confound_run[k] + 1);
   printf("\n");
 }

@@ -180,6 +180,32 @@ int GLMInternal_decode_keyword(const char *line) {
     }
     return 0;
   }
+  if (strcmp(key, "TR") == 0) {
+    float tr;
+    if (sscanf(args, "%f", &tr) != 1 || !(tr > 0.0f) || !std::isfinite(tr)) {
+      printf("Error: `TR' requires the time between volumes in seconds (> 0).\n");
+      return -1;
+    }
+    GLM_input.TR = tr;
+    return 0;
+  }
+  if (strcmp(key, "confounds") == 0) {
+    // Several lines add up.
+    char text[GLM_NAME_LENGTH];
+    snprintf(text, sizeof text, "%s", args);
+    text[strcspn(text, "\r\n")] = '\0';
+    if (GLMInternal_blank(text)) {
+      printf("Error: `confounds' requires column names of the table files.\n");
+      return -1;
+    }
+    const size_t used = strlen(GLM_input.confounds);
+    if (used + strlen(text) + 2 > sizeof GLM_input.confounds) {
+      printf("Error: the `confounds' lines name more than %d characters of columns.\n", GLM_NAME_LENGTH - 2);
+      return -1;
+    }
+    snprintf(GLM_input.confounds + used, sizeof GLM_input.confounds - used, "%s%s", used ? " " : "", text);
+    return 0;
+  }
   if (strcmp(key, "runs:") == 0 || strcmp(key, "runs") == 0) return 1;
   return -1;
 }
@@ -228,12 +254,17 @@ int GLM_read_control_file(const char *file_name, int verbose) {
     snprintf(GLM_input.glm_name[r], GLM_NAME_LENGTH, "%s", glm);
     snprintf(GLM_input.table_name[r], GLM_NAME_LENGTH, "%s", table);
     // Event lines may refer to table columns, so the table comes first.
-    if (GLM_read_table_file(GLM_input.table_name[r], r)) return 1;
-    if (GLM_read_event_file(GLM_input.glm_name[r], r)) return 1;
+    // A ".tsv" table only provides confounds; a ".tsv" event file is BIDS.
+    if (!GLM_is_tsv_name(table) && GLM_read_table_file(GLM_input.table_name[r], r)) return 1;
+    if (GLM_is_tsv_name(glm) ? GLM_read_bids_events(GLM_input.glm_name[r], r)
+                             : GLM_read_event_file(GLM_input.glm_name[r], r))
+      return 1;
+    if (GLM_read_confounds(GLM_input.table_name[r], r)) return 1;
     GLM_input.nruns++;
     GLM.nruns++;
   }
   file.reset();
+  GLM_describe_trial_types();
 
   // Back-to-back blocks must not share a sample once they are convolved.
   if (HRF.nhrf) {

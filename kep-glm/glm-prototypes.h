@@ -45,6 +45,8 @@ int GLMInternal_event_index(int number);
 
 // Design matrix.
 int GLMInternal_oversampling(int *n);
+// Puts the confound regressors into X_tc from column `first_column` on.
+void GLMInternal_fill_confounds(int first_column);
 int GLMInternal_create_stimulus_paradigm(int e, int n, float *buffer);
 int GLMInternal_create_table(int e, int n, float *buffer);
 void GLMInternal_create_interaction(int e, float *buffer);

@@ -182,7 +182,15 @@ int GLM_read_hrf_file(int verbose, const char *name) {
                                    {"IRON-monkey", {1.5f, 4.5f, 13.5f}, {0.33f, 0.67f}},
                                    {"BOLD-rat", {0.5f, 2.5f, 13.5f}, {0.7f, -0.3f}},
                                    {"IRON-rat", {0.5f, 2.5f, 13.5f}, {0.33f, 0.67f}}};
-  bool found = false;
+  // The human response: a gamma of shape 6 (peak at 5 s) less a sixth of a
+  // gamma of shape 16 (undershoot at 15 s), both of scale 1 s; no exponentials.
+  const bool human = strcmp(name, "BOLD-human") == 0;
+  if (human) {
+    HRF.time_length = 120.0f;
+    HRF.time_step = 0.1f;
+    HRF.nexp = 0;
+  }
+  bool found = human;
   for (const preset &p : presets) {
     if (strcmp(name, p.name) != 0) continue;
     HRF.time_length = 120.0f;
@@ -237,8 +245,17 @@ int GLM_read_hrf_file(int verbose, const char *name) {
       if (HRF.tau[k] != 0.0f) sum += HRF.time_step * HRF.weight[k] / HRF.tau[k] * exp(-t / HRF.tau[k]);
     HRF.amp[i] = static_cast<float>(sum);
   }
+  if (human) {
+    auto gamma_density = [](double t, double shape) {
+      return exp((shape - 1.0) * log(t) - t - lgamma(shape));
+    };
+    for (int i = 1; i < HRF.npoints; i++) {
+      const double t = i * static_cast<double>(HRF.time_step);
+      HRF.amp[i] = static_cast<float>(HRF.time_step * (gamma_density(t, 6.0) - gamma_density(t, 16.0) / 6.0));
+    }
+  }
   if (verbose) {
-    printf("\nHRF type   = %s\n", "exponential");
+    printf("\nHRF type   = %s\n", human ? "double-gamma" : "exponential");
     printf("IRF length = %g seconds, resolution = %g seconds\n", HRF.time_length, HRF.time_step);
     for (int k = 0; k < HRF.nexp; k++)
       printf("Amplitude of exponential of %g seconds = %g\n", HRF.tau[k], HRF.weight[k]);

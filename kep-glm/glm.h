@@ -17,6 +17,7 @@
 // that does not match the model in GLM_fit_data, and inconsistent internal state.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "util.h"
@@ -57,6 +58,8 @@ struct GLM_INPUT {
   char run_name[GLM_MAX_RUNS][GLM_NAME_LENGTH] = {};
   char glm_name[GLM_MAX_RUNS][GLM_NAME_LENGTH] = {};
   char table_name[GLM_MAX_RUNS][GLM_NAME_LENGTH] = {};
+  float TR = 0.0f;                       // `TR': seconds, for data whose header has none
+  char confounds[GLM_NAME_LENGTH] = "";  // `confounds': column names and patterns
 };
 
 // The impulse-response function shared by every event.
@@ -127,6 +130,14 @@ struct glm_struct {
   char condition_string[GLM_MAX_CONDITIONS][GLM_NAME_LENGTH] = {};
   fmatrix FCovar[GLM_MAX_CONDITIONS];     // C (X'X)^-1 C'
   fmatrix FCovarInv[GLM_MAX_CONDITIONS];  // its inverse
+  // By event number: the trial type of a BIDS events file, "" for events of
+  // kep's own event files.
+  std::string trial_type[GLM_MAX_EVENTS];
+  // Nuisance regressors from the table files, one per run and column; their
+  // columns follow the polynomial baseline and count in nbaseline.
+  std::vector<std::string> confound_name;
+  std::vector<int> confound_run;
+  std::vector<std::vector<float>> confound_value;  // centred, one value per image of the run
 };
 
 extern GLM_INPUT GLM_input;
@@ -153,6 +164,14 @@ int GLM_EventStringFromInteger(int n, char *s);
 int GLM_read_event_file(const char *file_name, int run);
 int GLM_read_table_file(const char *file_name, int run);
 int GLM_read_hrf_file(int verbose, const char *name);
+// A run's event file whose name ends in ".tsv" is a BIDS events file; its
+// TR and length come from the run's data header (or the control file's TR).
+bool GLM_is_tsv_name(const char *name);
+int GLM_read_bids_events(const char *file_name, int run);
+// The columns that `confounds' names, from run r's table file (after its events).
+int GLM_read_confounds(const char *table_name, int run);
+// Prints "event 1 = faces" for every event that came from a trial type.
+void GLM_describe_trial_types();
 
 // Design matrix.
 int GLM_define_basis_functions();
@@ -188,6 +207,8 @@ int GLM_create_selective_residue(const char *selection, int nt, float *data, flo
 // Accessors of the model and of the last fit.
 int GLM_get_number_events();
 int GLM_get_event_number(int e);
+// The trial type of event e (0-based), "" when it came from a kep event file.
+const char *GLM_get_event_name(int e);
 float GLM_get_effect_size(int e);
 // Largest |C beta| over the rows of the conditions from `first_condition` on, sign kept.
 float GLM_get_maximal_effect_size(int first_condition);

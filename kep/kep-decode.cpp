@@ -114,8 +114,13 @@ int decode_subset(const char *subset, int nt, std::vector<int> &numbers) {
     for (int t = 0; t < nt; t++) numbers.push_back(t);
     return 0;
   }
+  // The limit is checked once the whole text has been read, so a syntax
+  // error later in the text is reported first. Past the limit only the count
+  // and the last value are kept: a run needs nothing more, and nothing more
+  // is ever shown.
   const char *p = subset;
   bool after_dash = false;
+  long count = 0, last = 0;
   while (true) {
     const char *end = p;
     while (*end != '\0' && *end != ',' && *end != '-') end++;
@@ -138,28 +143,29 @@ int decode_subset(const char *subset, int nt, std::vector<int> &numbers) {
     }
     value += io_increment;
     if (after_dash) {
-      if (numbers.empty()) {
+      if (count == 0) {
         kep_text(2, "bad syntax used in the list string.");
         return 1;
       }
-      long a = numbers.back();
-      numbers.pop_back();
-      long span = value >= a ? value - a : a - value;
-      if (static_cast<long>(numbers.size()) + span + 1 > MAX_NSET)
-        kep_text(3, "The # of volumes exceeds the program dimension MAX_NSET.");
-      if (value >= a)
-        for (long v = a; v <= value; v++) numbers.push_back(static_cast<int>(v));
-      else
-        for (long v = a; v >= value; v--) numbers.push_back(static_cast<int>(v));
+      const long a = last;
+      count += value >= a ? value - a : a - value;
+      if (count <= MAX_NSET) {
+        numbers.pop_back();
+        if (value >= a)
+          for (long v = a; v <= value; v++) numbers.push_back(static_cast<int>(v));
+        else
+          for (long v = a; v >= value; v--) numbers.push_back(static_cast<int>(v));
+      }
     } else {
-      if (static_cast<long>(numbers.size()) + 1 > MAX_NSET)
-        kep_text(3, "The # of volumes exceeds the program dimension MAX_NSET.");
-      numbers.push_back(static_cast<int>(value));
+      count++;
+      if (count <= MAX_NSET) numbers.push_back(static_cast<int>(value));
     }
+    last = value;
     if (*end == '\0') break;
     after_dash = (*end == '-');
     p = end + 1;
   }
+  if (count > MAX_NSET) kep_text(3, "The # of volumes exceeds the program dimension MAX_NSET.");
   for (int n : numbers) {
     if (n < 0 || n >= nt) {
       kep_text(2, "The list contains a number which is out of range.");

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "glm.h"
@@ -263,6 +264,12 @@ data_stack *create_map(const Frame &f, const char *name, int volumes) {
   return out;
 }
 
+// " (faces)" beside the number of an event that came from a trial type.
+std::string trial_type_of(int e) {
+  const char *name = GLM_get_event_name(e);
+  return name[0] ? std::string(" (") + name + ")" : std::string();
+}
+
 void store(data_stack *out, int volume, long v, float value) {
   out->SpaceTime.fcData[static_cast<long>(volume) * out->n3d + v] = {value, 0.0f};
 }
@@ -422,7 +429,7 @@ int glm_fit_events(const char *name) {
   FitEvents step(f.nt, nevents, f.nvox, out);
   if (run_fit(f, step)) return 1;
   printf("stack %s contains %d volumes in the following event order:\n", name, nevents);
-  for (int e = 0; e < nevents; e++) printf("event %d\n", GLM_get_event_number(e));
+  for (int e = 0; e < nevents; e++) printf("event %d%s\n", GLM_get_event_number(e), trial_type_of(e).c_str());
 
   long marked = 0;
   for (char m : step.mark) marked += m;
@@ -446,7 +453,7 @@ int glm_fit_events(const char *name) {
   }
   overlay.nvoxels = static_cast<int>(n);
   printf("\nAn overlay of %d voxels was defined.\n", overlay.nvoxels);
-  for (int e = 0; e < nevents; e++) printf("hist[%d] = %d for event %d\n", e, step.hist[e], GLM_get_event_number(e));
+  for (int e = 0; e < nevents; e++) printf("hist[%d] = %d for event %d%s\n", e, step.hist[e], GLM_get_event_number(e), trial_type_of(e).c_str());
   return 0;
 }
 

@@ -105,55 +105,63 @@ int help_menu(int level, const char *file_name) {
     if (s.menu > nmenus) nmenus = s.menu;
   }
 
-  // Level 0: the main menu, whose items open the menus; level 1: a menu's
-  // page; level 2: one item's text.
-  int depth = 0, menu = 0, item = 0;
+  // Item i of menu m is section (m, i). On the main menu a number for which
+  // menu 0 has no section of its own opens menu i, so the main menu offers
+  // items up to the larger of its own highest item and the highest menu.
+  auto item_count = [&](int m) {
+    int own = m < static_cast<int>(items.size()) ? items[m] : 0;
+    return m == 0 && nmenus > own ? nmenus : own;
+  };
+  int menu = 0, item = 0;
   if (level == 0 && !opening_topic.empty()) {
     // An item documents a command when its text begins with the command's name.
+    bool found = false;
     for (const Section &s : sections) {
       char first[KEP_LINE] = "";
       if (s.item < 1 || s.lines.empty() || next_word(s.lines[0].c_str(), first) == nullptr) continue;
       if (opening_topic == first) {
-        depth = 2, menu = s.menu, item = s.item;
+        menu = s.menu, item = s.item, found = true;
         break;
       }
     }
-    if (depth == 0) kep_textf(0, "There is no help item for `%s'.", opening_topic.c_str());
+    if (!found) kep_textf(0, "There is no help item for `%s'.", opening_topic.c_str());
     opening_topic.clear();
   }
   std::string answer;
   while (true) {
-    const Section *page = depth == 0 ? find_section(sections, 0, 0)
-                          : depth == 1 ? find_section(sections, menu, 0)
-                                       : find_section(sections, menu, item);
+    const Section *page = find_section(sections, menu, item);
     // An item whose text is the line "&pages" opens the paged help text.
-    if (depth == 2 && page != nullptr && !page->lines.empty() && page->lines[0].rfind("&pages", 0) == 0) {
+    if (item > 0 && page != nullptr && !page->lines.empty() && page->lines[0].rfind("&pages", 0) == 0) {
       print_help_page((std::string(home) + "/documentation/kep-pages.txt").c_str());
-      depth = 1;
+      item = 0;
       continue;
     }
     print_page(page);
-    if (!read_answer(depth == 0 ? "help > " : "help >> ", answer)) break;
-    int count = depth == 0 ? nmenus : (menu < static_cast<int>(items.size()) ? items[menu] : 0);
+    const bool top = menu == 0 && item == 0;
+    if (!read_answer(top ? "help > " : "help >> ", answer)) break;
+    int count = item_count(menu);
     if (answer == "q") break;
     if (answer.empty() || answer == "b") {
-      if (depth == 0) break;
-      depth--;
+      // Back one level: from an item to its menu, from a menu to the main menu.
+      if (top) break;
+      if (item > 0)
+        item = 0;
+      else
+        menu = 0;
       continue;
     }
-    if (answer == "0") {
-      depth = 0;
+    // Numbers are read as "%d" reads them: "2nd" is 2.
+    int choice = -1;
+    if (sscanf(answer.c_str(), "%d", &choice) == 1 && choice == 0) {
+      menu = item = 0;
       continue;
     }
-    int choice = 0;
-    char extra = 0;
-    if (sscanf(answer.c_str(), "%d%c", &choice, &extra) == 1 && choice >= 1 && choice <= count) {
-      if (depth == 0) {
+    if (choice >= 1 && choice <= count) {
+      if (menu == 0 && find_section(sections, 0, choice) == nullptr) {
         menu = choice;
-        depth = 1;
+        item = 0;
       } else {
         item = choice;
-        depth = 2;
       }
       continue;
     }

@@ -140,6 +140,7 @@ void take_geometry(volume_file *e, const data_stack *s) {
   e->registration = s->registration;
   e->lDOF = s->lDOF;
   e->resolution_t = s->resolution_t;
+  memcpy(e->description, s->description, sizeof e->description);
 }
 
 [[noreturn]] void empty_list() {
@@ -196,7 +197,8 @@ nifti_1_header nifti_header_for(int format, int storage, const volume_file *e) {
   n.pixdim[3] = e->resolution.z;
   n.pixdim[4] = e->resolution_t;
   n.vox_offset = format == FILE_NII ? (e->lDOF != 0 ? 368.0f : 352.0f) : 0.0f;
-  n.xyzt_units = 2;
+  n.xyzt_units = 2 | 8;  // millimetres and seconds
+  memcpy(n.descrip, e->description, sizeof n.descrip);
   n.qform_code = 1;
   n.sform_code = nifti_method == 2 ? 0 : 1;
   const float sx[4] = {e->resolution.x * e->direction.x, 0.0f, 0.0f, e->origin.x};

@@ -18,6 +18,7 @@
 #include "io.h"
 #include "kep-interrupt.h"
 #include "kep-prototypes.h"
+#include "kep-read.h"
 
 data_stack registration_distortions;
 
@@ -25,17 +26,7 @@ namespace {
 
 constexpr int STATUS_READ = 4;  // set on every stack made from a file
 
-int element_size(int storage) {
-  switch (storage) {
-    case STORAGE_SHORT:
-    case STORAGE_USHORT:
-      return 2;
-    case STORAGE_UCHAR:
-      return 1;
-    default:
-      return 4;
-  }
-}
+int element_size(int storage) { return storage_element_size(storage); }
 
 void swap_buffer(unsigned char *raw, int64_t count, int size) {
   if (size == 2) {
@@ -51,6 +42,13 @@ void swap_buffer(unsigned char *raw, int64_t count, int size) {
       memcpy(&v, raw + 4 * i, 4);
       v = __builtin_bswap32(v);
       memcpy(raw + 4 * i, &v, 4);
+    }
+  } else if (size == 8) {
+    for (int64_t i = 0; i < count; i++) {
+      uint64_t v;
+      memcpy(&v, raw + 8 * i, 8);
+      v = __builtin_bswap64(v);
+      memcpy(raw + 8 * i, &v, 8);
     }
   }
 }
@@ -91,24 +89,25 @@ void convert(unsigned char *raw, int64_t count, int storage, bool swap, bool pai
     case STORAGE_UCHAR:
       convert_elements<uint8_t>(raw, count, pairs, slope, offset, out);
       break;
+    case STORAGE_DOUBLE:
+      convert_elements<double>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_CHAR:
+      convert_elements<int8_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_UINT32:
+      convert_elements<uint32_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_INT64:
+      convert_elements<int64_t>(raw, count, pairs, slope, offset, out);
+      break;
+    case STORAGE_UINT64:
+      convert_elements<uint64_t>(raw, count, pairs, slope, offset, out);
+      break;
     default:
       convert_elements<float>(raw, count, pairs, slope, offset, out);
       break;
   }
-}
-
-// Samples for a whole file: large arrays ask for huge pages, which spares
-// the page faults that otherwise dominate reading a big file.
-std::unique_ptr<FCOMPLEX[]> allocate_samples(size_t count) {
-  std::unique_ptr<FCOMPLEX[]> samples(new (std::nothrow) FCOMPLEX[count]);
-  constexpr uintptr_t huge = uintptr_t{2} << 20;
-  const size_t bytes = count * sizeof(FCOMPLEX);
-  if (samples && bytes >= 2 * huge) {
-    const uintptr_t start = (reinterpret_cast<uintptr_t>(samples.get()) + huge - 1) & ~(huge - 1);
-    const uintptr_t end = (reinterpret_cast<uintptr_t>(samples.get()) + bytes) & ~(huge - 1);
-    if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
-  }
-  return samples;
 }
 
 struct file_closer {
@@ -373,7 +372,29 @@ int read_slice_files(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
   return 0;
 }
 
-void copy_geometry(data_stack *s, const XD_HEADER &h) {
+void print_off_diagonal_warning() {
+  printf("Warning: the stack has voxel indices            (i,j,k)\n");
+  printf("         that are not parallel with coordinates (x,y,z)\n.\n");
+  printf("         On output, (i,j,k) will map to (+-x,+-y,+-z).\n");
+}
+
+}  // namespace
+
+// Samples for a whole file: large arrays ask for huge pages, which spares
+// the page faults that otherwise dominate reading a big file.
+std::unique_ptr<FCOMPLEX[]> allocate_samples(size_t count) {
+  std::unique_ptr<FCOMPLEX[]> samples(new (std::nothrow) FCOMPLEX[count]);
+  constexpr uintptr_t huge = uintptr_t{2} << 20;
+  const size_t bytes = count * sizeof(FCOMPLEX);
+  if (samples && bytes >= 2 * huge) {
+    const uintptr_t start = (reinterpret_cast<uintptr_t>(samples.get()) + huge - 1) & ~(huge - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(samples.get()) + bytes) & ~(huge - 1);
+    if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
+  }
+  return samples;
+}
+
+void set_read_geometry(data_stack *s, const XD_HEADER &h) {
   s->status = STATUS_READ | (h.data_type == DATA_MAGNITUDE ? STATUS_POLAR : 0);
   s->registration = h.registration;
   s->resolution = h.resolution;
@@ -385,9 +406,8 @@ void copy_geometry(data_stack *s, const XD_HEADER &h) {
   s->lDOF = h.lDOF;
   s->ijk_to_xyz = h.ijk_to_xyz;
   s->xyz_to_ijk = h.xyz_to_ijk;
+  memcpy(s->description, h.description, sizeof s->description);
 }
-
-}  // namespace
 
 void clear_registration_distortions() { registration_distortions = data_stack{}; }
 
@@ -470,20 +490,51 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
     target->samples = std::move(data);
     target->SpaceTime.fcData = target->samples.get();
   }
-  copy_geometry(target, h);
-  if (h.off_diagonal) {
-    printf("Warning: the stack has voxel indices            (i,j,k)\n");
-    printf("         that are not parallel with coordinates (x,y,z)\n.\n");
-    printf("         On output, (i,j,k) will map to (+-x,+-y,+-z).\n");
-  }
-  if (distortions)
+  set_read_geometry(target, h);
+  if (distortions) {
+    if (h.off_diagonal) print_off_diagonal_warning();
     printf("%d volumes of size %d x %d x %d were stored as distortion maps\n", count, h.dim.x, h.dim.y,
            h.dim.z);
-  else if (count == 1)
+  } else {
+    report_read(h, count, stack_name);
+  }
+  return 0;
+}
+
+void report_read(const XD_HEADER &h, int count, const char *stack_name) {
+  if (h.off_diagonal) print_off_diagonal_warning();
+  if (count == 1)
     printf("%d volume of size %d x %d x %d was read and stored in stack %s\n", count, h.dim.x, h.dim.y,
            h.dim.z, stack_name);
   else
     printf("%d volumes of size %d x %d x %d were read and stored in stack %s\n", count, h.dim.x, h.dim.y,
            h.dim.z, stack_name);
-  return 0;
+}
+
+bool plan_whole_read(const char *file_name, planned_read *plan) {
+  XD_HEADER &h = plan->header;
+  if (read_volume_header(file_name, &h)) return false;
+  if (h.data_type == DATA_COMPLEX && h.dim.x % 2 != 0) return false;
+  if (h.nt < 1 || h.nt > MAX_NSET || h.file_type < 1 || h.file_type > FILE_FREESURFER) return false;
+  int64_t samples = 0;
+  if (!checked_product(h.n3d, h.nt, INT_MAX / 2, &samples)) return false;
+  plan->list.resize(static_cast<size_t>(h.nt));
+  for (int t = 0; t < h.nt; t++) plan->list[static_cast<size_t>(t)] = t;
+  if (h.file_type != FILE_FREESURFER) {
+    // The size check of a plain file, without its message.
+    const std::string name = data_file_name(h.file_name);
+    struct stat st;
+    if (!gzipped_nifti_name(name.c_str()) && stat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+      const long double volume = static_cast<long double>(h.n3d) * (h.data_type != DATA_MAGNITUDE ? 2 : 1) *
+                                 element_size(h.storage_type);
+      const long double needed = static_cast<long long>(h.voxel_offset) + volume * h.nt;
+      if (needed > static_cast<long double>(st.st_size)) return false;
+    }
+  }
+  return true;
+}
+
+int read_planned_volumes(const planned_read &plan, FCOMPLEX *out) {
+  return plan.header.file_type == FILE_FREESURFER ? read_slice_files(plan.header, plan.list, out)
+                                                  : read_single_file(plan.header, plan.list, out);
 }

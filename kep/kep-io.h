@@ -17,6 +17,7 @@ struct volume_file {
   int data_type = 0;  // storage code of the file
   int registration = 0;
   int lDOF = 0;
+  char description[80]{};
   std::unique_ptr<volume_file> next;
 };
 

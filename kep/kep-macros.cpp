@@ -9,6 +9,7 @@
 #include "glm.h"
 #include "io.h"
 #include "kep-prototypes.h"
+#include "kep-read.h"
 
 namespace {
 
@@ -134,22 +135,28 @@ int macro_read_glm_control_file(const char *arguments) {
     kep_textf(2, "Error reading the GLM control file %s\n", file);
     return 1;
   }
-  std::string names;
-  char line[3 * KEP_LINE];
-  for (int r = 0; r < GLM_input.nruns; r++) {
-    snprintf(line, sizeof line, "read %s glm_run%d\n", quoted_if_blank(GLM_input.run_name[r]).c_str(), r);
-    if (do_command(1, line)) return 1;
-    snprintf(line, sizeof line, r == 0 ? "glm_run%d" : " glm_run%d", r);
-    names += line;
+  // Plain volume files go straight into "glm"; anything else takes the
+  // way through one stack per run.
+  const int in_place = read_glm_runs_in_place();
+  if (in_place > 0) return 1;
+  if (in_place < 0) {
+    std::string names;
+    char line[3 * KEP_LINE];
+    for (int r = 0; r < GLM_input.nruns; r++) {
+      snprintf(line, sizeof line, "read %s glm_run%d\n", quoted_if_blank(GLM_input.run_name[r]).c_str(), r);
+      if (do_command(1, line)) return 1;
+      snprintf(line, sizeof line, r == 0 ? "glm_run%d" : " glm_run%d", r);
+      names += line;
+    }
+    // The run stacks are deleted next: each gives its memory back once copied.
+    std::string command = "copy glm " + names + "\n";
+    set_copy_releases_sources(true);
+    const int copied = do_command(1, command.c_str());
+    set_copy_releases_sources(false);
+    if (copied) return 1;
+    command = "delete " + names + "\n";
+    if (do_command(1, command.c_str())) return 1;
   }
-  // The run stacks are deleted next: each gives its memory back once copied.
-  std::string command = "copy glm " + names + "\n";
-  set_copy_releases_sources(true);
-  const int copied = do_command(1, command.c_str());
-  set_copy_releases_sources(false);
-  if (copied) return 1;
-  command = "delete " + names + "\n";
-  if (do_command(1, command.c_str())) return 1;
   if (GLM_get_number_events() == 0) {
     kep_text(1, "No events have been defined!\n");
     return 1;

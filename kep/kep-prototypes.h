@@ -3,6 +3,9 @@
 #pragma once
 
 #include "kep.h"
+#include "kep-register.h"
+#include "kep-resample.h"
+#include "kep-display.h"
 
 // kep-reorder: mirrors, clipping, padding, slice order.
 int swap_quadrants_in_volume_list(int a, int b, int c, int d);
@@ -110,12 +113,6 @@ int glm_create_AR_maps(const char *name);
 int glm_p_values(float *p);
 
 // kep-unavailable: commands recognised but without an operation in this build.
-int register_volume(int kind);
-int downsample_stacks();
-int ishift_pixels(float dx, float dy, float dz);
-int magnitude_window();
-int magnitude_window_together();
-int scatter_plot(const char *root);
 int glm_histogram_unbiased();
 int glm_vary_time_constant(int n, const char *name);
 int glm_vary_time_constants(int n, const char *name);

@@ -68,6 +68,7 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
     stack->status = template_stack->status;
     stack->registration = template_stack->registration;
     stack->lDOF = template_stack->lDOF;
+    memcpy(stack->description, template_stack->description, sizeof stack->description);
   } else {
     stack->resolution = {1.0f, 1.0f, 1.0f};
     stack->resolution_t = 1.0f;
@@ -76,6 +77,7 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
     stack->status = 0;
     stack->registration = 0;
     stack->lDOF = 0;
+    stack->description[0] = '\0';
   }
   return stack;
 }

@@ -236,6 +236,24 @@ int decode(Form form, char *text, Decoded &d) {
   return 0;
 }
 
+// The words a form reads before its volume list.
+int own_words(Form form) {
+  switch (form) {
+    case Form::RL:
+    case Form::IL:
+    case Form::NL:
+    case Form::FL:
+      return 1;
+    case Form::INL:
+    case Form::WNL:
+      return 2;
+    case Form::R3L:
+      return 3;
+    default:
+      return 0;
+  }
+}
+
 }  // namespace
 
 int command_count() { return NUMBER_OF_COMMANDS; }
@@ -279,13 +297,16 @@ int act_on_command(int index, char *arguments) {
   d.text = text.data();
   if (c.glm) {
     // These commands always act on the stack "glm": keep their own words and
-    // let "glm" stand where the volume list would be.
-    const int own = c.form == Form::NL ? 1 : (c.form == Form::WNL || c.form == Form::INL) ? 2 : 0;
+    // let "glm" stand where the volume list would be. While one of their own
+    // words is missing "glm" is not offered in its place, so the decoder
+    // reports that word before any list is looked at.
+    const int own = own_words(c.form);
     std::string kept;
     char word[KEP_LINE];
     const char *p = text.data();
-    for (int i = 0; i < own && (p = next_word(p, word)) != nullptr; i++) kept += std::string(word) + " ";
-    kept += "glm";
+    int found = 0;
+    for (; found < own && (p = next_word(p, word)) != nullptr; found++) kept += std::string(word) + " ";
+    if (found == own) kept += "glm";
     snprintf(text.data(), text.size(), "%s", kept.c_str());
   }
   if (decode(c.form, text.data(), d)) return 1;

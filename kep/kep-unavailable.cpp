@@ -1,18 +1,6 @@
 // Commands that the interpreter recognises but that have no operation in this build.
 #include "kep-prototypes.h"
 
-int register_volume([[maybe_unused]] int kind) { return not_available(); }
-
-int downsample_stacks() { return not_available(); }
-
-int ishift_pixels([[maybe_unused]] float dx, [[maybe_unused]] float dy, [[maybe_unused]] float dz) { return not_available(); }
-
-int magnitude_window() { return not_available(); }
-
-int magnitude_window_together() { return not_available(); }
-
-int scatter_plot([[maybe_unused]] const char *root) { return not_available(); }
-
 int glm_histogram_unbiased() { return not_available(); }
 
 int glm_vary_time_constant([[maybe_unused]] int n, [[maybe_unused]] const char *name) { return not_available(); }

@@ -27,7 +27,7 @@ void to_polar(data_stack *s) {
     c[n].imag = static_cast<float>(phase * 180.0 / kPi);
   }
   s->status |= STATUS_POLAR;
-  printf("`%s' was converted from complex data to polar complex data.\n", s->name);
+  kep_textf(0, "`%s' was converted from complex data to polar complex data.\n", s->name);
 }
 
 void to_cartesian(data_stack *s) {
@@ -38,7 +38,7 @@ void to_cartesian(data_stack *s) {
     c[n].imag = static_cast<float>(m * sin(p));
   }
   s->status &= ~STATUS_POLAR;
-  printf("`%s' was converted from polar complex data to complex data.\n", s->name);
+  kep_textf(0, "`%s' was converted from polar complex data to complex data.\n", s->name);
 }
 
 }  // namespace
@@ -64,7 +64,8 @@ int convert_complex_stack(data_stack *stack) {
 int convert_complex() {
   // A toggle: a stack named twice in one list is still converted once.
   for (data_stack *s : stacks_in_list(volume_list_root, true)) {
-    if (is_map(s)) kep_textf(1, "stack %s is a map!", s->name);
+    if (is_map(s))
+      kep_textf(1, "stack %s is a map!\n", s->name);
     else convert_complex_stack(s);
   }
   return 0;
@@ -73,7 +74,7 @@ int convert_complex() {
 int convert_to_real() {
   for (data_stack *s : stacks_in_list(volume_list_root, true)) {
     if (is_map(s)) {
-      kep_textf(1, "stack %s is a map!", s->name);
+      kep_textf(1, "stack %s is a map!\n", s->name);
       continue;
     }
     FCOMPLEX *c = s->SpaceTime.fcData;
@@ -82,12 +83,12 @@ int convert_to_real() {
         c[n].real = static_cast<float>(c[n].real * cos(c[n].imag * kPi / 180.0));
         c[n].imag = 0.0f;
       }
-      printf("`%s' was converted from polar complex data to signed polar complex data.\n", s->name);
+      kep_textf(0, "`%s' was converted from polar complex data to signed polar complex data.\n", s->name);
     } else {
       // The real part already is the projection on the real axis.
       for (long n = 0; n < s->n4d; n++) c[n].imag = 0.0f;
       s->status |= STATUS_POLAR;
-      printf("`%s' was converted from complex data to signed polar complex data.\n", s->name);
+      kep_textf(0, "`%s' was converted from complex data to signed polar complex data.\n", s->name);
     }
   }
   return 0;

@@ -29,6 +29,7 @@ struct data_stack {
   int status = 0;  // bit 1: polar form; bit 2: map
   int data_type = 1;
   int lDOF = 0;
+  char description[80]{};  // NIfTI description of the file read, written back out
   ::SpaceTime SpaceTime{nullptr};
   char name[KEP_LINE]{};
   std::unique_ptr<data_stack> next;  // the registry owns the chain

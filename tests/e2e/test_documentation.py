@@ -8,9 +8,7 @@ from conftest import KEP, SOURCE
 MENU = SOURCE / "documentation" / "kep-menu.txt"
 PAGES = SOURCE / "documentation" / "kep-pages.txt"
 MACROS = ["reorder-interleaved-slices"]
-UNAVAILABLE = {"register", "down-sample", "shift-pixels", "magnitude-window",
-               "magnitude-window-together", "scatter-plot", "GLM-histogram",
-               "GLM-vary-tau", "GLM-vary-taus"}
+UNAVAILABLE = {"GLM-histogram", "GLM-vary-tau", "GLM-vary-taus"}
 FOOTER = ("----------------------------------------------\n"
           "--- choose item: 0 = main menu, return = back \n"
           "----------------------------------------------\n")
@@ -166,7 +164,8 @@ def test_paged_text_headers_and_structure():
                  "normalize-BOLD", "normalize-IRON", "notify", "output-format", "IRF",
                  "HRF-file", "conditions", "convolve-table", "runs:",
                  "square", "gamma", "sine", "cosine", "ramp-up", "ramp-down", "drug-IRF",
-                 "table", "interaction", "exclusion", "BOLD-monkey", "IRON-rat",
+                 "table", "interaction", "exclusion", "BOLD-monkey", "IRON-rat", "BOLD-human",
+                 "TR", "confounds", "events.tsv", "trial_type",
                  ".nii.gz", ".bshort", ".bfloat", ".blong", ".ushort", ".img", ".bhdr"):
         assert word in body, word
 

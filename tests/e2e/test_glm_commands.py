@@ -4,8 +4,10 @@ import sys
 
 import nibabel as nib
 import numpy as np
+import pytest
 
 from conftest import SOURCE
+from io_files import write_xdisplay
 
 
 def make_study(directory, ar=0):
@@ -45,3 +47,19 @@ def test_ar_model_fits_inside_the_head_only(kep):
 def test_commands_need_glm_and_events(kep):
     r = kep.stdin("GLM-fit-events x\nGLM-remove-baseline\nquit\n")
     assert r.stderr.count("Error: Stack glm does not exist.\n") == 2
+
+
+NAME_MISSING = "Error: A name for the volume to create is mandatory here.\n"
+
+
+@pytest.mark.parametrize("line", ["GLM-fit-events", "GLM-residual-variance", "GLM-map-AR",
+                                  "GLM-residue", "GLM-residue 1-2", "GLM-find-maximal-effect",
+                                  "GLM-find-maximal-effect 1-2", "GLM-vary-tau", "GLM-vary-tau 3"])
+@pytest.mark.parametrize("other_stack", [False, True])
+def test_missing_own_word_is_reported_before_the_glm_list(kep, line, other_stack):
+    setup = ""
+    if other_stack:
+        write_xdisplay(kep.dir, "a.bfloat", np.ones((2, 2, 1, 1)), "<f4")
+        setup = "read a.bfloat\n"
+    r = kep.stdin(setup + line + "\nquit\n")
+    assert r.stderr == NAME_MISSING, r

@@ -80,3 +80,23 @@ def test_missing_home_and_missing_file(tmp_path):
     assert f"Error: cannot open the file {tmp_path}/nowhere/documentation/kep-menu.txt.\n" in out
     assert f"The environment variable KEP_HOME is set to {tmp_path}/nowhere\n" in out
     assert "If this is incorrect, quit, define this environment variable, and re-start.\n" in out
+
+
+def test_items_of_the_main_menu_are_its_own_sections(tmp_path):
+    menu = "!0 0\nMain menu\n!0 1\nfirst item\n!0 2\nsecond item\n"
+    out, _ = run(tmp_path, menu, "7\n1\nb\nq\nquit\n")
+    path = tmp_path / "documentation" / "kep-menu.txt"
+    expected = (f"kep > Help from file {path}\n"
+                "Main menu\n" + FOOTER + "help > "
+                "Bad option. Choose '0', 'b', 'q', or a number from 1 to 2\n"
+                "Main menu\n" + FOOTER + "help > "
+                "first item\n" + FOOTER + "help >> "
+                "Main menu\n" + FOOTER + "help > "
+                "kep > ")
+    assert out == expected
+
+
+def test_answers_are_read_as_scanf_reads_a_number(tmp_path):
+    out, _ = run(tmp_path, MENU, "2nd\n1st\n00\nq\nquit\n")
+    assert out.endswith("help > Maths menu\n 1 add\n 2 abs\n" + FOOTER + "help >> add text\n" + FOOTER
+                        + "help >> Main menu\n 1 files\n 2 maths\n" + FOOTER + "help > kep > ")

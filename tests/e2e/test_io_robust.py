@@ -59,7 +59,7 @@ def test_large_header_over_a_short_file(kep):
 
 
 @pytest.mark.parametrize("content,message", [
-    (nifti_bytes(datatype=64, bitpix=64), "Error: the Nifti data storage type 64 is not supported.\n"),
+    (nifti_bytes(datatype=128, bitpix=24), "Error: the Nifti data storage type 128 is not supported.\n"),
     (nifti_bytes(vox_offset=-4.0), "Error: the voxel offset (-4) in file n.nii is not valid.\n"),
     (nifti_bytes(vox_offset=float("nan")), "Error: the voxel offset (nan) in file n.nii is not valid.\n"),
     (nifti_bytes(extender=b"\1\0\0\0"), "Error: A NIFTI1 extension was indicated, but it is missing.\n"),

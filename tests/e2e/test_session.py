@@ -30,12 +30,12 @@ write-float subj2_mean.nii m
 """
 
 
-@pytest.mark.parametrize("second", ["missing", "float64"])
+@pytest.mark.parametrize("second", ["missing", "complex128"])
 def test_a_failing_command_ends_the_batch(kep, second):
     first = np.random.default_rng(1).random((5, 4, 3, 6))
     save(kep.path("subj1.nii"), first)
-    if second == "float64":  # a storage type kep does not read
-        save(kep.path("subj2.nii"), first + 1.0, np.float64)
+    if second == "complex128":  # a storage type kep does not read
+        save(kep.path("subj2.nii"), first + 1.0, np.complex128)
     r = kep.script(BATCH)
     assert r.returncode == 1
     assert r.stderr == "Fatal error: the command `read' failed.\nProgram aborted.\n"

@@ -1,12 +1,14 @@
 // Volume-list grammar and the argument decoders.
 #include <gtest/gtest.h>
 
+#include <csetjmp>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "kep-prototypes.h"
 #include "test_support.h"
+#include "util.h"
 
 namespace {
 
@@ -45,6 +47,42 @@ TEST_F(Decode, SubsetErrors) {
   EXPECT_EQ(err, "Error: The list contains a number which is out of range.\n");
   err = capture_stderr([&] { EXPECT_EQ(decode_subset("-1", 10, n), 1); });
   EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
+}
+
+// The volume limit is judged on the whole subset: a syntax error anywhere in
+// it is reported instead of the fatal limit message.
+TEST_F(Decode, SubsetLimitIsCheckedAfterTheWholeText) {
+  struct Case {
+    const char *subset;
+    const char *message;  // nullptr: accepted
+  };
+  const Case cases[] = {
+      {"0-600000,,1", "Error: A bad syntax was used in the list string.\n"},
+      {"0-600000,q", "Error: A bad syntax was used in the list string.\n"},
+      {"3-600000-2",
+       "Fatal error: The # of volumes exceeds the program dimension MAX_NSET.\nProgram aborted.\n"},
+      {"0-499999,7",
+       "Fatal error: The # of volumes exceeds the program dimension MAX_NSET.\nProgram aborted.\n"},
+      {"499999-0", nullptr},
+  };
+  for (const Case &c : cases) {
+    std::vector<int> n;
+    jmp_buf trap;
+    int result = -1;
+    std::string err = capture_stderr([&] {
+      kep_exit_trap = &trap;
+      if (setjmp(trap) == 0) result = decode_subset(c.subset, 500000, n);
+      kep_exit_trap = nullptr;
+    });
+    if (c.message == nullptr) {
+      EXPECT_EQ(result, 0) << c.subset;
+      EXPECT_EQ(n.size(), 500000u);
+      EXPECT_EQ(n.front(), 499999);
+      EXPECT_EQ(n.back(), 0);
+    } else {
+      EXPECT_EQ(err, c.message) << c.subset;
+    }
+  }
 }
 
 TEST_F(Decode, IoIncrementShiftsEveryNumber) {

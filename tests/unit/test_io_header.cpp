@@ -232,7 +232,8 @@ TEST(IoNifti, StorageTypes) {
   struct Case {
     short datatype;
     int storage, data_type;
-  } cases[] = {{2, 5, 0}, {4, 1, 0}, {8, 3, 0}, {16, 2, 0}, {32, 2, 1}, {512, 4, 0}};
+  } cases[] = {{2, 5, 0},  {4, 1, 0},   {8, 3, 0},   {16, 2, 0},   {32, 2, 1},   {512, 4, 0},
+               {64, 6, 0}, {256, 7, 0}, {768, 8, 0}, {1024, 9, 0}, {1280, 10, 0}};
   for (const Case &c : cases) {
     auto bytes = nifti({3, 2, 2, 2}, c.datatype);
     XD_HEADER h = fresh();
@@ -242,11 +243,11 @@ TEST(IoNifti, StorageTypes) {
     EXPECT_EQ(h.data_type, c.data_type);
     EXPECT_EQ(h.nt, 1);
   }
-  auto bytes = nifti({3, 2, 2, 2}, 64);
+  auto bytes = nifti({3, 2, 2, 2}, 128);  // RGB triples
   XD_HEADER h = fresh();
   std::string out;
   EXPECT_EQ(decode(bytes, &h, &out), 1);
-  EXPECT_EQ(out, "Error: the Nifti data storage type 64 is not supported.\n");
+  EXPECT_EQ(out, "Error: the Nifti data storage type 128 is not supported.\n");
 }
 
 TEST(IoNifti, ScalingSlopeThatIsNotFiniteMeansNone) {

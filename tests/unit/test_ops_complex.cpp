@@ -33,7 +33,7 @@ TEST_F(ComplexForms, PolarDecompositionQuadrantsAndAxes) {
 TEST_F(ComplexForms, ConvertComplexTogglesWholeStack) {
   make_stack("a", 2, 1, 1, 3, [](int x, int, int, int t) { return FCOMPLEX{x - 0.5f * t, 1.0f + t}; });
   std::string out = run("convert-complex a>1");  // one volume selected converts all of them
-  EXPECT_EQ(out, "`a' was converted from complex data to polar complex data.\n");
+  EXPECT_EQ(out, "`a' was converted from complex data to polar complex data.\n\n");
   EXPECT_EQ(find_stack("a")->status & 1, 1);
   for (int t = 0; t < 3; t++) {
     for (int x = 0; x < 2; x++) {
@@ -43,7 +43,7 @@ TEST_F(ComplexForms, ConvertComplexTogglesWholeStack) {
     }
   }
   out = run("convert-complex a");
-  EXPECT_EQ(out, "`a' was converted from polar complex data to complex data.\n");
+  EXPECT_EQ(out, "`a' was converted from polar complex data to complex data.\n\n");
   EXPECT_EQ(find_stack("a")->status & 1, 0);
   for (int t = 0; t < 3; t++)
     for (int x = 0; x < 2; x++) {
@@ -57,16 +57,16 @@ TEST_F(ComplexForms, StackNamedTwiceIsConvertedOnce) {
   make_stack("b", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{0, 2}; });
   std::string out = run("convert-complex a>0 b a>1");
   EXPECT_EQ(out,
-            "`a' was converted from complex data to polar complex data.\n"
-            "`b' was converted from complex data to polar complex data.\n");
+            "`a' was converted from complex data to polar complex data.\n\n"
+            "`b' was converted from complex data to polar complex data.\n\n");
   EXPECT_SAMPLE(at("a", 0, 0, 0, 1), 2, 90);
 }
 
 TEST_F(ComplexForms, MapsAreNeverConverted) {
   make_stack("m", 2, 1, 1, 2, [](int x, int, int, int) { return FCOMPLEX{x - 1.0f, 0.5f}; }, 2);
   make_stack("p", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{2, 180}; }, 3);  // map and polar bits
-  EXPECT_EQ(run("convert-complex m"), "Warning: stack m is a map!\n");
-  EXPECT_EQ(run("convert-to-real m p"), "Warning: stack m is a map!\nWarning: stack p is a map!\n");
+  EXPECT_EQ(run("convert-complex m"), "Warning: stack m is a map!\n\n");
+  EXPECT_EQ(run("convert-to-real m p"), "Warning: stack m is a map!\n\nWarning: stack p is a map!\n\n");
   EXPECT_SAMPLE(at("m", 0, 0, 0, 1), -1, 0.5f);
   EXPECT_SAMPLE(at("p", 0, 0, 0, 0), 2, 180);
   EXPECT_EQ(find_stack("m")->status, 2);
@@ -77,8 +77,8 @@ TEST_F(ComplexForms, ConvertToRealGivesSignedPolarForm) {
   make_stack("c", 1, 1, 1, 2, [](int, int, int, int t) { return FCOMPLEX{-3.0f + t, 4}; });
   std::string out = run("convert-to-real p c");
   EXPECT_EQ(out,
-            "`p' was converted from polar complex data to signed polar complex data.\n"
-            "`c' was converted from complex data to signed polar complex data.\n");
+            "`p' was converted from polar complex data to signed polar complex data.\n\n"
+            "`c' was converted from complex data to signed polar complex data.\n\n");
   EXPECT_NEAR(at("p", 0, 0, 0, 0).real, -2, 1e-6);
   EXPECT_NEAR(at("p", 1, 0, 0, 0).real, 1, 1e-6);
   EXPECT_EQ(at("p", 0, 0, 0, 0).imag, 0);

@@ -1,0 +1,177 @@
+// Magnitude windows and scatter plots.
+#include "kep-display.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "kep-prototypes.h"
+
+namespace {
+
+// The listed volumes, each once, in list order.
+std::vector<volume_list *> distinct_volumes() {
+  std::vector<volume_list *> out;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    bool seen = false;
+    for (const volume_list *u : out) seen = seen || u->SpaceTime.fcData == v->SpaceTime.fcData;
+    if (!seen && v->stack != nullptr) out.push_back(v);
+  }
+  return out;
+}
+
+int volume_number(const volume_list *v) {
+  return static_cast<int>((v->SpaceTime.fcData - v->stack->SpaceTime.fcData) / v->stack->n3d);
+}
+
+void add_magnitudes(const volume_list *v, std::vector<float> &values) {
+  for (long n = 0; n < v->n3d; n++) {
+    const float a = std::fabs(volume_amp(v, n));
+    if (a != 0.0f && std::isfinite(a)) values.push_back(a);
+  }
+}
+
+// The q-th percentile with linear interpolation between order statistics.
+double percentile(std::vector<float> &values, double q) {
+  const double position = q / 100.0 * static_cast<double>(values.size() - 1);
+  const size_t below = static_cast<size_t>(std::floor(position));
+  std::nth_element(values.begin(), values.begin() + static_cast<long>(below), values.end());
+  const double low = values[below];
+  if (below + 1 >= values.size()) return low;
+  const double high = *std::min_element(values.begin() + static_cast<long>(below) + 1, values.end());
+  return low + (position - static_cast<double>(below)) * (high - low);
+}
+
+struct Window {
+  double low, high;
+};
+
+// Finds the window of `values`; false (values empty or without spread) leaves nothing to do.
+bool window_of(std::vector<float> &values, Window *w) {
+  if (values.empty()) return false;
+  w->low = percentile(values, 1.0);
+  w->high = percentile(values, 99.0);
+  return w->high > w->low;
+}
+
+void apply_window(volume_list *v, const Window &w) {
+  const data_stack *s = v->stack;
+  const bool real_valued = (s->status & (STATUS_POLAR | STATUS_MAP)) != 0;
+  const double scale = 1000.0 / (w.high - w.low);
+  FCOMPLEX *data = v->SpaceTime.fcData;
+  for (long n = 0; n < v->n3d; n++) {
+    const double a = std::fabs(static_cast<double>(volume_amp(v, n)));
+    if (a == 0.0 || std::isnan(a)) continue;
+    const double m = std::clamp((a - w.low) * scale, 0.0, 1000.0);
+    if (real_valued) {
+      data[n].real = static_cast<float>(data[n].real < 0.0f ? -m : m);
+    } else {
+      data[n].real = static_cast<float>(data[n].real * (m / a));
+      data[n].imag = static_cast<float>(data[n].imag * (m / a));
+    }
+  }
+}
+
+}  // namespace
+
+int magnitude_window() {
+  for (volume_list *v : distinct_volumes()) {
+    std::vector<float> values;
+    add_magnitudes(v, values);
+    Window w;
+    if (!window_of(values, &w)) {
+      kep_textf(
+          1, "magnitude-window: volume %d of %s has no spread of non-zero magnitudes; it is left as it is.",
+          volume_number(v) + io_increment, v->stack->name);
+      continue;
+    }
+    apply_window(v, w);
+    printf("Volume %d of %s: magnitudes %g to %g (1st to 99th percentile) were mapped to 0 to 1000.\n",
+           volume_number(v) + io_increment, v->stack->name, w.low, w.high);
+  }
+  return 0;
+}
+
+int magnitude_window_together() {
+  const std::vector<volume_list *> volumes = distinct_volumes();
+  std::vector<float> values;
+  for (const volume_list *v : volumes) add_magnitudes(v, values);
+  Window w;
+  if (!window_of(values, &w)) {
+    kep_text(1,
+             "magnitude-window-together: the listed volumes have no spread of non-zero magnitudes; they are "
+             "left as they are.");
+    return 0;
+  }
+  for (volume_list *v : volumes) apply_window(v, w);
+  printf("%zu volumes: magnitudes %g to %g (1st to 99th percentile) were mapped to 0 to 1000.\n",
+         volumes.size(), w.low, w.high);
+  return 0;
+}
+
+int scatter_plot(const char *root) {
+  const volume_list *a = volume_list_root, *b = a ? a->next : nullptr;
+  if (a == nullptr || b == nullptr) {
+    kep_textf(2, "scatter-plot: two volumes are needed; %d is listed.", count_volume_list(volume_list_root));
+    return 1;
+  }
+  if (a->dim.x != b->dim.x || a->dim.y != b->dim.y || a->dim.z != b->dim.z) {
+    kep_textf(2, "Stacks %s and %s have different dimensions.", a->stack->name, b->stack->name);
+    return 1;
+  }
+  std::vector<long> voxels;
+  if (overlay.nvoxels > 0) {
+    for (int i = 0; i < overlay.nvoxels; i++) {
+      const IPOINT3D &p = overlay.voxel[i];
+      if (p.x < 0 || p.x >= a->dim.x || p.y < 0 || p.y >= a->dim.y || p.z < 0 || p.z >= a->dim.z) {
+        kep_textf(2, "scatter-plot: overlay voxel (%d,%d,%d) lies outside the %d x %d x %d volumes.", p.x,
+                  p.y, p.z, a->dim.x, a->dim.y, a->dim.z);
+        return 1;
+      }
+      voxels.push_back((static_cast<long>(p.z) * a->dim.y + p.y) * a->dim.x + p.x);
+    }
+  } else {
+    voxels.resize(static_cast<size_t>(a->n3d));
+    for (long n = 0; n < a->n3d; n++) voxels[static_cast<size_t>(n)] = n;
+  }
+  const std::string name = std::string(root) + ".dat";
+  FILE *file = fopen(name.c_str(), "w");
+  if (file == nullptr) {
+    kep_textf(2, "scatter-plot: cannot open the file %s.", name.c_str());
+    return 1;
+  }
+  fprintf(file, "x y\n");
+  double sx = 0, sy = 0;
+  std::vector<double> x, y;
+  x.reserve(voxels.size());
+  y.reserve(voxels.size());
+  for (long n : voxels) {
+    x.push_back(volume_amp(a, n));
+    y.push_back(volume_amp(b, n));
+    fprintf(file, "%g %g\n", x.back(), y.back());
+    sx += x.back();
+    sy += y.back();
+  }
+  if (fclose(file) != 0) {
+    kep_textf(2, "scatter-plot: cannot write the file %s.", name.c_str());
+    return 1;
+  }
+  const double count = static_cast<double>(x.size()), mx = sx / count, my = sy / count;
+  double sxx = 0, syy = 0, sxy = 0;
+  for (size_t i = 0; i < x.size(); i++) {
+    sxx += (x[i] - mx) * (x[i] - mx);
+    syy += (y[i] - my) * (y[i] - my);
+    sxy += (x[i] - mx) * (y[i] - my);
+  }
+  printf("%zu points were written to %s\n", x.size(), name.c_str());
+  if (x.size() < 2 || !(sxx > 0.0) || !(syy > 0.0)) {
+    kep_text(1, "scatter-plot: the amplitudes do not vary, so they have no correlation or line.");
+    return 0;
+  }
+  const double slope = sxy / sxx;
+  printf("correlation coefficient = %g\n", sxy / std::sqrt(sxx * syy));
+  printf("least-squares line: y = %g + %g x\n", my - slope * mx, slope);
+  return 0;
+}
