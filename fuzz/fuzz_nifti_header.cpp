@@ -1,4 +1,4 @@
-// Feeds random bytes to the NIfTI-1 header decoder (a header shorter than
+// Feeds random bytes to the NIfTI header decoder (a header shorter than
 // 348 bytes ends the program by design, so those inputs are padded).
 #include <cstdint>
 #include <cstdio>

@@ -621,7 +621,7 @@ int decode_nifti_header(const unsigned char *bytes, size_t size, const char *hea
     }
     fields_from_nifti1(n, &f);
   }
-  for (int k = 1; k <= 4; k++)
+  for (int k = 1; k <= (f.dim[0] >= 4 ? 4 : 3); k++)
     if (f.dim[k] > INT_MAX) {
       printf("Error: the dimensions in file '%s' hold more samples than kep can store.\n", header_name);
       return 1;

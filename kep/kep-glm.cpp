@@ -16,29 +16,13 @@
 #include <vector>
 
 #include "glm.h"
+#include "kep-glm-frame.h"
 #include "kep-interrupt.h"
 #include "kep-prototypes.h"
 
 namespace {
 
 constexpr int BLOCK_VOXELS = 256;
-
-// What a command does with one fitted voxel. `skipped` is set for an all-zero
-// voxel left out of an autoregressive fit; data and fit are then zero.
-class VoxelStep {
- public:
-  virtual ~VoxelStep() = default;
-  // Returns nonzero to stop the command with failure.
-  virtual int voxel(long v, float *data, float *fit, float variance, bool skipped) = 0;
-};
-
-struct Frame {
-  data_stack *stack = nullptr;
-  int nt = 0;       // volumes in the list, in list order
-  long nvox = 0;    // voxels per volume
-  std::vector<const FCOMPLEX *> volume;  // first sample of each listed volume
-  bool magnitude = false;                // polar or map: the real part is the amplitude
-};
 
 float amplitude(const FCOMPLEX &c, bool magnitude) {
   if (magnitude) return c.real;
@@ -68,7 +52,7 @@ int open_frame(Frame &f, bool need_events) {
   f.magnitude = (f.stack->status & (STATUS_POLAR | STATUS_MAP)) != 0;
   for (const volume_list *v = volume_list_root; v; v = v->next) f.volume.push_back(v->SpaceTime.fcData);
   f.nt = static_cast<int>(f.volume.size());
-  return 0;
+  return glm_mask_voxels(f.stack, &f.masked, &f.voxels);
 }
 
 void progress(long v, long nvox) {
@@ -76,12 +60,16 @@ void progress(long v, long nvox) {
   if (v >= 1 && (4 * v) % nvox == 0) printf("%ld percent done\n", 100 * v / nvox);
 }
 
-// Gathers voxels [v0, v0 + n) of every volume into rows [image][voxel].
+// Gathers the voxels at positions [v0, v0 + n) of the frame's voxels to fit
+// from every volume into rows [image][voxel].
 void gather(const Frame &f, long v0, int n, float *rows) {
   for (int k = 0; k < f.nt; k++) {
     const FCOMPLEX *src = f.volume[k] + v0;
     float *dst = rows + static_cast<long>(k) * n;
-    if (f.magnitude) {
+    if (f.masked) {
+      const long *v = f.voxels.data() + v0;
+      for (int i = 0; i < n; i++) dst[i] = amplitude(f.volume[k][v[i]], f.magnitude);
+    } else if (f.magnitude) {
       for (int i = 0; i < n; i++) dst[i] = src[i].real;
     } else {
       for (int i = 0; i < n; i++) dst[i] = amplitude(src[i], false);
@@ -125,9 +113,9 @@ int block_pass(const Frame &f, Each each) {
   std::vector<float> beta(static_cast<size_t>(ncoeff) * BLOCK_VOXELS), variance(BLOCK_VOXELS);
   std::vector<float> data(f.nt), fit(f.nt), zero_beta(ncoeff > 0 ? ncoeff : 1, 0.0f);
   std::vector<int> kept;
-  for (long v0 = 0; v0 < f.nvox; v0 += BLOCK_VOXELS) {
+  for (long v0 = 0; v0 < f.count(); v0 += BLOCK_VOXELS) {
     if (kep_interrupted()) return 1;
-    const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.nvox - v0));
+    const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.count() - v0));
     gather(f, v0, n, rows.data());
     const int m = pack_active(rows.data(), n, f.nt, kept, packed);
     const float *fitted = m == n ? rows.data() : packed.data();
@@ -146,7 +134,7 @@ int block_pass(const Frame &f, Each each) {
         std::fill(data.begin(), data.end(), 0.0f);
         std::fill(fit.begin(), fit.end(), 0.0f);
       }
-      if (each(v0 + i, data.data(), fit.data(), var)) return 1;
+      if (each(f.voxel(v0 + i), data.data(), fit.data(), var)) return 1;
     }
   }
   return 0;
@@ -173,9 +161,10 @@ void autocorrelations(const float *data, const float *fit, int nt, int p, float 
 int run_fit(const Frame &f, VoxelStep &step) {
   const int p = GLM_input.AR_order;
   if (p <= 0) {
+    long position = 0;
     return block_pass(f, [&](long v, float *data, float *fit, float variance) {
       int r = step.voxel(v, data, fit, variance, false);
-      progress(v, f.nvox);
+      progress(position++, f.count());
       return r;
     });
   }
@@ -218,12 +207,12 @@ int run_fit(const Frame &f, VoxelStep &step) {
   // series taken from contiguous blocks gathered as in pass one.
   std::vector<float> rows(static_cast<size_t>(f.nt) * BLOCK_VOXELS);
   std::vector<float> data(f.nt), fit(f.nt), coefficients(p + 1);
-  for (long v0 = 0; v0 < f.nvox; v0 += BLOCK_VOXELS) {
+  for (long v0 = 0; v0 < f.count(); v0 += BLOCK_VOXELS) {
     if (kep_interrupted()) return 1;
-    const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.nvox - v0));
+    const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.count() - v0));
     gather(f, v0, n, rows.data());
     for (int i = 0; i < n; i++) {
-      const long v = v0 + i;
+      const long v = f.voxel(v0 + i);
       if (!active[v]) {
         std::fill(data.begin(), data.end(), 0.0f);
         std::fill(fit.begin(), fit.end(), 0.0f);
@@ -238,7 +227,7 @@ int run_fit(const Frame &f, VoxelStep &step) {
         if (GLM_fit_whitened(f.nt, data.data(), fit.data(), &variance)) return 1;
         if (step.voxel(v, data.data(), fit.data(), variance, false)) return 1;
       }
-      progress(v, f.nvox);
+      progress(v0 + i, f.count());
     }
   }
   // Later plain fits and statistics see the unwhitened design again.
@@ -400,6 +389,10 @@ class ARMaps : public VoxelStep {
 };
 
 }  // namespace
+
+int glm_open_frame(Frame &f, bool need_events) { return open_frame(f, need_events); }
+int glm_run_fit(const Frame &f, VoxelStep &step) { return run_fit(f, step); }
+data_stack *glm_create_map(const Frame &f, const char *name, int volumes) { return create_map(f, name, volumes); }
 
 int glm_remove_or_correct_baseline(int kind) {
   Frame f;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kep-glm-maps.h"
 #include "kep-prototypes.h"
 
 const char *current_command_word = nullptr;
@@ -188,6 +189,9 @@ const Command commands[NUMBER_OF_COMMANDS] = {
     {"scatter-plot", Form::FL, false, [](Decoded &d) { return scatter_plot(d.name); }},
     {"calculate-overlay-overlap", Form::RL, false,
      [](Decoded &d) { return calculate_overlay_volume_overlap(d.r[0]); }},
+    {"GLM-map-conditions", Form::NL, true, [](Decoded &d) { return glm_map_conditions(d.name); }},
+    {"threshold-p", Form::Text, false, [](Decoded &d) { return threshold_p_command(d.text); }},
+    {"clusters", Form::Text, false, [](Decoded &d) { return clusters_command(d.text); }},
 };
 
 const char *const macros[] = {"reorder-interleaved-slices"};
@@ -216,6 +220,7 @@ const char *const variables[NUMBER_OF_VARIABLES] = {
     "registration-distortions",
     "nifti-method",
     "histogram",
+    "glm-mask",
 };
 
 int decode(Form form, char *text, Decoded &d) {

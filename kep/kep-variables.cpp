@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "glm.h"
+#include "kep-glm-frame.h"
 #include "kep-prototypes.h"
 
 unsigned int flags = 0;
@@ -86,6 +87,7 @@ void initialize_global_variables() {
   free_int_vector(histogram);
   histogram = nullptr;
   clear_registration_distortions();
+  reset_glm_mask();
 }
 
 int set_variable(int index, const char *value) {
@@ -214,6 +216,8 @@ int set_variable(int index, const char *value) {
       printf("Allocate histogram: %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
       return 0;
     }
+    case 23:
+      return set_glm_mask(value);
     default:
       return syntax("That variable name is not used in this program.");
   }
@@ -268,6 +272,9 @@ int show_variable(int index) {
       break;
     case 22:
       printf("\thistogram       %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+      break;
+    case 23:
+      show_glm_mask();
       break;
     default:
       break;

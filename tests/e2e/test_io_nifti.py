@@ -305,14 +305,18 @@ def test_nifti2_single_files_read_like_nibabel(kep, suffix, endianness, dtype):
     np.testing.assert_allclose(out.affine, img.affine, atol=1e-5)
 
 
-def test_nifti2_pair_and_cut_header_are_refused(kep):
+def test_nifti2_files_kep_cannot_hold_are_refused(kep):
     img = nib.Nifti2Pair(np.zeros((2, 2, 2), dtype=np.float32), np.eye(4))
     nib.save(img, str(kep.dir / "p.img"))
     header = nib.Nifti2Header().binaryblock
     (kep.dir / "cut.nii").write_bytes(header[:400])
-    r = kep.stdin("read p.img a\nread cut.nii b\nshow-stacks\nquit\n")
+    huge = nib.Nifti2Header()
+    huge.set_data_shape((2**40, 2, 2))  # 64-bit dimensions beyond an int
+    (kep.dir / "huge.nii").write_bytes(huge.binaryblock + bytes(4) + bytes(64))
+    r = kep.stdin("read p.img a\nread cut.nii b\nread huge.nii c\nshow-stacks\nquit\n")
     assert "Error: p.hdr is a NIFTI-2 header; kep reads NIFTI-2 only as single files (.nii, .nii.gz).\n" in r.stdout
     assert "Error: the NIFTI-2 header of file cut.nii is cut short.\n" in r.stdout
+    assert "Error: the dimensions in file 'huge.nii' hold more samples than kep can store.\n" in r.stdout
     assert "stored in stack" not in r.stdout and "Fatal" not in r.stderr
 
 

@@ -1,0 +1,334 @@
+"""GLM-map-conditions against independent models: statsmodels OLS without an AR
+model, a numpy generalized least-squares fit of the two-pass procedure with one;
+the GLM mask; threshold-p against a Benjamini-Hochberg computation; clusters
+against scipy.ndimage.label with full connectivity.
+
+Values are compared as |kep - oracle| / (|oracle| + floor): effects and errors
+with the floor at a hundredth of the noise SD (single-precision samples carry
+about 1e-7 of their mean into every effect), t, F and z with the floor at 0.1
+(near-null statistics are held to 1e-6 absolutely for the same reason), p in
+log space, so that the far tails count as much as the centre."""
+import math
+
+import mpmath
+import nibabel as nib
+import numpy as np
+import pytest
+import statsmodels.api as sm
+from scipy import ndimage, stats
+from statsmodels.stats.multitest import multipletests
+
+import glm_model as gm
+
+EVENTS = {1: [(5, 17, 1), (45, 57, 1)], 2: [(25, 37, 1), (63, 71, 2)], 3: [(19, 23, 1), (75, 81, 1)]}
+CONDITIONS = ["1", "2", "1-2", "1,2,3"]
+SD = 2.0
+
+
+def make_study(header=""):
+    return gm.Study(nimg=45, events=EVENTS, terms=3, conditions=" ".join(CONDITIONS), header=header)
+
+
+def contrasts(word, nevents, ncoeff):
+    """Contrast rows of a condition word, built from the condition grammar."""
+    rows, sign = [np.zeros(ncoeff)], 1
+    for ch in word:
+        if ch == ",":
+            rows.append(np.zeros(ncoeff))
+            sign = 1
+        elif ch == "-":
+            sign = -1
+        else:
+            rows[-1][int(ch) - 1] += sign
+    return np.array(rows)
+
+
+def volume_data(rng, study, shape, phi=()):
+    """Random effects on a baseline of 100 (a third of the effects null), white or
+    AR(len(phi)) noise, float32 samples."""
+    X = study.design()
+    nvox = int(np.prod(shape))
+    beta = np.zeros((nvox, X.shape[1]))
+    beta[:, :3] = rng.normal(0, 1.5, size=(nvox, 3)) * (rng.random((nvox, 3)) < 0.66)
+    beta[:, 3:] = rng.normal(0, 1, size=(nvox, X.shape[1] - 3))
+    beta[:, 3:5] += 100
+    if phi:
+        noise = gm.series(gm.ar_noise(rng, (*shape, study.ntime), phi, SD))
+    else:
+        noise = rng.normal(0, SD, size=(nvox, study.ntime))
+    Y = beta @ X.T + noise
+    return Y.astype(np.float32).astype(np.float64)
+
+
+def run_maps(kep, study, Y, shape, before="", after=""):
+    study.write(kep.dir, gm.grid(Y, shape))
+    r = kep.script(f"read-GLM study.glm\n{before}GLM-map-conditions maps\nwrite-float maps.nii maps\n{after}")
+    assert "Error" not in r.stdout + r.stderr, r
+    maps = gm.series(gm.load(kep.path("maps.nii")))
+    return r, maps.reshape(maps.shape[0], len(CONDITIONS), 5)
+
+
+def oracle_ols(X, Y):
+    """[voxel, condition, (effect, error, t or F, log p, z)] from statsmodels."""
+    ncond = len(CONDITIONS)
+    out = np.zeros((Y.shape[0], ncond, 5))
+    for v, y in enumerate(Y):
+        if not y.any():
+            out[v, :, 3] = 0.0  # log p of p 1
+            continue
+        fit = sm.OLS(y, X).fit()
+        for k, word in enumerate(CONDITIONS):
+            C = contrasts(word, 3, X.shape[1])
+            eff = C @ fit.params
+            r = int(np.argmax(np.abs(eff)))
+            error = math.sqrt(C[r] @ fit.cov_params() @ C[r])
+            if len(C) == 1:
+                t = fit.t_test(C).tvalue.item()
+                logp = math.log(2) + stats.t.logsf(abs(t), fit.df_resid)
+                z = math.copysign(stats.norm.isf(math.exp(logp) / 2), t)
+                out[v, k] = eff[r], error, t, logp, z
+            else:
+                f = fit.f_test(C)
+                F = float(np.squeeze(f.fvalue))
+                logp = stats.f.logsf(F, len(C), fit.df_resid)
+                out[v, k] = eff[r], error, F, logp, stats.norm.isf(math.exp(logp))
+    return out
+
+
+def compare(got, expected, floor_effect):
+    """Worst relative differences of effect, error, statistic, log p and z."""
+    logp = np.log(got[..., 3])
+    return {
+        "effect": gm.close(got[..., 0], expected[..., 0], floor_effect),
+        "error": gm.close(got[..., 1], expected[..., 1], floor_effect),
+        "statistic": gm.close(got[..., 2], expected[..., 2], 0.1),
+        "log p": gm.close(logp, expected[..., 3], 1e-6),
+        "z": gm.close(got[..., 4], expected[..., 4], 0.1),
+    }
+
+
+def test_maps_match_statsmodels_for_every_condition(kep):
+    """Conditions of one row (t, two-sided p, z signed like t) and of three rows
+    (F, upper-tail p, one-sided z); an all-zero voxel has zero residual: 0 effect,
+    error and statistic, p 1 and z 0."""
+    rng = np.random.default_rng(3)
+    study, shape = make_study(), (5, 4, 3)
+    Y = volume_data(rng, study, shape)
+    Y[7] = 0
+    r, maps = run_maps(kep, study, Y, shape)
+    assert "condition 1,2,3: effect 15, error 16, F 17, p 18, z 19" in r.stdout
+    assert "condition 1-2: effect 10, error 11, t 12, p 13, z 14" in r.stdout
+    np.testing.assert_array_equal(maps[7], np.tile([0, 0, 0, 1, 0], (len(CONDITIONS), 1)))
+    live = np.ones(len(Y), bool)
+    live[7] = False
+    worst = compare(maps[live], oracle_ols(study.design(), Y)[live], floor_effect=SD / 100)
+    print(worst)
+    assert max(worst.values()) < 1e-5
+    # Null and strong voxels both present: p spans the range, near 1 for near-null voxels.
+    p = maps[live, :, 3]
+    assert p.max() > 0.9 and p.min() < 1e-8
+
+
+def test_far_tail_p_gives_finite_z(kep):
+    """A response 40000 noise SDs high: p far below 1e-300 (kept at the smallest
+    single-precision value in the map), z finite and equal to the normal
+    quantile of the exact p, computed here with mpmath from statsmodels' t."""
+    rng = np.random.default_rng(8)
+    study, shape = make_study(), (2, 1, 1)
+    X = study.design()
+    Y = 100 + rng.normal(0, 0.002, size=(2, study.ntime))
+    Y[0] += 80 * X[:, 0]
+    Y = Y.astype(np.float32).astype(np.float64)
+    _, maps = run_maps(kep, study, Y, shape)
+    fit = sm.OLS(Y[0], X).fit()
+    t = fit.tvalues[0]
+    dof = fit.df_resid
+    mpmath.mp.dps = 40
+    p = mpmath.betainc(dof / 2, 0.5, 0, dof / (dof + mpmath.mpf(t) ** 2), regularized=True)
+    assert p < mpmath.mpf("1e-300")
+    half = mpmath.log(p / 2)
+    z = mpmath.findroot(lambda x: mpmath.log(mpmath.erfc(x / mpmath.sqrt(2)) / 2) - half, math.sqrt(-2 * half))
+    assert maps[0, 0, 3] == np.float32(np.finfo(np.float32).tiny)
+    assert np.isfinite(maps[0, 0, 4]) and maps[0, 0, 4] > 37
+    assert abs(maps[0, 0, 4] - float(z)) / float(z) < 1e-5
+
+
+def gls_oracle(X, inc, Y, rho):
+    """The whitened refit of each voxel with its coefficients: effect, error, t, log p, z
+    for the one-row conditions (columns as in CONDITIONS, F rows skipped)."""
+    dof = inc.sum() - X.shape[1]
+    out = np.full((Y.shape[0], len(CONDITIONS), 5), np.nan)
+    for v in np.flatnonzero(np.any(Y != 0, axis=1)):
+        W = gm.whitening_filter(rho[v], X.shape[0])
+        Xw, yw = W @ X, inc * (W @ Y[v])
+        Xw[~inc] = 0
+        cov = np.linalg.inv(Xw.T @ Xw)
+        beta = cov @ Xw.T @ yw
+        s2 = np.sum((yw - Xw @ beta) ** 2) / dof
+        for k, word in enumerate(CONDITIONS):
+            C = contrasts(word, 3, X.shape[1])
+            if len(C) > 1:
+                continue
+            eff = (C @ beta).item()
+            err = math.sqrt(s2 * (C @ cov @ C.T).item())
+            logp = math.log(2) + stats.t.logsf(abs(eff / err), dof)
+            out[v, k] = eff, err, eff / err, logp, math.copysign(stats.norm.isf(math.exp(logp) / 2), eff)
+    return out
+
+
+def head_mask(shape):
+    x, y, z = np.meshgrid(*(np.arange(n) for n in shape), indexing="ij")
+    return gm.series(((x - 2.5) ** 2 / 9 + (y - 2) ** 2 / 6 + (z - 1.5) ** 2 / 4 <= 1.0)[..., None])[:, 0] > 0
+
+
+@pytest.mark.parametrize("order,phi", [(1, [0.45]), (2, [0.3, 0.25])])
+def test_ar_maps_match_generalized_least_squares(kep, order, phi):
+    """With `AR p`, and a GLM mask narrower than the data: voxels outside the
+    mask are neither fitted nor used by the smoothing of the coefficients."""
+    rng = np.random.default_rng(30 + order)
+    study, shape = make_study(header=f"AR {order} 5\n"), (6, 5, 4)
+    X, inc = study.design(), study.include()
+    Y = volume_data(rng, study, shape, phi)
+    mask = head_mask(shape)
+    nib.save(nib.Nifti1Image(gm.grid(mask[:, None].astype(np.float32), shape), np.diag([*gm.RES, 1])),
+             str(kep.path("mask.nii")))
+    _, maps = run_maps(kep, study, Y, shape, before="read mask.nii mask\nset glm-mask mask\n")
+    _, rho = gm.ar_fit(X, inc, np.where(mask[:, None], Y, 0), shape, order, 5)
+    expected = gls_oracle(X, inc, np.where(mask[:, None], Y, 0), rho)
+    one_row = [k for k, w in enumerate(CONDITIONS) if "," not in w]
+    worst = compare(maps[mask][:, one_row], expected[mask][:, one_row], floor_effect=SD / 100)
+    print(f"AR {order}: {worst}")
+    assert max(worst.values()) < 1e-4
+    np.testing.assert_array_equal(maps[~mask], np.tile([0, 0, 0, 1, 0], ((~mask).sum(), len(CONDITIONS), 1)))
+
+
+def save(kep, name, values, res=gm.RES):
+    nib.save(nib.Nifti1Image(np.asarray(values, dtype=np.float32), np.diag([*res, 1])), str(kep.path(name)))
+
+
+def test_glm_mask_limits_the_fit_and_is_checked_at_the_command(kep):
+    """Inside the mask the maps are those of the whole fit, outside 0 with p 1; a
+    mask of another size fails at the command and creates nothing; an empty mask
+    warns and fits nothing."""
+    rng = np.random.default_rng(4)
+    study, shape = make_study(), (5, 4, 3)
+    Y = volume_data(rng, study, shape)
+    mask = rng.random(shape) < 0.4
+    save(kep, "mask.nii", mask)
+    save(kep, "small.nii", np.ones((5, 4, 2)))
+    save(kep, "empty.nii", np.zeros(shape))
+    r, full = run_maps(kep, study, Y, shape, after="""read mask.nii mask
+set glm-mask mask
+show glm-mask
+GLM-map-conditions inside
+write-float inside.nii inside
+""")
+    # At the prompt an error does not end the session.
+    bad = kep.stdin("""read-GLM study.glm
+read small.nii small
+set glm-mask small
+GLM-map-conditions bad
+write-float bad.nii bad
+read empty.nii empty
+set glm-mask empty
+GLM-map-conditions none
+write-float none.nii none
+set glm-mask none
+show glm-mask
+""")
+    inside = gm.series(gm.load(kep.path("inside.nii"))).reshape(full.shape)
+    m = gm.series(mask[..., None])[:, 0] > 0
+    np.testing.assert_allclose(inside[m], full[m], rtol=1e-6, atol=1e-6)
+    np.testing.assert_array_equal(inside[~m], np.tile([0, 0, 0, 1, 0], ((~m).sum(), len(CONDITIONS), 1)))
+    assert "\tglm-mask        mask\n" in r.stdout and "\tglm-mask        none\n" in bad.stdout
+    assert "The GLM mask small (5x4x2) does not match the stack glm (5x4x3)." in bad.stdout + bad.stderr
+    assert not kep.path("bad.nii").exists()
+    assert "The GLM mask empty selects no voxels." in bad.stdout + bad.stderr
+    none = gm.series(gm.load(kep.path("none.nii"))).reshape(full.shape)
+    np.testing.assert_array_equal(none, np.tile([0, 0, 0, 1, 0], (len(Y), len(CONDITIONS), 1)))
+
+
+def read_overlay(path):
+    text = path.read_text().split("\n")
+    return {tuple(int(w) for w in line.split()[:3]) for line in text if line.strip()}
+
+
+def voxels_of(flags, shape):
+    idx = np.argwhere(gm.grid(np.asarray(flags)[:, None], shape)[..., 0])
+    return {tuple(int(i) for i in v) for v in idx}
+
+
+@pytest.mark.parametrize("masked", [False, True])
+def test_threshold_p_against_benjamini_hochberg(kep, masked):
+    """FDR, Bonferroni and uncorrected sets over the non-zero p voxels (or the
+    mask's voxels), the printed cut-off, the overlay logic, and an FDR level no
+    voxel passes."""
+    rng = np.random.default_rng(6)
+    study, shape = make_study(), (7, 6, 5)
+    Y = volume_data(rng, study, shape)
+    Y[rng.random(len(Y)) < 0.1] = 0  # outside the head: p 1 in the map
+    mask = rng.random(shape) < 0.5
+    save(kep, "mask.nii", mask)
+    setup = "read mask.nii mask\nset glm-mask mask\n" if masked else ""
+    r, maps = run_maps(kep, study, Y, shape, before=setup, after="""threshold-p fdr 0.05 maps>3
+write-overlay fdr.ovl
+threshold-p bonferroni 0.05 maps>3
+write-overlay bonferroni.ovl
+threshold-p uncorrected 0.05 maps>3
+set overlay-logic not
+threshold-p fdr 0.05 maps>3
+write-overlay difference.ovl
+set overlay-logic replace
+threshold-p fdr 1e-30 maps>3
+write-overlay nothing.ovl
+""")
+    p = maps[:, 0, 3]
+    tested = gm.series(mask[..., None])[:, 0] > 0 if masked else p != 0
+    m = int(tested.sum())
+    fdr = np.zeros(len(p), bool)
+    fdr[tested] = multipletests(p[tested], alpha=0.05, method="fdr_bh")[0]
+    assert 0 < fdr.sum() < m
+    assert read_overlay(kep.path("fdr.ovl")) == voxels_of(fdr, shape)
+    assert f"fdr at 0.05 over {m} voxels: p cut-off {p[fdr].max():g}; {fdr.sum()} voxels pass." in r.stdout
+    assert read_overlay(kep.path("bonferroni.ovl")) == voxels_of(tested & (p <= 0.05 / m), shape)
+    assert read_overlay(kep.path("difference.ovl")) == voxels_of(tested & (p <= 0.05) & ~fdr, shape)
+    assert f"fdr at 1e-30 over {m} voxels: no voxel passes." in r.stdout
+    assert read_overlay(kep.path("nothing.ovl")) == set()
+
+
+def test_clusters_against_scipy_label(kep):
+    """Clusters above +2.3 and below -2.3 with full (26) connectivity, at least 3
+    voxels, one touching the volume's corner; table, index map and overlay."""
+    rng = np.random.default_rng(12)
+    shape, res = (11, 9, 7), (2.5, 3.0, 3.5)
+    z = ndimage.gaussian_filter(rng.normal(0, 1, shape), 1.0)
+    z *= 2.0 / z.std()
+    z[:2, :2, :2] = 6.0  # a cluster in the corner
+    z[-1, -1, -1] = -7.0  # a single voxel, below the minimum size
+    save(kep, "z.nii", z, res)
+    r = kep.script("read z.nii z\nclusters 2.3 3 cl z\nwrite-float cl.nii cl\nwrite-overlay cl.ovl\n")
+    assert "Error" not in r.stdout + r.stderr, r
+    affine = nib.load(str(kep.path("cl.nii"))).affine
+    z = z.astype(np.float32).astype(np.float64)
+    found = []
+    for sign in (1, -1):
+        labels, n = ndimage.label(sign * z > 2.3, structure=np.ones((3, 3, 3)))
+        for i in range(1, n + 1):
+            inside = labels == i
+            if inside.sum() < 3:
+                continue
+            peak = np.unravel_index(np.argmax(np.where(inside, sign * z, -np.inf)), shape)
+            com = ndimage.center_of_mass(np.abs(z), labels, i)
+            found.append((inside, inside.sum(), z[peak], nib.affines.apply_affine(affine, peak),
+                          nib.affines.apply_affine(affine, com)))
+    found.sort(key=lambda c: (-c[1], -abs(c[2])))
+    assert len(found) >= 4 and any(c[0][0, 0, 0] for c in found)
+    table = np.atleast_2d(np.loadtxt(kep.path("cl.clusters")))
+    expected = np.array([[i + 1, c[1], c[1] * np.prod(res), c[2], *c[3], *c[4]] for i, c in enumerate(found)])
+    assert table.shape == expected.shape
+    assert gm.close(table, expected, 1.0) < 1e-5
+    index = gm.load(kep.path("cl.nii"))[..., 0]
+    for i, c in enumerate(found):
+        np.testing.assert_array_equal(index == i + 1, c[0])
+    assert read_overlay(kep.path("cl.ovl")) == {tuple(int(i) for i in v) for v in np.argwhere(index > 0)}
+    assert f"{len(found)} clusters of at least 3 voxels beyond z 2.3 in z:" in r.stdout
