@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds kep, makes the example study and runs its GLM analysis, with and
-# without an AR(1) noise model. Effect maps are written as NIfTI files.
+# without an AR(1) noise model. Effect maps are written as NIfTI files, and
+# the AR(1) analysis ends with an HTML report.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -19,3 +20,5 @@ done
 /usr/bin/python3 tools/kep-view montage "$out/ols/effects.nii" --volume 0 -o "$out/effects-event1.png" >/dev/null
 echo "Effect maps: $out/ols/effects.nii and $out/ar1/effects.nii (one volume per event)"
 echo "Picture of event 1's effect map: $out/effects-event1.png"
+/usr/bin/python3 tools/kep-report "$out/ar1" --commands examples/analyse.com -o "$out/report.html" >/dev/null
+echo "Report of the AR(1) analysis: $out/report.html"

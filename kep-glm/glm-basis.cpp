@@ -11,8 +11,12 @@ namespace {
 
 // Largest oversampled paradigm held in memory (samples).
 constexpr int64_t MAX_PARADIGM = int64_t(1) << 26;
+// Largest paradigm samples x IRF samples of the response convolution.
+constexpr int64_t MAX_CONVOLUTION = int64_t(4) << 30;
 
-double sample_time(long i, int n) { return i * static_cast<double>(GLM.tr[0]) / n; }
+// In single precision, as the stimulus times are held: a stimulus at a run's
+// first image then starts exactly on that image's sample.
+double sample_time(long i, int n) { return static_cast<float>(i) * GLM.tr[0] / static_cast<float>(n); }
 
 }  // namespace
 
@@ -38,16 +42,19 @@ int GLMInternal_create_stimulus_paradigm(int e, int n, float *buffer) {
   const double tau = GLM.event_tau1[e];
   // Each sample visits only the stimuli whose window may contain it, in stimulus
   // order, so the result and the overlap report are those of visiting them all.
-  // The sample ranges are widened by one so rounding cannot drop a sample.
+  // The sample ranges are widened by two samples and by more than the
+  // relative rounding of a sample's single-precision time, so none is dropped.
   const double per_second = n / static_cast<double>(GLM.tr[0]);
+  auto widen = [](double x) { return std::fabs(x) * 0x1p-19 + 2.0; };
   auto sample_bound = [count](double x) {
     return x <= 0.0 ? 0L : x >= static_cast<double>(count - 1) ? count - 1 : static_cast<long>(x);
   };
   std::vector<long> first(static_cast<size_t>(ns)), last(static_cast<size_t>(ns));
   std::vector<int> order(static_cast<size_t>(ns));
   for (int s = 0; s < ns; s++) {
-    first[s] = sample_bound(floor(on_s[s] * per_second) - 1.0);
-    last[s] = sample_bound(ceil(off_s[s] * per_second) + 1.0);
+    const double a = on_s[s] * per_second, b = off_s[s] * per_second;
+    first[s] = sample_bound(floor(a - widen(a)));
+    last[s] = sample_bound(ceil(b + widen(b)));
     order[s] = s;
   }
   std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return first[a] < first[b]; });
@@ -224,6 +231,15 @@ int GLM_define_basis_functions() {
   int64_t samples;
   if (!checked_product(ntime, n, MAX_PARADIGM, &samples) || ntime < 1) {
     printf("Error: the paradigm of %d images sampled %d times per TR is too large.\n", ntime, n);
+    return 1;
+  }
+  // Convolving every event with the response function costs up to samples x
+  // IRF samples multiply-adds: bound it so a needlessly fine IRF step is
+  // refused instead of running for hours.
+  int64_t work;
+  if (HRF.nhrf && !checked_product(samples, HRF.npoints, MAX_CONVOLUTION, &work)) {
+    printf("Error: the IRF of %d samples of %g seconds is too fine to convolve with %lld paradigm samples.\n",
+           HRF.npoints, HRF.time_step, static_cast<long long>(samples));
     return 1;
   }
   const int requested_ar = GLM_input.AR_order;

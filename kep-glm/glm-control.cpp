@@ -81,12 +81,10 @@ const char *first_word_and_rest(const char *text, char *word) {
   return text;
 }
 
+// A keyword without its word leaves the earlier value.
 void copy_word(char *to, const char *text) {
   char word[GLM_NAME_LENGTH];
-  if (sscanf(text, "%1023s", word) == 1)
-    snprintf(to, GLM_NAME_LENGTH, "%s", word);
-  else
-    to[0] = '\0';
+  if (sscanf(text, "%1023s", word) == 1) snprintf(to, GLM_NAME_LENGTH, "%s", word);
 }
 
 }  // namespace
@@ -110,13 +108,13 @@ int GLMInternal_decode_keyword(const char *line) {
   }
   if (strcmp(key, "scale-event") == 0) {
     float scale;
-    int number = 0;
-    if (sscanf(args, "%f %1023s", &scale, word) == 2) number = GLM_EventNumberFromChar(word[0]);
-    if (number < 1) {
+    if (sscanf(args, "%f %1023s", &scale, word) != 2) {
       printf("Error: use `scale-event [scale] [event].\n");
       return -1;
     }
-    GLM.event_scale[number] = scale;
+    // A character that names no event scales nothing.
+    int number = GLM_EventNumberFromChar(word[0]);
+    if (number >= 1) GLM.event_scale[number] = scale;
     return 0;
   }
   if (strcmp(key, "AR") == 0) {
@@ -277,7 +275,7 @@ int GLM_read_control_file(const char *file_name, int verbose) {
           if (GLM.stim_on[e][j] == GLM.stim_off[e][k]) GLM.stim_off[e][k] -= HRF.time_step;
     }
   }
-  if (verbose) GLM_describe_stimuli();
+  if (verbose || GLM_input.notify) GLM_describe_stimuli();
 
   for (int e = 0; e < GLM.nevents; e++) {
     int number = GLM.event_number[e];

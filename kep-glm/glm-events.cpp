@@ -308,9 +308,10 @@ int read_stimulus(reader &r, const char *text) {
              GLM.nexclude + 1, GLM_MAX_EXCLUDE);
       return 0;
     }
-    // Image numbers, not seconds; kept within the int range before truncation.
-    double a = GLM.run_start[r.run] + static_cast<double>(on),
-           b = GLM.run_start[r.run] + static_cast<double>(off);
+    // Image numbers, not seconds, summed in single precision as the times are
+    // read; kept within the int range before truncation.
+    double a = static_cast<float>(GLM.run_start[r.run]) + on,
+           b = static_cast<float>(GLM.run_start[r.run]) + off;
     a = a > 2e9 ? 2e9 : a;
     b = b > 2e9 ? 2e9 : b;
     GLM.exclude_start.push_back(static_cast<int>(a));
@@ -338,7 +339,6 @@ int read_stimulus(reader &r, const char *text) {
       break;
     case GLM_GAMMA:
       if (sscanf(text, "%f %f", &on, &mag) < 1) {
-        printf("Error reading line %d of the GLM file %s\n", r.line, r.file);
         printf("This line should at least give the ON time for event %c and stim %d.\n", c, stim);
         return 1;
       }
@@ -356,7 +356,9 @@ int read_stimulus(reader &r, const char *text) {
     printf("Error: ON time must be > 0 for stim %d of event %c.\n", stim, c);
     return 1;
   }
-  const double run_origin = GLM.run_start[r.run] * static_cast<double>(GLM.tr[r.run]);
+  // Single precision, as the samples' times are formed, so that a stimulus at
+  // a run's first image covers that image whatever the TR.
+  const float run_origin = static_cast<float>(GLM.run_start[r.run]) * GLM.tr[r.run];
   if (shape == GLM_GAMMA) {
     // A gamma response is left to decay until the end of its run.
     off = static_cast<float>((GLM.run_stop[r.run] + 1 - GLM.run_start[r.run]) *
@@ -370,8 +372,8 @@ int read_stimulus(reader &r, const char *text) {
            GLM_MAX_STIMS);
     return 0;
   }
-  GLM.stim_on[e].push_back(static_cast<float>(run_origin + on));
-  GLM.stim_off[e].push_back(static_cast<float>(run_origin + off));
+  GLM.stim_on[e].push_back(run_origin + on);
+  GLM.stim_off[e].push_back(run_origin + off);
   GLM.stim_mag[e].push_back(mag);
   GLM.table_icolumn[e].push_back(0);
   GLM.nstims[e]++;

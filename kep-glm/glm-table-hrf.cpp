@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "glm-prototypes.h"
+#include "numerics.h"
 
 namespace {
 
@@ -23,59 +24,23 @@ const char *next_field(const char *text, char *word) {
 }
 
 // Removes a polynomial baseline of `terms` terms (constant, linear, quadratic;
-// the cubic column of the small polynomial fitter is zero and adds nothing)
-// fitted over the non-zero entries; zero entries stay zero.
-void remove_table_baseline(float *column, int nrows, int terms) {
+// the small polynomial fitter has no cubic column, so a fourth term adds
+// nothing) fitted over the non-zero entries; zero entries stay zero. Returns 1
+// after the fitter's message when the column is too short to fit.
+int remove_table_baseline(float *column, int nrows, int terms) {
   const int order = terms < 3 ? terms : 3;
-  std::vector<double> x(static_cast<size_t>(nrows) * order);
-  const double n = nrows;
+  std::vector<int> use(static_cast<size_t>(nrows > 0 ? nrows : 1));
   int used = 0;
-  for (int i = 0; i < nrows; i++) {
-    double *xi = &x[static_cast<size_t>(i) * order];
-    xi[0] = 1.0;
-    if (order > 1) xi[1] = i / n - 0.5;
-    if (order > 2) xi[2] = static_cast<double>(i) * i / (n * n) - 0.3333333333333333;
-    if (column[i] != 0.0f) used++;
-  }
-  if (used < order) return;  // nothing to fit against
-  double a[3][3] = {}, rhs[3] = {};
-  for (int i = 0; i < nrows; i++) {
-    if (column[i] == 0.0f) continue;
-    const double *xi = &x[static_cast<size_t>(i) * order];
-    for (int j = 0; j < order; j++) {
-      rhs[j] += xi[j] * column[i];
-      for (int k = 0; k < order; k++) a[j][k] += xi[j] * xi[k];
-    }
-  }
-  // Gaussian elimination with partial pivoting on the small normal equations.
-  int perm[3] = {0, 1, 2};
-  for (int c = 0; c < order; c++) {
-    int p = c;
-    for (int r = c + 1; r < order; r++)
-      if (fabs(a[r][c]) > fabs(a[p][c])) p = r;
-    if (a[p][c] == 0.0) return;
-    std::swap(a[p], a[c]);
-    std::swap(rhs[p], rhs[c]);
-    std::swap(perm[p], perm[c]);
-    for (int r = c + 1; r < order; r++) {
-      double f = a[r][c] / a[c][c];
-      for (int k = c; k < order; k++) a[r][k] -= f * a[c][k];
-      rhs[r] -= f * rhs[c];
-    }
-  }
-  double coef[3] = {};
-  for (int c = order - 1; c >= 0; c--) {
-    double s = rhs[c];
-    for (int k = c + 1; k < order; k++) s -= a[c][k] * coef[k];
-    coef[c] = s / a[c][c];
-  }
-  for (int i = 0; i < nrows; i++) {
-    if (column[i] == 0.0f) continue;
-    const double *xi = &x[static_cast<size_t>(i) * order];
-    double fit = 0.0;
-    for (int j = 0; j < order; j++) fit += xi[j] * coef[j];
-    column[i] = static_cast<float>(column[i] - fit);
-  }
+  for (int i = 0; i < nrows; i++) used += use[i] = column[i] != 0.0f;
+  if (PolynomialDefineGLM(order, nrows, use.data())) return 1;
+  if (used < order) return 0;  // nothing to fit against
+  std::vector<float> fit(static_cast<size_t>(nrows));
+  std::vector<float> original(column, column + nrows);
+  if (PolynomialFitGLM(nrows, column, fit.data()) || PolynomialRemoveGLM(0, nrows, column, fit.data()))
+    return 1;
+  for (int i = 0; i < nrows; i++)
+    if (original[i] == 0.0f) column[i] = 0.0f;
+  return 0;
 }
 
 }  // namespace
@@ -157,7 +122,8 @@ int GLM_read_table_file(const char *file_name, int run) {
   for (int c = 0; c < ncolumns; c++) {
     float *dest = GLM.table_value[run][c];
     for (int i = 0; i < row; i++) dest[i] = values[c][i];
-    if (GLM_input.nbaseline_terms > 0 && row > 0) remove_table_baseline(dest, row, GLM_input.nbaseline_terms);
+    if (GLM_input.nbaseline_terms > 0 && remove_table_baseline(dest, row, GLM_input.nbaseline_terms))
+      return 1;
   }
   return 0;
 }

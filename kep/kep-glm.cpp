@@ -195,8 +195,10 @@ int run_fit(const Frame &f, VoxelStep &step) {
   float fwhm = GLM_input.AR_smooth_mm;
   if (fwhm > 0.0f) {
     if (smooth_float_volumes(rho.data(), 1, s->dim.x, s->dim.y, s->dim.z, p, s->resolution, fwhm, 1) ||
-        smooth_float_volumes(weight.data(), 1, s->dim.x, s->dim.y, s->dim.z, 1, s->resolution, fwhm, 1))
+        smooth_float_volumes(weight.data(), 1, s->dim.x, s->dim.y, s->dim.z, 1, s->resolution, fwhm, 1)) {
+      kep_textf(2, "The AR smoothing width %g cannot be used on the voxels of %s.", fwhm, s->name);
       return 1;
+    }
     for (long v = 0; v < f.nvox; v++)
       for (int k = 0; k < p; k++) {
         float &value = rho[k * f.nvox + v];
@@ -369,8 +371,9 @@ class ResidualVariance : public VoxelStep {
 class ARMaps : public VoxelStep {
  public:
   ARMaps(int nt, int lags, data_stack *out) : nt_(nt), lags_(lags), out_(out), r_(nt) {}
-  int voxel(long v, float *data, float *fit, float, bool skipped) override {
-    if (skipped) return 0;
+  // A voxel left out of an AR fit is all zero: its lags are 0/0 like any
+  // other zero residual.
+  int voxel(long v, float *data, float *fit, float, bool) override {
     for (int t = 0; t < nt_; t++) r_[t] = data[t] - fit[t];
     float c0 = 0.0f;
     for (int k = 0; k <= lags_; k++) {

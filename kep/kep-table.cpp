@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kep-glm-design.h"
 #include "kep-glm-maps.h"
 #include "kep-prototypes.h"
 
@@ -192,6 +193,7 @@ const Command commands[NUMBER_OF_COMMANDS] = {
     {"GLM-map-conditions", Form::NL, true, [](Decoded &d) { return glm_map_conditions(d.name); }},
     {"threshold-p", Form::Text, false, [](Decoded &d) { return threshold_p_command(d.text); }},
     {"clusters", Form::Text, false, [](Decoded &d) { return clusters_command(d.text); }},
+    {"GLM-write-design", Form::Text, false, [](Decoded &d) { return glm_write_design(d.text); }},
 };
 
 const char *const macros[] = {"reorder-interleaved-slices"};

@@ -148,7 +148,7 @@ extern int last_operation_status;
 int command_count();
 const char *command_name(int index);
 const char *variable_name(int index);
-constexpr int NUMBER_OF_COMMANDS = 114;
+constexpr int NUMBER_OF_COMMANDS = 115;
 constexpr int NUMBER_OF_VARIABLES = 24;
 constexpr int MACRO_OFFSET = 150;
 

@@ -87,3 +87,28 @@ def test_fit_events_marks_only_third_event_voxels(kep):
             "GLM-fit-events eff\n")
     assert "\nAn overlay of 0 voxels was defined.\n" in r.stdout
     assert f"hist[0] = {nvox} for event 1\n" in r.stdout
+
+
+def test_ar_model_leaves_zero_voxels_as_zero_over_zero_and_refuses_what_it_cannot_smooth(kep):
+    rng = np.random.default_rng(8)
+    study = gm.Study(nimg=30, header="AR 1\n")
+    X, Y = noisy(rng, study, (3, 2, 2))
+    Y[4] = 0
+    run(kep, study, gm.grid(Y, (3, 2, 2)), "GLM-map-AR ar\nwrite-float ar.nii ar\n")
+    ar = gm.series(gm.load(kep.path("ar.nii")))
+    assert np.isnan(ar[4]).all()  # as without the AR model: 0/0
+    assert np.isfinite(np.delete(ar, 4, axis=0)).all()
+    study = gm.Study(nimg=30, header="AR 1 inf\n")
+    study.write(kep.dir, gm.grid(Y, (3, 2, 2)))
+    r = kep.stdin("read-GLM study.glm\nGLM-fit-events eff\nshow-stacks\nquit\n")
+    assert "Error: The AR smoothing width inf cannot be used on the voxels of glm.\n" in r.stderr, r
+
+
+def test_a_response_function_too_fine_to_convolve_is_refused(kep):
+    study = gm.Study(nimg=30, header="IRF fine.irf\n")
+    study.write(kep.dir, gm.grid(np.ones((4, study.ntime)), (2, 2, 1)))
+    # 0.1 ms steps: 300000 response samples against 20000 samples per image.
+    (kep.dir / "fine.irf").write_text("30 0.0001 1.5\n4.5 0.7\n13.5 -0.3\n")
+    r = kep.script("read-GLM study.glm\n", timeout=60)
+    assert ("Error: the IRF of 300000 samples of 0.0001 seconds is too fine to convolve with "
+            "1200000 paradigm samples.\n") in r.stdout, r

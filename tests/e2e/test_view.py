@@ -1,6 +1,6 @@
-"""tools/kep-view draws montages and plots of what kep writes."""
+"""tools/kep-view draws stat maps, design matrices, montages and plots."""
+import re
 import subprocess
-import sys
 
 import numpy as np
 import pytest
@@ -9,45 +9,99 @@ from conftest import SOURCE
 
 VIEW = SOURCE / "tools" / "kep-view"
 plt = pytest.importorskip("matplotlib.image")
+nib = pytest.importorskip("nibabel")
+PANEL = re.compile(r"panel (.*?): pixels x (\S+) (\S+) y (\S+) (\S+); left (\w) (\S+) mm, right (\w) (\S+) mm, "
+                   r"bottom (\w) (\S+) mm, top (\w) (\S+) mm")
 
 
 def view(*args, cwd):
-    return subprocess.run([sys.executable, str(VIEW), *map(str, args)], cwd=cwd, capture_output=True, text=True)
+    # The script's own first line names the interpreter it needs.
+    return subprocess.run([str(VIEW), *map(str, args)], cwd=cwd, capture_output=True, text=True)
 
 
-def test_montage_of_an_xdisplay_volume_has_the_expected_size(tmp_path):
-    data = np.arange(4 * 5 * 6 * 2, dtype="<f4").reshape(2, 6, 5, 4)  # t, z, y, x on disk
-    data.tofile(tmp_path / "v.bfloat")
-    (tmp_path / "v.hdr").write_text("x 4\ny 5\nz 6\nt 2\nstorage-type float\nbyte-order 1\n")
-    r = view("montage", "v.bfloat", "-o", "m.png", "--volume", 1, "--columns", 3, "--size", 4, "--dpi", 50,
-             cwd=tmp_path)
+def panels(stdout):
+    return [(m[0], [float(v) for v in m[1:5]], list(m[5::2]), [float(v) for v in m[6::2]])
+            for m in PANEL.findall(stdout)]
+
+
+def coloured(image, box):
+    """Rows and columns of the saturated (map) pixels inside a panel's pixel box."""
+    x0, x1, y0, y1 = (int(round(v)) for v in box)
+    rgb = image[y0:y1, x0:x1, :3]
+    rows, cols = np.nonzero(np.ptp(rgb, axis=2) > 0.5)
+    return rows + y0, cols + x0
+
+
+@pytest.mark.parametrize("flip_x", [False, True])
+def test_stat_map_puts_the_blob_at_its_world_position(tmp_path, flip_x):
+    shape, size = (13, 11, 9), np.array([3.0, 3.5, 4.0])
+    origin = np.array([-18.0, -17.5, -16.0])
+    stat = np.zeros(shape, np.float32)
+    stat[8:11, 2:5, 4:7] = 5.0
+    stat[9, 3, 5] = 9.0  # centre at world (9, -7, 4)
+    anat = np.random.default_rng(3).uniform(50, 100, shape).astype(np.float32)
+    affine = np.diag([*size, 1.0])
+    affine[:3, 3] = origin
+    if flip_x:  # same world positions, stored from right to left
+        stat, anat = stat[::-1].copy(), anat[::-1].copy()
+        affine[0, 0], affine[0, 3] = -size[0], origin[0] + (shape[0] - 1) * size[0]
+    nib.save(nib.Nifti1Image(stat, affine), tmp_path / "z.nii")
+    nib.save(nib.Nifti1Image(anat, affine), tmp_path / "mean.nii")
+    r = view("stat", "z.nii", "--bg", "mean.nii", "--threshold", 4, "--at", 4, "-v", "--dpi", 80,
+             "-o", "z.png", cwd=tmp_path)
     assert r.returncode == 0, r.stderr
+    assert f"(axes {'LAS' if flip_x else 'RAS'})" in r.stdout
+    [(title, box, letters, edges)] = panels(r.stdout)
+    assert title == "z = +4 mm"
+    assert letters == ["L", "R", "P", "A"]
+    left, bottom = origin[:2] - size[:2] / 2
+    right, top = origin[:2] + (np.array(shape[:2]) - 0.5) * size[:2]
+    np.testing.assert_allclose(edges, [left, right, bottom, top], atol=0.06)
+    rows, cols = coloured(plt.imread(tmp_path / "z.png"), box)
+    assert rows.size > 0
+    x = left + (cols.mean() + 0.5 - box[0]) / (box[1] - box[0]) * (right - left)
+    y = top - (rows.mean() + 0.5 - box[2]) / (box[3] - box[2]) * (top - bottom)
+    assert abs(x - 9.0) < 1.0 and abs(y + 7.0) < 1.0, (x, y)
+
+
+def test_montage_shares_one_scale_over_slices(tmp_path):
+    data = (np.ones((6, 5, 4, 2)) * np.arange(1, 5)[None, None, :, None]).astype("<f4")  # slice k: k + 1
+    data.transpose(3, 2, 1, 0).tofile(tmp_path / "v.bfloat")
+    (tmp_path / "v.hdr").write_text("x 6\ny 5\nz 4\nt 2\nstorage-type float\nbyte-order 1\nresolution 2 3 4 1\n")
+    r = view("montage", "v.bfloat", "-o", "m.png", "--volume", 1, "-v", "--dpi", 50, cwd=tmp_path)
+    assert r.returncode == 0, r.stderr
+    assert "4 slices" in r.stdout
     image = plt.imread(tmp_path / "m.png")
-    # 3 columns x 2 rows of panels, one inch each at 50 dpi
-    assert image.shape[:2] == (100, 150)
-    assert "6 slices" in r.stdout
+    found = panels(r.stdout)
+    assert len(found) == 4
+    brightness = []
+    for _, box, _, _ in found:
+        x0, x1, y0, y1 = (int(round(v)) for v in box)
+        brightness.append(np.median(image[y0 + 2:y1 - 2, x0 + 2:x1 - 2, :3]))
+    assert brightness == sorted(brightness) and brightness[0] < 0.1 and brightness[-1] > 0.9
 
 
 def test_thresholded_map_over_anatomy_from_nifti(tmp_path):
-    nib = pytest.importorskip("nibabel")
     anat = np.full((8, 8, 4), 100.0, dtype=np.float32)
     stat = np.zeros((8, 8, 4), dtype=np.float32)
     stat[3:5, 3:5, 2] = 7.0
     nib.save(nib.Nifti1Image(anat, np.eye(4)), tmp_path / "mean.nii")
     nib.save(nib.Nifti1Image(stat, np.eye(4)), tmp_path / "F.nii")
-    r = view("montage", "F.nii", "--over", "mean.nii", "--threshold", 3, "-o", "o.png", "--dpi", 40, cwd=tmp_path)
+    r = view("montage", "F.nii", "--over", "mean.nii", "--threshold", 3, "-o", "o.png", "--dpi", 40, "-v",
+             cwd=tmp_path)
     assert r.returncode == 0, r.stderr
     image = plt.imread(tmp_path / "o.png")
-    assert image.shape[:2] == (160, 160)
-    # the suprathreshold patch is drawn in colour somewhere over the grey anatomy
-    rgb = image[..., :3]
-    assert (np.ptp(rgb, axis=2) > 0.2).any()
+    hits = [len(coloured(image, box)[0]) for _, box, _, _ in panels(r.stdout)]
+    assert [h > 0 for h in hits] == [False, False, True, False]
 
 
-def test_plots_of_hrf_and_histogram_files(tmp_path):
+def test_design_picture_and_plots(tmp_path):
     (tmp_path / "HRF.dat").write_text("x y\n" + "".join(f"{0.1 * i:g} {np.exp(-i / 10):g}\n" for i in range(50)))
     (tmp_path / "hist.dat").write_text("".join(f"{i} {i * i}\n" for i in range(10)))
-    for name in ("HRF.dat", "hist.dat"):
-        r = view("plot", name, "-o", name + ".png", "--dpi", 50, cwd=tmp_path)
+    rows = "".join(f"{t}\t{1 + t // 10}\t{int(t == 4)}\t{np.sin(t / 3):.6f}\t1\n" for t in range(20))
+    (tmp_path / "d.tsv").write_text("# AR order 1, smoothed\nimage\trun\texcluded\tevent_1\trun1_constant\n" + rows)
+    for what, name in (("plot", "HRF.dat"), ("plot", "hist.dat"), ("design", "d.tsv")):
+        r = view(what, name, "-o", name + ".png", "--dpi", 50, cwd=tmp_path)
         assert r.returncode == 0, r.stderr
-        assert plt.imread(tmp_path / (name + ".png")).shape[:2] == (200, 300)
+        assert plt.imread(tmp_path / (name + ".png")).ndim == 3
+    assert "20 images x 2 columns" in r.stdout

@@ -62,6 +62,21 @@ TEST_F(GlmBasis, SquareRampAndSinusoidShapesAtImageTimes) {
   EXPECT_FLOAT_EQ(GLM.dof, 12.0f - 5.0f);
 }
 
+TEST_F(GlmBasis, AStimulusAtARunsFirstImageCoversThatImageWhateverTheTR) {
+  // The second run starts at image 20, 20 x 2.1 s into the time axis; a
+  // stimulus from 0 to 2 s of each run covers the first image of the run only.
+  file("a.glm", "2.1 42\n\n1\n0 2\n");
+  file("b.glm", "2.1 42\n\n1\n0 2\n");
+  std::string c =
+      file("c.txt", "baseline-terms 0\nruns:\nd " + path("a.glm") + "\nd " + path("b.glm") + "\n");
+  ASSERT_EQ(read_control(c), 0);
+  ASSERT_EQ(capture_stdout([] { EXPECT_EQ(GLM_define_basis_functions(), 0); }), "");
+  ASSERT_EQ(GLM.ntime, 40);
+  std::vector<float> expected(40, 0.0f);
+  expected[0] = expected[20] = 1.0f;
+  EXPECT_EQ(column(0), expected);
+}
+
 TEST_F(GlmBasis, GammaResponsesAddAndPeakAtTheirTimeConstant) {
   ASSERT_EQ(model("1 40\n\n1 gamma 4\n2\n6 0.5\n", "baseline-terms 0\n"), 0);
   std::vector<double> expected(40);

@@ -47,6 +47,13 @@ TEST_F(GlmControl, KeywordsSetTheirFields) {
   EXPECT_STREQ(GLM_input.HRF_file_name, "BOLD-rat");
   EXPECT_EQ(HRF.nhrf, 1);
   EXPECT_FLOAT_EQ(GLM.event_scale[10], 1.0f);  // reset by the new read
+
+  // Only a missing word is an error: a character that names no event scales
+  // nothing, and an IRF keyword without its word keeps the earlier name.
+  EXPECT_EQ(read_control(control_with("scale-event 3 $\nscale-event 2 ,\n")), 0);
+  for (int e = 0; e < GLM_MAX_EVENTS; e++) EXPECT_FLOAT_EQ(GLM.event_scale[e], 1.0f) << e;
+  EXPECT_EQ(read_control(control_with("IRF BOLD-rat\nIRF\n")), 0);
+  EXPECT_STREQ(GLM_input.HRF_file_name, "BOLD-rat");
 }
 
 TEST_F(GlmControl, BadKeywordArgumentsReportLineAndFormat) {
@@ -127,10 +134,16 @@ TEST_F(GlmControl, FiftyRunsAreReadAndAFiftyFirstIsRefused) {
 }
 
 TEST_F(GlmControl, NotifySurvivesTheNextRead) {
-  ASSERT_EQ(read_control(control_with("notify\n")), 0);
+  std::string quiet, told;
+  ASSERT_EQ(read_control(control_with(""), &quiet), 0);
+  ASSERT_EQ(read_control(control_with("notify\n"), &told), 0);
   EXPECT_EQ(GLM_input.notify, 1);
   ASSERT_EQ(read_control(control_with("")), 0);
   EXPECT_EQ(GLM_input.notify, 1);
+  // notify prints what the verbose flag prints: the stimulus summary.
+  EXPECT_EQ(quiet, "");
+  EXPECT_NE(told, "");
+  EXPECT_EQ(told, capture_stdout([] { GLM_describe_stimuli(); }));
 }
 
 TEST_F(GlmControl, ConvolveTableChecks) {

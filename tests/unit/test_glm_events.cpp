@@ -121,9 +121,8 @@ TEST_F(GlmEvents, ShapeErrorsPrintTheirMessagesAndExample) {
       {"$ gamma 2\n1\n", "Event number (0) is out of range on line 3 in file @\n"},
       {"5\n1\n",
        "Error reading line 4 of the GLM file @\nThis should be on time & off time for event 5 and stim 1.\n"},
-      {"5 gamma 2\nx\n",
-       "Error reading line 4 of the GLM file @\n"
-       "This line should at least give the ON time for event 5 and stim 1.\n"},
+      // A gamma line has its own single message, without the line number.
+      {"5 gamma 2\nx\n", "This line should at least give the ON time for event 5 and stim 1.\n"},
       {"5 table 0\n1 2\n", ""},
       {"1\n0 2\n\n5 interaction 1 3\n", "For event 5, interacting events must be previously defined.\n"},
       {"5\n-1 4\n", "Error: ON time must be > 0 for stim 1 of event 5.\n"},
@@ -168,12 +167,15 @@ TEST_F(GlmEvents, FileLevelErrors) {
 
 TEST_F(GlmEvents, ExclusionSegmentsAreImages) {
   ASSERT_EQ(read("2 80\n\n1\n0 4\n"), 0);
-  ASSERT_EQ(read("2 80\n\n-1\n3 5.7\n10 10\n"), 0);
-  ASSERT_EQ(GLM.nexclude, 2);
+  // 2.9999998 reads as the float 3 - 2^-22; 40 plus that is 43 in single
+  // precision (the times are read as floats), 42.99999976 in double.
+  ASSERT_EQ(read("2 80\n\n-1\n3 5.7\n10 10\n2.9999998 3\n"), 0);
+  ASSERT_EQ(GLM.nexclude, 3);
   EXPECT_EQ(GLM.exclude_start[0], 43);
   EXPECT_EQ(GLM.exclude_end[0], 45);
   EXPECT_EQ(GLM.exclude_start[1], 50);
   EXPECT_EQ(GLM.exclude_end[1], 50);
+  EXPECT_EQ(GLM.exclude_start[2], 43);
 }
 
 TEST_F(GlmEvents, ConsistencyAcrossRuns) {

@@ -50,6 +50,11 @@ TEST_F(GlmTable, MalformedTables) {
   EXPECT_EQ(out, "Error reading line 3 of TABLE file " + path("t0.dat") + "\n");
   EXPECT_EQ(read_table("", 0, &out), 1);
   EXPECT_NE(out.find("column names"), std::string::npos);
+  // With baseline terms (3 by default) a column needs two images to fit its baseline.
+  EXPECT_EQ(read_table("a b\n1 2\n", 0, &out), 1);
+  EXPECT_EQ(out, "Error: the # of points (1) must be >= 2.\n");
+  EXPECT_EQ(read_table("a b\n", 0, &out), 1);
+  EXPECT_EQ(out, "Error: the # of points (0) must be >= 2.\n");
   std::string wide;
   for (int c = 0; c < 21; c++) wide += "c" + std::to_string(c) + " ";
   EXPECT_EQ(read_table(wide + "\n", 0, &out), 1);
