@@ -14,10 +14,12 @@ import numpy as np
 KEP = os.environ.get("KEP", str(Path(__file__).resolve().parents[1] / "build" / "kep"))
 SHAPE = (10, 32, 256, 256)  # t, z, y, x
 REPEATS = int(os.environ.get("REPEATS", "3"))
+THREADS = int(os.environ.get("KEP_THREADS", "1"))  # kep's `set threads`
 
 
 def run_kep(workdir, commands):
-    script = "set complex-output on\nread in.bfloat a\n" + commands
+    threads = f"set threads {THREADS}\n" if THREADS > 1 else ""
+    script = threads + "set complex-output on\nread in.bfloat a\n" + commands
     (workdir / "run.com").write_text(script)
     start = time.perf_counter()
     subprocess.run([KEP, "run.com"], cwd=workdir, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
@@ -81,7 +83,7 @@ def main():
     np_ft = best(numpy_ft)
     np_smooth = best(numpy_smooth)
     print(f"stack {SHAPE[3]}x{SHAPE[2]}x{SHAPE[1]}x{SHAPE[0]} complex, best of {REPEATS}; "
-          f"kep times exclude reading the file ({read_only:.3f} s)")
+          f"kep times exclude reading the file ({read_only:.3f} s); kep threads {THREADS}")
     print(f"transform + inverse-transform: kep {kep_ft:.3f} s, numpy {np_ft:.3f} s, "
           f"numpy/kep {np_ft / kep_ft:.2f}")
     print(f"smooth-3d 4:                   kep {kep_smooth:.3f} s, numpy {np_smooth:.3f} s, "

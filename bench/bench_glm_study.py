@@ -11,7 +11,12 @@ Every job runs as its own process; wall time, processor time (user + system) and
 resident memory come from that process alone (os.wait4). kep and the peer alternate within
 each repeat, so both meet the same machine load; the best of the repeats is reported.
 
-Usage: bench_glm_study.py [--whole-brain] [--repeats N] [--keep DIR] [--no-peer]
+With --threads N, kep also runs with `set threads N`; the fit phase (the whole job less a
+job that only runs read-GLM) is then compared between 1 and N threads. With KEP_BEFORE set to
+another kep binary (an earlier build), that binary runs the same jobs in the same repeats, so
+that its ratios to the peer and to this build come from one run.
+
+Usage: bench_glm_study.py [--whole-brain] [--repeats N] [--keep DIR] [--no-peer] [--threads N]
 """
 import argparse
 import os
@@ -27,6 +32,7 @@ import numpy as np
 HERE = Path(__file__).resolve().parent
 MAKE_STUDY = HERE.parent / "examples" / "make_study.py"
 KEP = os.environ.get("KEP", str(HERE.parent / "build" / "kep"))
+KEP_BEFORE = os.environ.get("KEP_BEFORE")
 PYTHON = "/usr/bin/python3"
 
 # The peer's job. The runs are concatenated as in kep's model: one design with the event
@@ -102,12 +108,12 @@ def run_job(args, cwd):
     err = proc.stderr.read().decode(errors="replace")
     proc.stderr.close()
     # kep ends every command file with status 1 (its quit status); the output file is the check.
-    if proc.returncode not in (0, 1) or (proc.returncode == 1 and args[0] != KEP):
+    if proc.returncode not in (0, 1) or (proc.returncode == 1 and args[0] not in (KEP, KEP_BEFORE)):
         sys.exit(f"job {' '.join(map(str, args))} failed ({proc.returncode}):\n{err}")
     return wall, usage.ru_utime + usage.ru_stime, usage.ru_utime, usage.ru_stime, usage.ru_maxrss * 1024
 
 
-def make_study(where, size, ar):
+def make_study(where, size, ar, threads):
     nx, ny, nz, images = size
     subprocess.run([PYTHON, str(MAKE_STUDY), str(where), str(nx), str(ny), str(nz), str(images)],
                    check=True, stdout=subprocess.DEVNULL)
@@ -115,8 +121,10 @@ def make_study(where, size, ar):
     # The same study with the AR(1) model for the second case.
     (where / "study_ar.glm").write_text(control.replace("runs:\n", "AR 1\nruns:\n"))
     for name, file in (("ols", "study.glm"), ("ar1", "study_ar.glm")):
-        (where / f"{name}.com").write_text(
-            f"read-GLM {file}\nGLM-fit-events effects\nwrite-float kep_{name}.nii effects\n")
+        job = f"read-GLM {file}\nGLM-fit-events effects\nwrite-float kep_{name}.nii effects\n"
+        (where / f"{name}.com").write_text(job)
+        (where / f"{name}_threads.com").write_text(f"set threads {threads}\n" + job)
+        (where / f"{name}_read.com").write_text(f"read-GLM {file}\n")
     (where / "peer.py").write_text(PEER)
     runs = [l.split() for l in control.split("runs:\n", 1)[1].splitlines() if l.split()]
     return [w for pair in runs for w in pair[:2]]
@@ -142,6 +150,7 @@ def main():
     parser.add_argument("--repeats", type=int, default=None, help="runs of each job (best is kept)")
     parser.add_argument("--keep", help="work in this directory and keep it")
     parser.add_argument("--no-peer", action="store_true", help="time kep alone")
+    parser.add_argument("--threads", type=int, default=0, help="also time kep with this many threads")
     opts = parser.parse_args()
     size = (104, 104, 66, 195) if opts.whole_brain else (64, 64, 32, 150)
     repeats = opts.repeats or (1 if opts.whole_brain else 3)
@@ -152,10 +161,11 @@ def main():
     else:
         context = tempfile.TemporaryDirectory()
         where = Path(context.name)
-    runs = make_study(where, size, 1)
+    runs = make_study(where, size, 1, opts.threads)
     nx, ny, nz, images = size
     nt = 2 * images
     stack_bytes = nx * ny * nz * nt * 8
+    data_bytes = nx * ny * nz * nt * 4  # the runs as float32
     voxels_in_head = None
     load_before = os.getloadavg()
     results = {}
@@ -163,6 +173,10 @@ def main():
         best, walls = {}, {}
         for _ in range(repeats):
             jobs = [("kep", [KEP, f"{name}.com"])]
+            if opts.threads:
+                jobs += [(f"kep-t{opts.threads}", [KEP, f"{name}_threads.com"]), ("read", [KEP, f"{name}_read.com"])]
+            if KEP_BEFORE:
+                jobs.append(("before", [KEP_BEFORE, f"{name}.com"]))
             if not opts.no_peer:
                 jobs.append(("nipy", [PYTHON, "peer.py", name, f"peer_{name}.nii"] + runs))
             for who, args in jobs:
@@ -186,16 +200,28 @@ def main():
     print(f"load average before {load_before[0]:.2f}, after {load_after[0]:.2f} (2 cores: "
           f"{os.cpu_count()} visible)")
     print()
-    print("model  job    wall s    cpu s  (user + system)   peak MB  peak/stack")
+    print("model  job      wall s    cpu s  (user + system)   peak MB  peak/float32 data")
     for name, (best, _) in results.items():
         for who, (wall, cpu, user, system, rss) in best.items():
-            print(f"{name:5s}  {who:5s} {wall:7.2f}  {cpu:7.2f}  ({user:6.2f} + {system:5.2f})  {rss / 1e6:8.1f}"
-                  f"  {rss / stack_bytes:8.2f}")
+            print(f"{name:5s}  {who:7s} {wall:7.2f}  {cpu:7.2f}  ({user:6.2f} + {system:5.2f})  {rss / 1e6:8.1f}"
+                  f"  {rss / data_bytes:8.2f}")
     print()
     for name, (best, agreement) in results.items():
         if "nipy" in best:
             k, p = best["kep"], best["nipy"]
             print(f"{name}: nipy / kep = {p[0] / k[0]:5.2f} (wall)  {p[1] / k[1]:5.2f} (cpu)")
+            if "before" in best:
+                b = best["before"]
+                print(f"{name}: nipy / earlier kep = {p[0] / b[0]:5.2f} (wall)  {p[1] / b[1]:5.2f} (cpu)")
+        if "before" in best:
+            k, b = best["kep"], best["before"]
+            print(f"{name}: earlier kep / kep = {b[0] / k[0]:5.2f} (wall)  {b[1] / k[1]:5.2f} (cpu)  "
+                  f"peak {b[4] / 1e6:.0f} MB -> {k[4] / 1e6:.0f} MB")
+        if opts.threads:
+            k, t, r = best["kep"], best[f"kep-t{opts.threads}"], best["read"]
+            one, many = k[0] - r[0], t[0] - r[0]
+            print(f"{name}: fit phase (job less read-GLM) {one:.2f} s with 1 thread, {many:.2f} s with "
+                  f"{opts.threads}: {one / many:4.2f} times faster")
         if agreement:
             print(f"{name}: correlation of kep's and nipy's effect maps in the head: "
                   + "  ".join(f"event {e + 1} {c:.3f}" for e, c in enumerate(agreement)))

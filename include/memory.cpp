@@ -2,6 +2,7 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include "util.h"
@@ -128,6 +129,16 @@ row_matrix<T>::row_matrix(long rows, long columns)
                                "Allocation failure 2 in row_matrix().")),
       nrows_(rows),
       ncols_(columns) {}
+
+template <typename T>
+row_matrix<T>::row_matrix(const row_matrix &other) {
+  if (other.rows_ == nullptr) return;
+  row_matrix copy(other.nrows_, other.ncols_);
+  for (long r = 0; r < other.nrows_; r++)
+    if (other.ncols_ > 0)
+      memcpy(copy.rows_[r], other.rows_[r], sizeof(T) * static_cast<size_t>(other.ncols_));
+  swap(copy);
+}
 
 template <typename T>
 row_matrix<T>::~row_matrix() {

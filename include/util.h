@@ -72,8 +72,13 @@ class row_matrix {
  public:
   row_matrix() = default;
   row_matrix(long rows, long columns);
-  row_matrix(const row_matrix &) = delete;
-  row_matrix &operator=(const row_matrix &) = delete;
+  // Copies are deep (a worker thread's own copy of a model).
+  row_matrix(const row_matrix &other);
+  row_matrix &operator=(const row_matrix &other) {
+    row_matrix copy(other);
+    swap(copy);
+    return *this;
+  }
   row_matrix(row_matrix &&other) noexcept { swap(other); }
   row_matrix &operator=(row_matrix &&other) noexcept {
     swap(other);

@@ -90,7 +90,7 @@ int GLM_calculate_whitening_filter(int dim, float *rho, int *order_used) {
     printf("\n");
   }
   // Called once per voxel by the stack commands: the factor's storage is kept.
-  static fmatrix L;
+  static thread_local fmatrix L;
   if (L.rows() != q + 1) L = fmatrix(q + 1, q + 1);
   for (;;) {
     for (int i = 0; i <= q; i++) std::fill(L[i], L[i] + q + 1, 0.0f);

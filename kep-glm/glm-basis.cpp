@@ -14,16 +14,18 @@ constexpr int64_t MAX_PARADIGM = int64_t(1) << 26;
 // Largest paradigm samples x IRF samples of the response convolution.
 constexpr int64_t MAX_CONVOLUTION = int64_t(4) << 30;
 
-// In single precision, as the stimulus times are held: a stimulus at a run's
-// first image then starts exactly on that image's sample.
-double sample_time(long i, int n) { return static_cast<float>(i) * GLM.tr[0] / static_cast<float>(n); }
+// Rounded to single precision, as the stimulus times are held: the first
+// sample of a run's first image then lies exactly at the run's start.
+double sample_time(long i, int n) { return static_cast<float>(i * static_cast<double>(GLM.tr[0]) / n); }
 
 }  // namespace
 
 int GLMInternal_oversampling(int *n) {
   *n = 1;
   if (HRF.nhrf == 1) {
-    double ratio = static_cast<double>(GLM.tr[0]) / HRF.time_step + 0.5;
+    // The quotient of the two single-precision times is rounded to single
+    // precision before the half is added: TR 0.75 s over steps of 0.1 s is 7.5, so 8.
+    double ratio = static_cast<double>(GLM.tr[0] / HRF.time_step) + 0.5;
     *n = ratio < 1.0 ? 0 : ratio > 1e6 ? 1000000 : static_cast<int>(ratio);
     if (*n < 1) {
       printf("Error: the IRF time step (%f) must be <= TR (%f)\n", HRF.time_step, GLM.tr[0]);

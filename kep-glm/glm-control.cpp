@@ -8,7 +8,8 @@
 
 GLM_INPUT GLM_input;
 hrf_struct HRF;
-glm_struct GLM;
+glm_struct glm_model;
+constinit thread_local glm_struct *glm_current = &glm_model;
 
 void (*GLMInternal_terminate_hook)() = nullptr;
 
@@ -19,12 +20,19 @@ void GLMInternal_terminate() {
 }
 
 int GLMInternal_get_line(FILE *f, char *line) {
-  if (fgets(line, GLM_NAME_LENGTH, f) == nullptr) {
-    line[0] = '\0';
-    return 0;
+  // The whole line is consumed, however long, so that a long comment never
+  // spills into the next line; text beyond the buffer is dropped.
+  int c = EOF, n = 0;
+  bool any = false, comment = false;
+  while ((c = getc(f)) != EOF) {
+    any = true;
+    if (c == '\n') break;
+    if (c == '#') comment = true;
+    if (!comment && n < GLM_NAME_LENGTH - 2) line[n++] = static_cast<char>(c);
   }
-  if (char *hash = strchr(line, '#')) *hash = '\0';
-  return 1;
+  if (c == '\n' && !comment) line[n++] = '\n';
+  line[n] = '\0';
+  return any ? 1 : 0;
 }
 
 bool GLMInternal_blank(const char *line) {
@@ -170,11 +178,11 @@ int GLMInternal_decode_keyword(const char *line) {
     for (const char *c = args; *c; c++) {
       if (static_cast<unsigned char>(*c) <= ' ') continue;
       int number = GLM_EventNumberFromChar(*c);
-      if (number < 1) {
+      if (number == 0) {
         printf("Error using convolve-table: event %c is undefined.\n", *c);
         return 1;
       }
-      GLM.convolve_table[number] = 1;
+      if (number > 0) GLM.convolve_table[number] = 1;  // a ',' (exclusions) flags nothing
     }
     return 0;
   }

@@ -11,7 +11,7 @@
 namespace {
 
 // F of the last call of GLM_calculate_F, before it was rounded into the statistic.
-double last_F = 0.0;
+thread_local double last_F = 0.0;
 
 bool blank_char(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
@@ -149,7 +149,7 @@ GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *data, float *
   const int *include = GLM.include_time.data();
   // Accumulators in double, summed over images in the same order as the
   // one-voxel path; each image row of the block is read once.
-  static std::vector<double> acc, ss;
+  static thread_local std::vector<double> acc, ss;
   acc.assign(static_cast<size_t>(nc) * nvox, 0.0);
   ss.assign(static_cast<size_t>(nvox), 0.0);
   for (int t = 0; t < nt; t++) {

@@ -10,13 +10,14 @@
 namespace {
 
 // The design before whitening (excluded images zeroed), kept by whiten_model(1).
-fmatrix unwhitened;
+// It and the scratch below belong to each thread that fits.
+thread_local fmatrix unwhitened;
 // Scratch reused from fit to fit, so that refitting with a new filter does not allocate.
-std::vector<double> scratch_xtx;
-std::vector<double> scratch_copy;
+thread_local std::vector<double> scratch_xtx;
+thread_local std::vector<double> scratch_copy;
 
 // Scratch for (X'X)^-1 in double precision, kept between refits.
-dmatrix scratch_inverse;
+thread_local dmatrix scratch_inverse;
 
 // Lagged cross products of the unwhitened design U for the whitened fit of one
 // voxel: G(s, u) = sum over t = q..n-1 of U[t-s] U[t-u]' (nc x nc each), for
@@ -27,12 +28,14 @@ dmatrix scratch_inverse;
 struct LaggedProducts {
   bool valid = false;
   long rows = 0, columns = 0;
-  std::vector<std::vector<double>> g;  // by order: [(s * (q + 1) + u) * nc * nc + i * nc + j]
+  std::vector<std::vector<double>> g;        // by order: [(s * (q + 1) + u) * nc * nc + i * nc + j]
   std::vector<double> u_columns, x_columns;  // [c * n + t]
-} lagged;
+};
+thread_local LaggedProducts lagged;
 
 // Scratch of the whitened fit, reused from voxel to voxel.
-std::vector<double> fast_xtx, fast_b, fast_acc, fast_startup, fast_m, fast_fit, fast_z, fast_taps, fast_y;
+thread_local std::vector<double> fast_xtx, fast_b, fast_acc, fast_startup, fast_m, fast_fit, fast_z,
+    fast_taps, fast_y;
 
 void prepare_lagged() {
   const int n = static_cast<int>(unwhitened.rows()), nc = static_cast<int>(unwhitened.columns());
@@ -300,7 +303,8 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
   double *__restrict fd = fast_fit.data(), *__restrict m = fast_m.data();
   for (int c = 0; c < nc; c++) {
     const double bc = beta[c];
-    const double *__restrict x = X + static_cast<size_t>(c) * n, *__restrict u = U + static_cast<size_t>(c) * n;
+    const double *__restrict x = X + static_cast<size_t>(c) * n, *__restrict u =
+                                                                     U + static_cast<size_t>(c) * n;
     for (int t = 0; t < n; t++) {
       fd[t] += x[t] * bc;
       m[t] += u[t] * bc;
@@ -327,6 +331,17 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
   *variance = static_cast<float>(ss / GLM.dof);
   GLMInternal_form_condition_matrices();
   return 0;
+}
+
+void GLM_copy_model(GLM_worker_model *into) {
+  into->model = GLM;
+  into->unwhitened = unwhitened;
+}
+
+void GLM_use_model(GLM_worker_model *model) {
+  glm_current = model != nullptr ? &model->model : &glm_model;
+  if (model != nullptr) unwhitened = model->unwhitened;
+  lagged.valid = false;
 }
 
 void GLM_reset_whitening() {

@@ -142,7 +142,21 @@ struct glm_struct {
 
 extern GLM_INPUT GLM_input;
 extern hrf_struct HRF;
-extern glm_struct GLM;
+// The model belongs to the thread that built it (glm_model). A worker thread
+// that fits voxels beside it works on its own copy (GLM_worker_model), so that
+// one voxel's fit never sees another's; GLM names the calling thread's model.
+extern glm_struct glm_model;
+extern constinit thread_local glm_struct *glm_current;
+#define GLM (*glm_current)
+
+struct GLM_worker_model {
+  glm_struct model;
+  fmatrix unwhitened;
+};
+// On the thread that owns the model, before the workers start: a copy for one.
+void GLM_copy_model(GLM_worker_model *into);
+// On a worker thread: fit with `model` from now on; null goes back to glm_model.
+void GLM_use_model(GLM_worker_model *model);
 
 // Clears GLM_input (including notify), HRF and GLM to their program-start values.
 void GLM_reset_all();

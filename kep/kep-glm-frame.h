@@ -9,12 +9,14 @@
 
 // What a command does with one fitted voxel. `skipped` is set for an all-zero
 // voxel left out of an autoregressive fit; data and fit are then zero. Voxels
-// outside the GLM mask are not handed over at all.
+// outside the GLM mask are not handed over at all. With several threads,
+// voxels come in any order from any thread: a step only writes what belongs
+// to its voxel, and `work` is nt floats of the calling thread's own.
 class VoxelStep {
  public:
   virtual ~VoxelStep() = default;
   // Returns nonzero to stop the command with failure.
-  virtual int voxel(long v, float *data, float *fit, float variance, bool skipped) = 0;
+  virtual int voxel(long v, float *data, float *fit, float variance, bool skipped, float *work) = 0;
 };
 
 struct Frame {

@@ -22,7 +22,7 @@ class ConditionMaps : public VoxelStep {
  public:
   ConditionMaps(int nt, int conditions, data_stack *out)
       : nt_(nt), conditions_(conditions), dof_(GLM_get_DOF()), out_(out) {}
-  int voxel(long v, float *, float *, float variance, bool skipped) override {
+  int voxel(long v, float *, float *, float variance, bool skipped, float *) override {
     if (skipped) return 0;  // the maps already hold 0 and p 1
     for (int k = 0; k < conditions_; k++) {
       float stat = 0, p = 1, pc = 1, effect = 0, error = 0;

@@ -9,9 +9,11 @@
 // autocorrelations, which are smoothed in image space by AR_smooth_mm; the
 // second whitens each voxel with its own smoothed coefficients and refits.
 // All-zero voxels (outside the head) are skipped by both passes and get zeros.
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,6 +21,7 @@
 #include "kep-glm-frame.h"
 #include "kep-interrupt.h"
 #include "kep-prototypes.h"
+#include "threads.h"
 
 namespace {
 
@@ -26,7 +29,8 @@ constexpr int BLOCK_VOXELS = 256;
 
 float amplitude(const FCOMPLEX &c, bool magnitude) {
   if (magnitude) return c.real;
-  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+  return static_cast<float>(
+      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
 }
 
 // The common checks; fills the frame from the current volume list.
@@ -102,42 +106,102 @@ int pack_active(const float *rows, int n, int nt, std::vector<int> &kept, std::v
   return m;
 }
 
-// One pass of block fits over all voxels; `each` sees every voxel in order
-// with the engine's last fit set to that voxel. An all-zero series fits to
-// zero coefficients, zero fit and zero variance exactly, so those voxels are
+// One thread's work space, taken once per pass.
+struct Workspace {
+  std::vector<float> rows, fits, packed, beta, variance, data, fit, zero_beta, work, coefficients, rho;
+  std::vector<double> scratch;
+  std::vector<int> kept;
+  Workspace(int nt, int ncoeff, int p)
+      : rows(static_cast<size_t>(nt) * BLOCK_VOXELS),
+        fits(rows.size()),
+        beta(static_cast<size_t>(ncoeff) * BLOCK_VOXELS),
+        variance(BLOCK_VOXELS),
+        data(nt),
+        fit(nt),
+        zero_beta(ncoeff > 0 ? ncoeff : 1, 0.0f),
+        work(nt),
+        coefficients(p + 1),
+        rho(p > 0 ? p : 1),
+        scratch(static_cast<size_t>(nt) + 2 * (p + 1)) {}
+};
+
+// Runs block(v0, n, space) for every block of BLOCK_VOXELS positions of the
+// voxels to fit, on up to `set threads` threads, each with its own copy of
+// the model. Blocks are handed out in order but finish in any order; the
+// progress lines are printed between groups of blocks, each group ending with
+// the block of a progress point, so they come out as one thread prints them.
+template <typename Block>
+int for_each_block(const Frame &f, bool report, Block block) {
+  const int p = GLM_input.AR_order > 0 ? GLM_input.AR_order : 0;
+  const long count = f.count();
+  const long nblocks = (count + BLOCK_VOXELS - 1) / BLOCK_VOXELS;
+  int workers = worker_threads();
+  if (GLM_input.notify) workers = 1;  // per-voxel notes keep their order
+  if (workers > nblocks) workers = static_cast<int>(nblocks > 0 ? nblocks : 1);
+  std::vector<GLM_worker_model> models(static_cast<size_t>(workers - 1));
+  for (GLM_worker_model &m : models) GLM_copy_model(&m);
+  std::vector<std::unique_ptr<Workspace>> spaces(static_cast<size_t>(workers));
+  for (auto &space : spaces) space = std::make_unique<Workspace>(f.nt, GLM.ncoeff, p);
+
+  std::vector<long> points;  // positions after which a progress line is due
+  for (long quarter = 1; quarter <= 3; quarter++)
+    if ((quarter * count) % 4 == 0 && quarter * count / 4 >= 1) points.push_back(quarter * count / 4);
+  std::atomic<bool> failed{false};
+  long first = 0;
+  size_t next_point = 0;
+  while (first < nblocks && !failed) {
+    long last = nblocks;  // one past the group's last block
+    if (next_point < points.size()) last = points[next_point] / BLOCK_VOXELS + 1;
+    std::atomic<long> next{first};
+    run_workers(workers, [&](int worker) {
+      if (worker > 0) GLM_use_model(&models[static_cast<size_t>(worker - 1)]);
+      Workspace &space = *spaces[static_cast<size_t>(worker)];
+      for (long b = next++; b < last && !failed; b = next++) {
+        if (kep_interrupted()) failed = true;
+        if (failed) break;
+        const long v0 = b * BLOCK_VOXELS;
+        const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, count - v0));
+        if (block(v0, n, space)) failed = true;
+      }
+      if (worker > 0) GLM_use_model(nullptr);
+    });
+    if (failed) return 1;
+    for (; next_point < points.size() && points[next_point] < last * BLOCK_VOXELS; next_point++)
+      if (report) progress(points[next_point], count);
+    first = last;
+  }
+  return 0;
+}
+
+// One pass of block fits over all voxels to fit; `each` sees every voxel with
+// the engine's last fit set to that voxel. An all-zero series fits to zero
+// coefficients, zero fit and zero variance exactly, so those voxels are
 // handed over as such without being fitted.
 template <typename Each>
-int block_pass(const Frame &f, Each each) {
-  const int ncoeff = GLM.ncoeff;
-  std::vector<float> rows(static_cast<size_t>(f.nt) * BLOCK_VOXELS), fits(rows.size()), packed;
-  std::vector<float> beta(static_cast<size_t>(ncoeff) * BLOCK_VOXELS), variance(BLOCK_VOXELS);
-  std::vector<float> data(f.nt), fit(f.nt), zero_beta(ncoeff > 0 ? ncoeff : 1, 0.0f);
-  std::vector<int> kept;
-  for (long v0 = 0; v0 < f.count(); v0 += BLOCK_VOXELS) {
-    if (kep_interrupted()) return 1;
-    const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.count() - v0));
-    gather(f, v0, n, rows.data());
-    const int m = pack_active(rows.data(), n, f.nt, kept, packed);
-    const float *fitted = m == n ? rows.data() : packed.data();
-    if (m > 0 && GLM_fit_block(f.nt, m, fitted, fits.data(), beta.data(), variance.data())) return 1;
+int block_pass(const Frame &f, bool report, Each each) {
+  return for_each_block(f, report, [&](long v0, int n, Workspace &w) {
+    gather(f, v0, n, w.rows.data());
+    const int m = pack_active(w.rows.data(), n, f.nt, w.kept, w.packed);
+    const float *fitted = m == n ? w.rows.data() : w.packed.data();
+    if (m > 0 && GLM_fit_block(f.nt, m, fitted, w.fits.data(), w.beta.data(), w.variance.data())) return 1;
     int j = 0;
     for (int i = 0; i < n; i++) {
       float var = 0.0f;
-      if (j < m && kept[j] == i) {
-        GLM_load_block_coefficients(m, beta.data(), j);
-        column(fitted, m, j, f.nt, data.data());
-        column(fits.data(), m, j, f.nt, fit.data());
-        var = variance[j];
+      if (j < m && w.kept[j] == i) {
+        GLM_load_block_coefficients(m, w.beta.data(), j);
+        column(fitted, m, j, f.nt, w.data.data());
+        column(w.fits.data(), m, j, f.nt, w.fit.data());
+        var = w.variance[j];
         j++;
       } else {
-        GLM_load_block_coefficients(1, zero_beta.data(), 0);
-        std::fill(data.begin(), data.end(), 0.0f);
-        std::fill(fit.begin(), fit.end(), 0.0f);
+        GLM_load_block_coefficients(1, w.zero_beta.data(), 0);
+        std::fill(w.data.begin(), w.data.end(), 0.0f);
+        std::fill(w.fit.begin(), w.fit.end(), 0.0f);
       }
-      if (each(f.voxel(v0 + i), data.data(), fit.data(), var)) return 1;
+      if (each(f.voxel(v0 + i), w, var)) return 1;
     }
-  }
-  return 0;
+    return 0;
+  });
 }
 
 // Bias-reduced autocorrelations rho_1..rho_p of one voxel from its residual.
@@ -161,11 +225,8 @@ void autocorrelations(const float *data, const float *fit, int nt, int p, float 
 int run_fit(const Frame &f, VoxelStep &step) {
   const int p = GLM_input.AR_order;
   if (p <= 0) {
-    long position = 0;
-    return block_pass(f, [&](long v, float *data, float *fit, float variance) {
-      int r = step.voxel(v, data, fit, variance, false);
-      progress(position++, f.count());
-      return r;
+    return block_pass(f, true, [&](long v, Workspace &w, float variance) {
+      return step.voxel(v, w.data.data(), w.fit.data(), variance, false, w.work.data());
     });
   }
   // Pass one: unwhitened fits give each voxel's autocorrelations.
@@ -177,16 +238,15 @@ int run_fit(const Frame &f, VoxelStep &step) {
   GLM_reset_whitening();
   std::vector<float> rho(static_cast<size_t>(p) * f.nvox, 0.0f), weight(f.nvox, 0.0f);
   std::vector<char> active(f.nvox, 0);
-  std::vector<float> r(p);
-  std::vector<double> scratch(static_cast<size_t>(f.nt) + 2 * (p + 1));
-  int failed = block_pass(f, [&](long v, float *data, float *fit, float) {
+  // The progress lines are those of pass two.
+  int failed = block_pass(f, false, [&](long v, Workspace &w, float) {
     bool any = false;
-    for (int t = 0; t < f.nt && !any; t++) any = data[t] != 0.0f;
+    for (int t = 0; t < f.nt && !any; t++) any = w.data[t] != 0.0f;
     if (!any) return 0;
     active[v] = 1;
     weight[v] = 1.0f;
-    autocorrelations(data, fit, f.nt, p, r.data(), scratch.data());
-    for (int k = 0; k < p; k++) rho[k * f.nvox + v] = r[k];
+    autocorrelations(w.data.data(), w.fit.data(), f.nt, p, w.rho.data(), w.scratch.data());
+    for (int k = 0; k < p; k++) rho[k * f.nvox + v] = w.rho[k];
     return 0;
   });
   if (failed) return 1;
@@ -207,34 +267,30 @@ int run_fit(const Frame &f, VoxelStep &step) {
   }
   // Pass two: whiten each voxel with its own coefficients and refit, the
   // series taken from contiguous blocks gathered as in pass one.
-  std::vector<float> rows(static_cast<size_t>(f.nt) * BLOCK_VOXELS);
-  std::vector<float> data(f.nt), fit(f.nt), coefficients(p + 1);
-  for (long v0 = 0; v0 < f.count(); v0 += BLOCK_VOXELS) {
-    if (kep_interrupted()) return 1;
-    const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, f.count() - v0));
-    gather(f, v0, n, rows.data());
+  failed = for_each_block(f, true, [&](long v0, int n, Workspace &w) {
+    gather(f, v0, n, w.rows.data());
     for (int i = 0; i < n; i++) {
       const long v = f.voxel(v0 + i);
       if (!active[v]) {
-        std::fill(data.begin(), data.end(), 0.0f);
-        std::fill(fit.begin(), fit.end(), 0.0f);
-        if (step.voxel(v, data.data(), fit.data(), 0.0f, true)) return 1;
-      } else {
-        column(rows.data(), n, i, f.nt, data.data());
-        coefficients[0] = 1.0f;
-        for (int k = 0; k < p; k++) coefficients[k + 1] = rho[k * f.nvox + v];
-        int used = 0;
-        float variance = 0.0f;
-        if (GLM_calculate_whitening_filter(p + 1, coefficients.data(), &used)) return 1;
-        if (GLM_fit_whitened(f.nt, data.data(), fit.data(), &variance)) return 1;
-        if (step.voxel(v, data.data(), fit.data(), variance, false)) return 1;
+        std::fill(w.data.begin(), w.data.end(), 0.0f);
+        std::fill(w.fit.begin(), w.fit.end(), 0.0f);
+        if (step.voxel(v, w.data.data(), w.fit.data(), 0.0f, true, w.work.data())) return 1;
+        continue;
       }
-      progress(v0 + i, f.count());
+      column(w.rows.data(), n, i, f.nt, w.data.data());
+      w.coefficients[0] = 1.0f;
+      for (int k = 0; k < p; k++) w.coefficients[k + 1] = rho[k * f.nvox + v];
+      int used = 0;
+      float variance = 0.0f;
+      if (GLM_calculate_whitening_filter(p + 1, w.coefficients.data(), &used)) return 1;
+      if (GLM_fit_whitened(f.nt, w.data.data(), w.fit.data(), &variance)) return 1;
+      if (step.voxel(v, w.data.data(), w.fit.data(), variance, false, w.work.data())) return 1;
     }
-  }
+    return 0;
+  });
   // Later plain fits and statistics see the unwhitened design again.
   GLM_reset_whitening();
-  return 0;
+  return failed;
 }
 
 // Creates an output map stack shaped like "glm"; refuses to replace the input.
@@ -268,10 +324,11 @@ void store(data_stack *out, int volume, long v, float value) {
 class Baseline : public VoxelStep {
  public:
   Baseline(const Frame &f, int kind) : f_(f), kind_(kind) {}
-  int voxel(long v, float *data, float *fit, float, bool skipped) override {
+  int voxel(long v, float *data, float *fit, float, bool skipped, float *) override {
     if (!skipped) {
       float mean = 0.0f;
-      int r = kind_ == 0 ? GLM_remove_baseline(0, f_.nt, data, fit) : GLM_correct_baseline(f_.nt, data, fit, &mean);
+      int r = kind_ == 0 ? GLM_remove_baseline(0, f_.nt, data, fit)
+                         : GLM_correct_baseline(f_.nt, data, fit, &mean);
       if (r) return 1;
     }
     for (int k = 0; k < f_.nt; k++) const_cast<FCOMPLEX *>(f_.volume[k])[v] = {data[k], 0.0f};
@@ -286,7 +343,7 @@ class Baseline : public VoxelStep {
 class Residue : public VoxelStep {
  public:
   Residue(const Frame &f, const char *selection, data_stack *out) : f_(f), selection_(selection), out_(out) {}
-  int voxel(long v, float *data, float *fit, float, bool skipped) override {
+  int voxel(long v, float *data, float *fit, float, bool skipped, float *) override {
     if (!skipped && GLM_create_selective_residue(selection_, f_.nt, data, fit)) return 1;
     for (int t = 0; t < f_.nt; t++) store(out_, t, v, data[t]);
     return 0;
@@ -298,30 +355,44 @@ class Residue : public VoxelStep {
   data_stack *out_;
 };
 
+// The largest effect's event is kept from voxel to voxel where no effect
+// exceeds 0, so each voxel notes its own and the marks and counts are made in
+// voxel order once all are fitted.
 class FitEvents : public VoxelStep {
  public:
   FitEvents(int nt, int nevents, long nvox, data_stack *out)
-      : nt_(nt), nevents_(nevents), threshold_(0.01 / static_cast<double>(nvox)), out_(out), mark(nvox, 0),
+      : nt_(nt),
+        nevents_(nevents),
+        threshold_(0.01 / static_cast<double>(nvox)),
+        out_(out),
+        largest_(nvox, -1),
+        significant_(nvox, 0),
+        mark(nvox, 0),
         hist(nevents, 0) {}
-  int voxel(long v, float *, float *, float variance, bool skipped) override {
+  int voxel(long v, float *, float *, float variance, bool skipped, float *) override {
     if (skipped) return 0;
     float stat = 0, p = 1, pc = 1, effect = 0, error = 0;
-    if (GLM_calculate_F(nt_, variance, 0, 0, &stat, &p, &pc, &effect, &error))
-      return 1;
+    if (GLM_calculate_F(nt_, variance, 0, 0, &stat, &p, &pc, &effect, &error)) return 1;
     float largest = 0.0f;
     for (int e = 0; e < nevents_; e++) {
       float size = GLM_get_effect_size(e);
       store(out_, e, v, size);
       if (fabsf(size) > largest) {
         largest = fabsf(size);
-        index_ = e;
+        largest_[v] = e;
       }
     }
-    if (p < threshold_) {
-      if (index_ == 2) mark[v] = 1;
-      hist[index_]++;
-    }
+    significant_[v] = p < threshold_;
     return 0;
+  }
+  void count() {
+    int index = 0;
+    for (size_t v = 0; v < mark.size(); v++) {
+      if (largest_[v] >= 0) index = largest_[v];
+      if (!significant_[v]) continue;
+      if (index == 2) mark[v] = 1;
+      hist[index]++;
+    }
   }
 
  private:
@@ -329,7 +400,8 @@ class FitEvents : public VoxelStep {
   int nevents_;
   double threshold_;
   data_stack *out_;
-  int index_ = 0;  // kept from voxel to voxel, as the count of events works
+  std::vector<int> largest_;  // -1: no effect above 0
+  std::vector<char> significant_;
 
  public:
   std::vector<char> mark;
@@ -339,7 +411,7 @@ class FitEvents : public VoxelStep {
 class MaximalEffect : public VoxelStep {
  public:
   explicit MaximalEffect(data_stack *out) : out_(out) {}
-  int voxel(long v, float *, float *, float, bool skipped) override {
+  int voxel(long v, float *, float *, float, bool skipped, float *) override {
     store(out_, 0, v, skipped ? 0.0f : GLM_get_maximal_effect_size(0));
     return 0;
   }
@@ -351,7 +423,7 @@ class MaximalEffect : public VoxelStep {
 class ResidualVariance : public VoxelStep {
  public:
   ResidualVariance(int nt, data_stack *out) : nt_(nt), dof_(GLM_get_DOF()), out_(out) {}
-  int voxel(long v, float *data, float *fit, float, bool skipped) override {
+  int voxel(long v, float *data, float *fit, float, bool skipped, float *) override {
     if (skipped) return 0;
     float sum = 0.0f;
     for (int t = 0; t < nt_; t++) {
@@ -370,17 +442,20 @@ class ResidualVariance : public VoxelStep {
 
 class ARMaps : public VoxelStep {
  public:
-  ARMaps(int nt, int lags, data_stack *out) : nt_(nt), lags_(lags), out_(out), r_(nt) {}
+  ARMaps(int nt, int lags, data_stack *out) : nt_(nt), lags_(lags), out_(out) {}
   // A voxel left out of an AR fit is all zero: its lags are 0/0 like any
   // other zero residual.
-  int voxel(long v, float *data, float *fit, float, bool) override {
+  int voxel(long v, float *data, float *fit, float, bool, float *residual) override {
+    float *r_ = residual;
     for (int t = 0; t < nt_; t++) r_[t] = data[t] - fit[t];
     float c0 = 0.0f;
     for (int k = 0; k <= lags_; k++) {
       float c = 0.0f;
       for (int t = k; t < nt_; t++) c += r_[t] * r_[t - k];
-      if (k == 0) c0 = c;
-      else store(out_, k - 1, v, c / c0);
+      if (k == 0)
+        c0 = c;
+      else
+        store(out_, k - 1, v, c / c0);
     }
     return 0;
   }
@@ -388,14 +463,15 @@ class ARMaps : public VoxelStep {
  private:
   int nt_, lags_;
   data_stack *out_;
-  std::vector<float> r_;
 };
 
 }  // namespace
 
 int glm_open_frame(Frame &f, bool need_events) { return open_frame(f, need_events); }
 int glm_run_fit(const Frame &f, VoxelStep &step) { return run_fit(f, step); }
-data_stack *glm_create_map(const Frame &f, const char *name, int volumes) { return create_map(f, name, volumes); }
+data_stack *glm_create_map(const Frame &f, const char *name, int volumes) {
+  return create_map(f, name, volumes);
+}
 
 int glm_remove_or_correct_baseline(int kind) {
   Frame f;
@@ -424,6 +500,7 @@ int glm_fit_events(const char *name) {
   if (out == nullptr) return 1;
   FitEvents step(f.nt, nevents, f.nvox, out);
   if (run_fit(f, step)) return 1;
+  step.count();
   printf("stack %s contains %d volumes in the following event order:\n", name, nevents);
   for (int e = 0; e < nevents; e++) printf("event %d%s\n", GLM_get_event_number(e), trial_type_of(e).c_str());
 
@@ -449,7 +526,9 @@ int glm_fit_events(const char *name) {
   }
   overlay.nvoxels = static_cast<int>(n);
   printf("\nAn overlay of %d voxels was defined.\n", overlay.nvoxels);
-  for (int e = 0; e < nevents; e++) printf("hist[%d] = %d for event %d%s\n", e, step.hist[e], GLM_get_event_number(e), trial_type_of(e).c_str());
+  for (int e = 0; e < nevents; e++)
+    printf("hist[%d] = %d for event %d%s\n", e, step.hist[e], GLM_get_event_number(e),
+           trial_type_of(e).c_str());
   return 0;
 }
 
@@ -494,7 +573,7 @@ namespace {
 class PValues : public VoxelStep {
  public:
   PValues(int nt, float *p) : nt_(nt), p_(p) {}
-  int voxel(long v, float *, float *, float variance, bool skipped) override {
+  int voxel(long v, float *, float *, float variance, bool skipped, float *) override {
     float stat = 0, p = 1, pc = 1, effect = 0, error = 0;
     if (!skipped && GLM_calculate_F(nt_, variance, 0, 0, &stat, &p, &pc, &effect, &error)) return 1;
     p_[v] = p;

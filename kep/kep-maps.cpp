@@ -42,7 +42,7 @@ int install_maps(const char *name, const data_stack *template_stack, IPOINT3D di
   initialize_volume_list();  // the list may point into the replaced stack
   if (out == nullptr) return 1;
   out->data_type = 2;
-  out->status |= STATUS_MAP;
+  out->status |= STATUS_POLAR;  // magnitudes with zero phase
   for (long n = 0; n < out->n4d; n++) out->SpaceTime.fcData[n] = {maps[static_cast<size_t>(n)], 0.0f};
   return 0;
 }

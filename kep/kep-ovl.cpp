@@ -282,7 +282,6 @@ int create_overlay_from_bitmap() {
         }
       }
   install_overlay(voxels, weights);
-  printf("%d overlay pixels were made from the bitmap.\n", overlay.nvoxels);
   return 0;
 }
 

@@ -105,6 +105,7 @@ int read_glm_runs_in_place() {
   glm->status = source.status;
   glm->registration = source.registration;
   glm->lDOF = source.lDOF;
+  memcpy(glm->description, source.description, sizeof glm->description);
   initialize_volume_list();
   printf("New stack glm contains %d volumes of dimensions (%d,%d,%d)\n", glm->nt, glm->dim.x, glm->dim.y,
          glm->dim.z);

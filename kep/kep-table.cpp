@@ -223,6 +223,7 @@ const char *const variables[NUMBER_OF_VARIABLES] = {
     "nifti-method",
     "histogram",
     "glm-mask",
+    "threads",
 };
 
 int decode(Form form, char *text, Decoded &d) {

@@ -3,6 +3,8 @@
 // exponential weighting along x and the edge filter.
 #include <fftw3.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -12,6 +14,7 @@
 
 #include "kep-interrupt.h"
 #include "kep-prototypes.h"
+#include "threads.h"
 
 namespace {
 
@@ -49,15 +52,77 @@ struct LineSet {
   int n;
 };
 
+// One pass over up to `batch` contiguous lines from block `first` on.
+void contiguous_pass(const LineSet &lines, fftw_plan plan, fftw_complex *buf, long batch, long first,
+                     float scale) {
+  const long n = lines.n, before = n / 2, after = (n + 1) / 2;
+  long count = lines.nblocks - first < batch ? lines.nblocks - first : batch;
+  for (long b = 0; b < count; b++) {
+    const FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
+    fftw_complex *out = buf + b * n;
+    for (long j = 0; j < n - before; j++) {
+      out[j][0] = line[j + before].real;
+      out[j][1] = line[j + before].imag;
+    }
+    for (long j = n - before; j < n; j++) {
+      out[j][0] = line[j - (n - before)].real;
+      out[j][1] = line[j - (n - before)].imag;
+    }
+  }
+  if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
+  fftw_execute_dft(plan, buf, buf);
+  for (long b = 0; b < count; b++) {
+    FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
+    const fftw_complex *in = buf + b * n;
+    for (long m = 0; m < n - after; m++) {
+      line[m].real = static_cast<float>(in[m + after][0]) / scale;
+      line[m].imag = static_cast<float>(in[m + after][1]) / scale;
+    }
+    for (long m = n - after; m < n; m++) {
+      line[m].real = static_cast<float>(in[m - (n - after)][0]) / scale;
+      line[m].imag = static_cast<float>(in[m - (n - after)][1]) / scale;
+    }
+  }
+}
+
+// One pass over up to `batch` strided lines of `block`, from column `first` on.
+void strided_pass(const LineSet &lines, fftw_plan plan, fftw_complex *buf, long batch, long block, long first,
+                  float scale) {
+  const long n = lines.n, before = n / 2, after = (n + 1) / 2;
+  FCOMPLEX *base = lines.data + block * lines.block_stride;
+  long count = lines.ncolumns - first < batch ? lines.ncolumns - first : batch;
+  if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
+  for (long j = 0; j < n; j++) {
+    long row = j + before < n ? j + before : j + before - n;
+    const FCOMPLEX *src = base + row * lines.stride + first;
+    fftw_complex *out = buf + j;
+    for (long b = 0; b < count; b++) {
+      out[b * n][0] = src[b].real;
+      out[b * n][1] = src[b].imag;
+    }
+  }
+  fftw_execute_dft(plan, buf, buf);
+  for (long m = 0; m < n; m++) {
+    long row = m + after < n ? m + after : m + after - n;
+    FCOMPLEX *dst = base + m * lines.stride + first;
+    const fftw_complex *in = buf + row;
+    for (long b = 0; b < count; b++) {
+      dst[b].real = static_cast<float>(in[b * n][0]) / scale;
+      dst[b].imag = static_cast<float>(in[b * n][1]) / scale;
+    }
+  }
+}
+
 // Transforms every line of `lines` with the centring permutation folded into
 // the copies: line sample (j + n/2) mod n goes to buffer index j before the
 // transform, buffer index (m + (n+1)/2) mod n comes back to sample m after
 // it, so the zero frequency sits at index n/2 in both domains, also for odd
-// n. The result is multiplied by `factor`. Returns 1 when memory runs out.
-int transform_lines(const LineSet &lines, int sign, double factor) {
+// n. Each result is rounded to float and then divided by `scale`, so the
+// forward transforms carry 1/N exactly as a float quotient. Returns 1 when
+// memory runs out.
+int transform_lines(const LineSet &lines, int sign, float scale) {
   const long n = lines.n;
   if (n < 1 || lines.nblocks < 1 || lines.ncolumns < 1) return 0;
-  const long before = n / 2, after = (n + 1) / 2;
   const bool contiguous = lines.stride == 1 && lines.ncolumns == 1;
 
   // Lines per pass: contiguous lines are taken from consecutive blocks,
@@ -80,70 +145,33 @@ int transform_lines(const LineSet &lines, int sign, double factor) {
     kep_text(2, "The Fourier transform could not be planned.");
     return 1;
   }
-  fftw_complex *buf = buffer.data;
-
-  if (contiguous) {
-    for (long first = 0; first < lines.nblocks; first += batch) {
-      if (kep_interrupted()) return 1;
-      long count = lines.nblocks - first < batch ? lines.nblocks - first : batch;
-      for (long b = 0; b < count; b++) {
-        const FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
-        fftw_complex *out = buf + b * n;
-        for (long j = 0; j < n - before; j++) {
-          out[j][0] = line[j + before].real;
-          out[j][1] = line[j + before].imag;
-        }
-        for (long j = n - before; j < n; j++) {
-          out[j][0] = line[j - (n - before)].real;
-          out[j][1] = line[j - (n - before)].imag;
-        }
-      }
-      if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
-      fftw_execute(plan.plan);
-      for (long b = 0; b < count; b++) {
-        FCOMPLEX *line = lines.data + (first + b) * lines.block_stride;
-        const fftw_complex *in = buf + b * n;
-        for (long m = 0; m < n - after; m++) {
-          line[m].real = static_cast<float>(in[m + after][0] * factor);
-          line[m].imag = static_cast<float>(in[m + after][1] * factor);
-        }
-        for (long m = n - after; m < n; m++) {
-          line[m].real = static_cast<float>(in[m - (n - after)][0] * factor);
-          line[m].imag = static_cast<float>(in[m - (n - after)][1] * factor);
-        }
-      }
-    }
-    return 0;
-  }
-
-  for (long block = 0; block < lines.nblocks; block++) {
-    FCOMPLEX *base = lines.data + block * lines.block_stride;
-    for (long first = 0; first < lines.ncolumns; first += batch) {
-      if (kep_interrupted()) return 1;
-      long count = lines.ncolumns - first < batch ? lines.ncolumns - first : batch;
-      if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
-      for (long j = 0; j < n; j++) {
-        long row = j + before < n ? j + before : j + before - n;
-        const FCOMPLEX *src = base + row * lines.stride + first;
-        fftw_complex *out = buf + j;
-        for (long b = 0; b < count; b++) {
-          out[b * n][0] = src[b].real;
-          out[b * n][1] = src[b].imag;
-        }
-      }
-      fftw_execute(plan.plan);
-      for (long m = 0; m < n; m++) {
-        long row = m + after < n ? m + after : m + after - n;
-        FCOMPLEX *dst = base + m * lines.stride + first;
-        const fftw_complex *in = buf + row;
-        for (long b = 0; b < count; b++) {
-          dst[b].real = static_cast<float>(in[b * n][0] * factor);
-          dst[b].imag = static_cast<float>(in[b * n][1] * factor);
-        }
-      }
+  // Passes are handed out to the threads; each has its own buffer and runs
+  // the one plan on it, so every line is transformed alike whatever the thread.
+  const long column_passes = (lines.ncolumns + batch - 1) / batch;
+  const long passes = contiguous ? (lines.nblocks + batch - 1) / batch : lines.nblocks * column_passes;
+  int workers = worker_threads();
+  if (workers > passes) workers = static_cast<int>(passes);
+  std::vector<std::unique_ptr<FftwBuffer>> buffers(static_cast<size_t>(workers > 1 ? workers - 1 : 0));
+  for (auto &b : buffers) {
+    b = std::make_unique<FftwBuffer>(static_cast<size_t>(batch * n));
+    if (b->data == nullptr) {
+      kep_text(2, "Not enough memory for the Fourier transform buffer.");
+      return 1;
     }
   }
-  return 0;
+  std::atomic<long> next{0};
+  run_workers(workers, [&](int worker) {
+    fftw_complex *buf = worker == 0 ? buffer.data : buffers[static_cast<size_t>(worker - 1)]->data;
+    for (long pass = next++; pass < passes; pass = next++) {
+      if (kep_interrupted()) break;
+      if (contiguous)
+        contiguous_pass(lines, plan.plan, buf, batch, pass * batch, scale);
+      else
+        strided_pass(lines, plan.plan, buf, batch, pass / column_passes, (pass % column_passes) * batch,
+                     scale);
+    }
+  });
+  return kep_interrupted() ? 1 : 0;
 }
 
 // The lines along `axis` (1 x, 2 y, 3 z) of `nt` volumes starting at `data`.
@@ -161,8 +189,8 @@ LineSet spatial_lines(FCOMPLEX *data, IPOINT3D dim, long nt, int axis) {
 
 int transform_along(FCOMPLEX *data, IPOINT3D dim, long nt, int axis, int direction) {
   LineSet lines = spatial_lines(data, dim, nt, axis);
-  double factor = direction == -1 ? 1.0 / lines.n : 1.0;
-  return transform_lines(lines, direction == -1 ? FFTW_FORWARD : FFTW_BACKWARD, factor);
+  const float scale = direction == -1 ? static_cast<float>(lines.n) : 1.0f;
+  return transform_lines(lines, direction == -1 ? FFTW_FORWARD : FFTW_BACKWARD, scale);
 }
 
 // Number of volume-list entries.
@@ -241,7 +269,7 @@ int ft_time() {
     if (kep_interrupted()) return 1;
     rewriting(s);
     LineSet lines{s->SpaceTime.fcData, 1, 0, s->n3d, s->n3d, s->nt};
-    transform_lines(lines, FFTW_FORWARD, 1.0);
+    transform_lines(lines, FFTW_FORWARD, 1.0f);
   }
   return kep_interrupted() ? 1 : 0;
 }
@@ -281,7 +309,8 @@ int smooth_in_kspace(float fwhm, int dimensions) {
   ft_1d(2, 1);
   if (dimensions == 3) ft_1d(3, 1);
 
-  const float c = 0.1404824543408127f / (fwhm * fwhm);
+  // 2 ln 2 / pi^2 over the squared width, divided in double and kept as a float.
+  const float c = static_cast<float>(0.1404824543408127 / static_cast<double>(fwhm * fwhm));
   // One factor per index along an axis; the weight of a sample is their product.
   auto axis_weights = [c](std::vector<float> &w, int n, float resolution) {
     w.resize(static_cast<size_t>(n));
@@ -305,11 +334,13 @@ int smooth_in_kspace(float fwhm, int dimensions) {
     else
       wz.assign(static_cast<size_t>(nz), 1.0f);
     FCOMPLEX *s = v->SpaceTime.fcData;
+    // The float product gx * gy * gz is formed left to right (gz is 1 in
+    // 2-D): another grouping rounds differently.
     for (int z = 0; z < nz; z++)
       for (int y = 0; y < ny; y++) {
-        const float gyz = wy[static_cast<size_t>(y)] * wz[static_cast<size_t>(z)];
+        const float gy = wy[static_cast<size_t>(y)], gz = wz[static_cast<size_t>(z)];
         for (int x = 0; x < nx; x++, s++) {
-          const float w = wx[static_cast<size_t>(x)] * gyz;
+          const float w = wx[static_cast<size_t>(x)] * gy * gz;
           s->real *= w;
           s->imag *= w;
         }
@@ -387,11 +418,17 @@ int edge_filter() {
   for (volume_list *v = volume_list_root; v; v = v->next) {
     const int nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
     const long n2d = static_cast<long>(nx) * ny, n3d = n2d * nz;
-    // The wrap maps -1 and n-1 to 0 but leaves n, so the neighbour right of
-    // the last column is the first sample of the next row. Reads that leave
-    // the volume count as amplitude 0.
-    amplitude.resize(static_cast<size_t>(n3d));
-    for (long n = 0; n < n3d; n++) amplitude[static_cast<size_t>(n)] = volume_amp(v, n);
+    // The wrap maps -1 and n-1 to 0 but leaves n, so the neighbour below the
+    // last row is the first row of the next slice, and past the last slice
+    // the first row of the stack's next volume. Reads that leave the stack
+    // count as amplitude 0.
+    long reach = n3d + nx + 1;  // the farthest read: row ny, column nx of the last slice
+    if (v->stack != nullptr)
+      reach = std::min(reach,
+                       static_cast<long>(v->stack->n4d - (v->SpaceTime.fcData - v->stack->SpaceTime.fcData)));
+    reach = std::max(reach, n3d);
+    amplitude.resize(static_cast<size_t>(reach));
+    for (long n = 0; n < reach; n++) amplitude[static_cast<size_t>(n)] = volume_amp(v, n);
     result.assign(static_cast<size_t>(n3d), FCOMPLEX{0.0f, 0.0f});
     for (int z = 0; z < nz; z++)
       for (int x = 0; x < nx; x++)
@@ -406,7 +443,7 @@ int edge_filter() {
               if (yy < 0) yy = ny - 1;
               if (yy == ny - 1) yy = 0;
               const long index = z * n2d + static_cast<long>(yy) * nx + xx;
-              const float amp = index < n3d ? amplitude[static_cast<size_t>(index)] : 0.0f;
+              const float amp = index < reach ? amplitude[static_cast<size_t>(index)] : 0.0f;
               gx += static_cast<float>(kernel[a][b]) * amp;
               gy += static_cast<float>(kernel[b][a]) * amp;
               sum += amp;

@@ -6,6 +6,7 @@
 #include "glm.h"
 #include "kep-glm-frame.h"
 #include "kep-prototypes.h"
+#include "threads.h"
 
 unsigned int flags = 0;
 OVERLAY overlay;
@@ -88,6 +89,7 @@ void initialize_global_variables() {
   histogram = nullptr;
   clear_registration_distortions();
   reset_glm_mask();
+  set_worker_threads(1);
 }
 
 int set_variable(int index, const char *value) {
@@ -218,6 +220,15 @@ int set_variable(int index, const char *value) {
     }
     case 23:
       return set_glm_mask(value);
+    case 24: {
+      int n = 0;
+      if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set threads <number>'.");
+      if (set_worker_threads(n)) {
+        kep_textf(2, "%d is an invalid number of threads; use 1 to %d.", n, MAX_WORKER_THREADS);
+        return 1;
+      }
+      return 0;
+    }
     default:
       return syntax("That variable name is not used in this program.");
   }
@@ -275,6 +286,9 @@ int show_variable(int index) {
       break;
     case 23:
       show_glm_mask();
+      break;
+    case 24:
+      printf("\tthreads         %d\n", worker_threads());
       break;
     default:
       break;

@@ -149,7 +149,7 @@ int command_count();
 const char *command_name(int index);
 const char *variable_name(int index);
 constexpr int NUMBER_OF_COMMANDS = 115;
-constexpr int NUMBER_OF_VARIABLES = 24;
+constexpr int NUMBER_OF_VARIABLES = 25;
 constexpr int MACRO_OFFSET = 150;
 
 // Variables (kep-variables.cpp).

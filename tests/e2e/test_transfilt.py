@@ -2,8 +2,8 @@
 import numpy as np
 import pytest
 
-from fft_files import (assert_single_precision, random_complex, run_on_stack, skip_without_volume_files,
-                       write_complex)
+from fft_files import (assert_single_precision, random_complex, read_complex, run_on_stack,
+                       skip_without_volume_files, write_complex)
 
 
 @pytest.fixture(autouse=True)
@@ -44,6 +44,29 @@ def test_every_transform_command_matches_numpy(kep, shape):
         for axis in axes:
             expected = centred(expected, AXIS[axis], direction, scale=True)
         assert_single_precision(written, expected)
+
+
+def rounded_then_divided(exact, n):
+    """Both roundings of a double result lying within a few ulps of a float tie, each divided by n in float.
+
+    Sums of floats often land exactly on a tie, which two double transforms may round either way."""
+    out = []
+    for part in (exact.real, exact.imag):
+        low, high = (np.float32(part - s * 8 * np.spacing(np.abs(part))) for s in (1, -1))
+        out.append((low / np.float32(n), high / np.float32(n)))
+    return out
+
+
+@pytest.mark.parametrize("shape", [(2, 4, 6, 8), (2, 5, 9, 7), (1, 6, 3, 10)],
+                         ids=lambda s: "x".join(map(str, s)))
+@pytest.mark.parametrize("axis", ["x", "y"])
+def test_forward_transforms_divide_the_float_result_by_n(kep, shape, axis):
+    data = random_complex(shape, seed=sum(shape))
+    _, written = run_on_stack(kep, data, f"transform-{axis} a")
+    n = shape[AXIS[axis]]
+    exact = centred(data.astype(np.complex128), AXIS[axis], -1, scale=False)
+    for stored, (low, high) in zip((written.real, written.imag), rounded_then_divided(exact, n)):
+        assert np.all((stored == low) | (stored == high))
 
 
 @pytest.mark.parametrize("shape", SHAPES, ids=lambda s: "x".join(map(str, s)))
@@ -106,6 +129,30 @@ def test_smoothing_multiplies_kspace_by_a_gaussian(kep, ndim):
     assert "percent done" not in result.stdout
 
 
+@pytest.mark.parametrize("ndim", [2, 3])
+def test_smoothing_weights_are_float_products_of_the_axis_factors(kep, ndim):
+    """On one sample every transform is the identity, so the stored value is value x weight exactly."""
+    rng = np.random.default_rng(ndim)
+    f32 = np.float32
+    script = "set complex-output on\n"
+    cases = []
+    for i in range(40):
+        resolution = tuple(rng.uniform(0.3, 4.0, 3).astype(f32))
+        fwhm, value = f32(rng.uniform(0.5, 12.0)), f32(rng.uniform(0.5, 2.0))
+        write_complex(kep.path(f"s{i}.bfloat"), np.full((1, 1, 1, 1), value, np.complex64), resolution)
+        script += f"read s{i}.bfloat a\nsmooth-{ndim}d {fwhm!r} a\nwrite o{i}.bfloat a\n"
+        cases.append((resolution, fwhm, value))
+    assert kep.script(script).returncode == 1
+    for i, (resolution, fwhm, value) in enumerate(cases):
+        # 2 ln 2 / pi^2 over the float square of the width, divided in double, kept as a float.
+        c = f32(0.1404824543408127 / np.float64(fwhm * fwhm))
+        weight = f32(1)
+        for r in resolution[:ndim]:  # x, then y, then z; the index offset is 0.5 on a length of 1
+            exponent = f32(0.5) * f32(0.5) / f32(-2) / (r * r * f32(1) * f32(1) * c)
+            weight = weight * f32(np.exp(np.float64(exponent)))
+        assert read_complex(kep.path(f"o{i}.bfloat"), (1, 1, 1, 1))[0, 0, 0, 0] == value * weight, i
+
+
 def test_smoothing_reports_each_quarter_of_a_long_list(kep):
     data = random_complex((20, 1, 4, 4), seed=1)
     result, _ = run_on_stack(kep, data, "smooth-3d 2 a")
@@ -152,11 +199,15 @@ def test_exponential_weighting_of_listed_volumes(kep):
     assert_single_precision(written, expected)
 
 
-def edge_reference(volume):
-    """Sobel magnitude over the sum of amplitudes, with the wrap that maps -1 and n-1 to 0."""
+def edge_reference(volume, following=None):
+    """Sobel magnitude over the sum of amplitudes, with the wrap that maps -1 and n-1 to 0.
+
+    Below the last row of the last slice lies the first row of the following volume, if any."""
     amp = np.abs(volume.astype(np.complex128))
     nz, ny, nx = amp.shape
     flat = amp.ravel()
+    if following is not None:
+        flat = np.concatenate([flat, np.abs(following.astype(np.complex128)).ravel()])
     kernel = np.array([[1, 2, 1], [0, 0, 0], [-1, -2, -1]])
     out = np.zeros(amp.shape)
 
@@ -183,7 +234,7 @@ def test_edge_filter_matches_its_wrap_rule(kep):
     shape = (2, 2, 5, 6)
     data = random_complex(shape, seed=8) + 2
     _, written = run_on_stack(kep, data, "edge-filter a")
-    expected = np.stack([edge_reference(v) for v in data])
+    expected = np.stack([edge_reference(data[0], data[1]), edge_reference(data[1])])
     assert_single_precision(written, expected.astype(complex), factor=16)
 
 

@@ -35,6 +35,12 @@ TEST_F(GlmBasis, OversamplingFactor) {
   HRF.time_step = 0.5f;
   EXPECT_EQ(GLMInternal_oversampling(&n), 0);
   EXPECT_EQ(n, 4);  // truncation of 4.5
+  // 0.75 / 0.1f is 7.4999998882 exactly, 7.5 once rounded to single precision.
+  GLM.tr[0] = 0.75f;
+  HRF.time_step = 0.1f;
+  EXPECT_EQ(GLMInternal_oversampling(&n), 0);
+  EXPECT_EQ(n, 8);
+  GLM.tr[0] = 2.0f;
   HRF.time_step = 5.0f;
   std::string out = capture_stdout([&] { EXPECT_EQ(GLMInternal_oversampling(&n), 1); });
   EXPECT_EQ(out, "Error: the IRF time step (5.000000) must be <= TR (2.000000)\n");
@@ -75,6 +81,12 @@ TEST_F(GlmBasis, AStimulusAtARunsFirstImageCoversThatImageWhateverTheTR) {
   std::vector<float> expected(40, 0.0f);
   expected[0] = expected[20] = 1.0f;
   EXPECT_EQ(column(0), expected);
+  // So does the first of the 21 samples per image of a 0.1 s response grid.
+  std::vector<float> paradigm(40 * 21);
+  ASSERT_EQ(GLMInternal_create_stimulus_paradigm(0, 21, paradigm.data()), 0);
+  EXPECT_EQ(paradigm[0], 1.0f);
+  EXPECT_EQ(paradigm[20 * 21 - 1], 0.0f);
+  EXPECT_EQ(paradigm[20 * 21], 1.0f);
 }
 
 TEST_F(GlmBasis, GammaResponsesAddAndPeakAtTheirTimeConstant) {

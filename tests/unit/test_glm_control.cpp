@@ -15,7 +15,10 @@ class GlmControl : public GlmTest {
 };
 
 TEST_F(GlmControl, BlankAndCommentHeaderGivesDefaults) {
-  ASSERT_EQ(read_control(control_with("\n# just a comment\n   \n")), 0);
+  // A comment longer than any name is still one line.
+  ASSERT_EQ(read_control(control_with("\n# just a comment\n   \n# " + std::string(3000, 'x') + " notify\n")),
+            0);
+  EXPECT_EQ(GLM_input.notify, 0);
   EXPECT_EQ(GLM_input.nbaseline_terms, 3);
   EXPECT_EQ(GLM_input.AR_order, 0);
   EXPECT_FLOAT_EQ(GLM_input.AR_smooth_mm, 1.0f);
@@ -153,8 +156,8 @@ TEST_F(GlmControl, ConvolveTableChecks) {
   EXPECT_EQ(out,
             "Error: Convolution for table event 1 was requested\n"
             "using `convolve-table', but this event is not a table.\n");
-  // A flag for an event that no run defines is ignored.
-  EXPECT_EQ(read_control(control_with("convolve-table 7 Z\n"), &out), 0);
+  // A flag for an event that no run defines is ignored; a comma is no event and flags nothing.
+  EXPECT_EQ(read_control(control_with("convolve-table 7,Z\n"), &out), 0);
   EXPECT_EQ(GLM.convolve_table[7], 1);
   EXPECT_EQ(GLM.convolve_table[61], 1);
   // An undefined character ends the header: the next line is taken as a run.
