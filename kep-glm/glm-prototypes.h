@@ -30,6 +30,9 @@ extern void (*GLMInternal_terminate_hook)();
 
 // Reads one line without its '#' comment; 0 at end of file.
 int GLMInternal_get_line(FILE *f, char *line);
+// Samples the response function from its time constants and weights over
+// `length` seconds (the first weight is derived so that it starts flat).
+void GLMInternal_sample_response(float length);
 // True when the line holds no word.
 bool GLMInternal_blank(const char *line);
 

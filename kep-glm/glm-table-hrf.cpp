@@ -128,6 +128,23 @@ int GLM_read_table_file(const char *file_name, int run) {
   return 0;
 }
 
+void GLMInternal_sample_response(float length) {
+  // The response starts with zero slope.
+  if (HRF.tau[0] != 0.0f && HRF.tau[1] != 0.0f && HRF.tau[2] != 0.0f)
+    HRF.weight[0] = -HRF.tau[0] * (HRF.weight[1] / HRF.tau[1] + HRF.weight[2] / HRF.tau[2]);
+  else
+    HRF.weight[0] = 0.0f;
+  HRF.npoints = static_cast<int>(length / HRF.time_step + 0.5f);
+  HRF.amp.assign(static_cast<size_t>(HRF.npoints), 0.0f);
+  for (int i = 0; i < HRF.npoints; i++) {
+    const double t = i * static_cast<double>(HRF.time_step);
+    double sum = 0.0;
+    for (int k = 0; k < HRF.nexp; k++)
+      if (HRF.tau[k] != 0.0f) sum += HRF.time_step * HRF.weight[k] / HRF.tau[k] * exp(-t / HRF.tau[k]);
+    HRF.amp[i] = static_cast<float>(sum);
+  }
+}
+
 int GLM_read_hrf_file(int verbose, const char *name) {
   snprintf(HRF.file_name, GLM_NAME_LENGTH, "%s", name ? name : "");
   if (name == nullptr || name[0] == '\0') {
@@ -197,20 +214,7 @@ int GLM_read_hrf_file(int verbose, const char *name) {
       return 1;
     }
   }
-  // The response starts with zero slope.
-  if (HRF.tau[0] != 0.0f && HRF.tau[1] != 0.0f && HRF.tau[2] != 0.0f)
-    HRF.weight[0] = -HRF.tau[0] * (HRF.weight[1] / HRF.tau[1] + HRF.weight[2] / HRF.tau[2]);
-  else
-    HRF.weight[0] = 0.0f;
-  HRF.npoints = static_cast<int>(HRF.time_length / HRF.time_step + 0.5f);
-  HRF.amp.assign(static_cast<size_t>(HRF.npoints), 0.0f);
-  for (int i = 0; i < HRF.npoints; i++) {
-    const double t = i * static_cast<double>(HRF.time_step);
-    double sum = 0.0;
-    for (int k = 0; k < HRF.nexp; k++)
-      if (HRF.tau[k] != 0.0f) sum += HRF.time_step * HRF.weight[k] / HRF.tau[k] * exp(-t / HRF.tau[k]);
-    HRF.amp[i] = static_cast<float>(sum);
-  }
+  GLMInternal_sample_response(HRF.time_length);
   if (human) {
     auto gamma_density = [](double t, double shape) {
       return exp((shape - 1.0) * log(t) - t - lgamma(shape));

@@ -229,6 +229,18 @@ float GLM_get_maximal_effect_size(int first_condition);
 float GLM_get_DOF();
 // F of the last GLM_calculate_F in double precision (stat is its signed square root).
 double GLM_get_last_F();
+// Gamma-shaped events and their time constants (seconds). Setting one needs
+// GLM_define_basis_functions and GLM_define_conditions again before fitting;
+// a non-gamma event or a time constant <= 0 is refused (result 1).
+bool GLM_event_is_gamma(int e);
+float GLM_get_event_tau(int e);
+int GLM_set_event_tau(int e, float tau);
+// The response function's three time constants (seconds), when one is in use.
+// Setting them resamples the response over the file's length, or with `extend`
+// until it has decayed (a zero stays zero; result 1 if refused).
+bool GLM_response_in_use();
+float GLM_get_response_tau(int k);
+int GLM_set_response_taus(const float tau[3], bool extend);
 
 // Autoregressive whitening (used by the fitting above).
 int GLM_calculate_AR_coefficient(int nt, float *data, int order, float *coefficients);

@@ -6,6 +6,7 @@
 #include "kep-register.h"
 #include "kep-resample.h"
 #include "kep-display.h"
+#include "kep-glm-diag.h"
 
 // kep-reorder: mirrors, clipping, padding, slice order.
 int swap_quadrants_in_volume_list(int a, int b, int c, int d);
@@ -111,11 +112,6 @@ int glm_create_AR_maps(const char *name);
 // The p of the first condition at every voxel of "glm" (n3d values), fitted as
 // the commands fit it; all-zero voxels skipped by an AR fit get 1.
 int glm_p_values(float *p);
-
-// kep-unavailable: commands recognised but without an operation in this build.
-int glm_histogram_unbiased();
-int glm_vary_time_constant(int n, const char *name);
-int glm_vary_time_constants(int n, const char *name);
 
 // kep-help: the help menu and the paged help text.
 int help_menu(int level, const char *file_name);
