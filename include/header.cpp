@@ -720,6 +720,12 @@ int read_nifti_header(const char *name, XD_HEADER *h) {
     return 1;
   }
   if (size < NIFTI_HEADER_SIZE) {
+    if (!kep_batch_run) {
+      // At the prompt the session and its stacks outlive an empty or cut file.
+      printf("Error: the file %s is shorter than a NIFTI header (%ld bytes).\n", header_name,
+             static_cast<long>(NIFTI_HEADER_SIZE));
+      return 1;
+    }
     fprintf(stderr, "\nError reading header file %s\n", header_name);
     kep_exit(1);
   }

@@ -8,6 +8,7 @@
 #include "util.h"
 
 void *kep_exit_trap = nullptr;
+int kep_batch_run = 0;
 
 namespace {
 FILE *real_stdout = nullptr;

@@ -1,7 +1,10 @@
 // A small pool of threads kept for the process, started on first use.
 #include "threads.h"
 
+#include <pthread.h>
+
 #include <condition_variable>
+#include <csignal>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -33,6 +36,11 @@ class pool {
 
  private:
   void loop(int index) {
+    // Ctrl-C is for the main thread, which waits at the prompt with it unblocked.
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
     unsigned long seen = 0;
     for (;;) {
       const std::function<void(int)> *job = nullptr;

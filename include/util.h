@@ -11,6 +11,9 @@
 [[noreturn]] void kep_exit(int status);
 // When set, kep_exit jumps here instead of ending the process (fuzzing only).
 extern void *kep_exit_trap;
+// 1 while the interpreter's lines come from a command file: a few conditions
+// that a session at the prompt survives as errors end a batch run instead.
+extern int kep_batch_run;
 // Holds back what is printed on standard output until end_output_capture(),
 // which hands it over (heap text, release with free; its length in *size).
 // kep_exit writes held text out first, so an exit meanwhile loses nothing.

@@ -68,6 +68,32 @@ const char *next_word(const char *text, char *word) {
   return skip_blanks(p);
 }
 
+const char *next_file_word(const char *text, char *word, size_t *quoted) {
+  const char *p = text;
+  while (is_space(*p)) p++;
+  if (quoted != nullptr) *quoted = 0;
+  if (*p == '\0') {
+    word[0] = '\0';
+    return nullptr;
+  }
+  int n = 0;
+  bool inside = false;
+  while (*p != '\0' && (inside || !is_space(*p))) {
+    if (*p == '"') {
+      inside = !inside;
+      if (!inside && quoted != nullptr) *quoted = static_cast<size_t>(n);
+    } else if (inside && (*p == '\n' || *p == '\r')) {
+      break;  // a quote left open ends with the line
+    } else if (n < KEP_LINE - 1) {
+      word[n++] = *p;
+    }
+    p++;
+  }
+  word[n] = '\0';
+  if (inside && quoted != nullptr) *quoted = static_cast<size_t>(n);
+  return skip_blanks(p);
+}
+
 void initialize_volume_list() {
   main_nodes.clear();
   comparison_nodes.clear();
@@ -289,7 +315,7 @@ int decode_int_and_list(char *text, int *n) {
 }
 
 int decode_string_and_list(int kind, char *text, char *name) {
-  const char *rest = next_word(text, name);
+  const char *rest = kind == 1 ? next_file_word(text, name) : next_word(text, name);
   if (rest == nullptr) {
     kep_text(2, kind == 0   ? "A name for the volume to create is mandatory here."
                 : kind == 1 ? "A file name root is mandatory here."
@@ -390,12 +416,13 @@ int decode_read_argument(char *text, char *file, int *kind, char *stack, char *s
   *number = 0;
   subset[0] = '\0';
   stack[0] = '\0';
-  const char *p = next_word(text, file_word);
+  size_t quoted = 0;
+  const char *p = next_file_word(text, file_word, &quoted);
   if (p == nullptr) {
     kep_text(2, "No argument to read command.");
     return 1;
   }
-  char *gt = strchr(file_word, '>');
+  char *gt = strchr(file_word + quoted, '>');
   if (gt != nullptr) {
     *gt = '\0';
     snprintf(subset, KEP_LINE, "%s", gt + 1);
@@ -415,6 +442,9 @@ int decode_read_argument(char *text, char *file, int *kind, char *stack, char *s
       if (blen > 7 && strcmp(base + blen - 7, ".nii.gz") == 0) base[blen - 7] = '\0';
       else if (char *dot = strrchr(base, '.')) *dot = '\0';
     }
+    // A name with blanks could not be given in a volume list.
+    for (char *c = stack; *c != '\0'; c++)
+      if (*c == ' ' || *c == '\t') *c = '_';
   }
   if (!check_new_name(stack)) return 1;
   return 0;

@@ -1,11 +1,14 @@
 // The command loop: reading lines, `$` substitution, command files, dispatch.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
-#include "kep-prototypes.h"
+#include "kep-interrupt.h"
 #include "kep-lineedit.h"
+#include "kep-prototypes.h"
 
 FILE *mode_file1 = nullptr;
 FILE *mode_file2 = nullptr;
@@ -74,10 +77,10 @@ int replace_passed_arguments(char *line, int count, char **words) {
 void strip_com_arguments(const char *text) {
   com_argc = 2;
   snprintf(com_argv[0], KEP_LINE, "read");
-  const char *p = next_word(text, com_argv[1]);
+  const char *p = next_file_word(text, com_argv[1]);
   for (int slot = 2; slot < 10; slot++) {
     // A word that was not given is empty rather than left from an earlier `mode`.
-    const char *rest = p ? next_word(p, com_argv[slot]) : nullptr;
+    const char *rest = p ? next_file_word(p, com_argv[slot]) : nullptr;
     if (rest == nullptr) com_argv[slot][0] = '\0';
     p = rest;
     com_argc++;
@@ -105,6 +108,81 @@ int open_command_file(const char *name) {
   return 0;
 }
 
+namespace {
+
+// Edit distance counting a swap of two neighbours as one edit ("raed" is one
+// from "read"), given up (returning limit + 1) once it exceeds `limit`.
+int edit_distance(const char *a, const char *b, int limit) {
+  const size_t na = strlen(a), nb = strlen(b);
+  if ((na > nb ? na - nb : nb - na) > static_cast<size_t>(limit)) return limit + 1;
+  std::vector<int> before(nb + 1), row(nb + 1), next(nb + 1);
+  for (size_t j = 0; j <= nb; j++) row[j] = static_cast<int>(j);
+  for (size_t i = 1; i <= na; i++) {
+    next[0] = static_cast<int>(i);
+    int best = next[0];
+    for (size_t j = 1; j <= nb; j++) {
+      next[j] = std::min({row[j] + 1, next[j - 1] + 1, row[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+        next[j] = std::min(next[j], before[j - 2] + 1);
+      best = std::min(best, next[j]);
+    }
+    if (best > limit) return limit + 1;
+    before.swap(row);
+    row.swap(next);
+  }
+  return row[nb];
+}
+
+// After "The command was not found.": the command names closest to `word`.
+void suggest_commands(const char *word) {
+  constexpr int limit = 2;
+  int best = limit + 1;
+  std::vector<const char *> names;
+  for (int i = 0; i <= NUMBER_OF_COMMANDS; i++) {
+    const char *name = i < NUMBER_OF_COMMANDS ? command_name(i) : "reorder-interleaved-slices";
+    const int d = edit_distance(word, name, limit);
+    if (d < best) names.clear(), best = d;
+    if (d == best && d <= limit) names.push_back(name);
+  }
+  if (names.empty()) return;
+  std::string list = names[0];
+  for (size_t i = 1; i < names.size(); i++)
+    list += (i + 1 == names.size() ? "' or `" : "', `") + std::string(names[i]);
+  kep_textf(0, "Did you mean `%s'?", list.c_str());
+}
+
+// What follows a line's dispatch: `decoded` is the dispatcher's result (1
+// when the arguments could not be decoded), `failed` whether the operation
+// itself failed. Returns do_command's result.
+int settle_command(int is_macro, bool from_file, const char *word, int decoded, bool failed,
+                   const stack_snapshot &before) {
+  if (kep_interrupted()) {
+    if (from_file) {
+      fflush(stdout);
+      kep_text(3, "interrupted.");
+    }
+    // A macro's line stops the macro; the typed line that ran it reports.
+    if (is_macro == 1) return 1;
+    if (decoded != 0 || failed) {
+      before.settle();
+      kep_text(2, "interrupted.");
+      for (int i = 0; incomplete_stack(i) != nullptr; i++)
+        kep_textf(1, "the stack %s is incomplete: the command stopped part-way through rewriting it.",
+                  incomplete_stack(i));
+    }
+    clear_interrupt();
+    return 1;
+  }
+  if (decoded != 0 && from_file) {
+    fflush(stdout);
+    kep_exit(1);
+  }
+  if (failed && from_file) kep_textf(3, "the command `%s' failed.", word);
+  return decoded;
+}
+
+}  // namespace
+
 int do_command(int is_macro, const char *line) {
   if (is_macro == 1) {
     printf("macro>> %s", line);
@@ -122,32 +200,39 @@ int do_command(int is_macro, const char *line) {
     return 0;
   }
   const bool from_file = (flags & (FLAG_MODE_FILE1 | FLAG_MODE_FILE2)) != 0;
+  kep_batch_run = from_file ? 1 : 0;
+  stack_snapshot before;
+  if (is_macro == 0) before.take();
   if (index == 54 || index == 55) {
     char name[KEP_LINE];
     const char *value = next_word(arguments.c_str(), name);
     if (index == 55) {
-      if (value != nullptr) show_variable(interpret_command(1, name));
+      if (value != nullptr)
+        show_variable(interpret_command(1, name));
+      else
+        show_all_variables();
       return 0;
     }
+    int result = 1;
     if (value == nullptr) {
       kep_text(2, "Syntax = `set [variable name] [value]'.");
-      return 1;
+    } else {
+      std::string text = next_non_white(value);
+      if (from_file && !text.empty() && text.back() == '\n') text.pop_back();
+      result = set_variable(interpret_command(1, name), text.c_str());
     }
-    std::string text = next_non_white(value);
-    if (from_file && !text.empty() && text.back() == '\n') text.pop_back();
-    return set_variable(interpret_command(1, name), text.c_str());
+    settle_command(is_macro, from_file, word, 0, result != 0, before);
+    return result;
   }
   int result = index >= MACRO_OFFSET ? act_on_macro(index - MACRO_OFFSET, arguments.data())
                                      : act_on_command(index, arguments.data());
-  if (result != 0 && from_file) {
-    fflush(stdout);
-    kep_exit(1);
-  }
-  return result;
+  if (index < 0) suggest_commands(word);
+  return settle_command(is_macro, from_file, word, result, result == 0 && last_operation_status != 0, before);
 }
 
 int main_loop(int argc, char **argv) {
   initialize_global_variables();
+  install_interrupt_handler();
   if (argc > 1) {
     fatal_error = 1;
     mode_file1 = fopen(argv[1], "r");

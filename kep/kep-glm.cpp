@@ -19,6 +19,7 @@
 
 #include "glm.h"
 #include "kep-glm-frame.h"
+#include "kep-interrupt.h"
 #include "kep-prototypes.h"
 #include "threads.h"
 
@@ -156,6 +157,8 @@ int for_each_block(const Frame &f, bool report, Block block) {
       if (worker > 0) GLM_use_model(&models[static_cast<size_t>(worker - 1)]);
       Workspace &space = *spaces[static_cast<size_t>(worker)];
       for (long b = next++; b < last && !failed; b = next++) {
+        if (kep_interrupted()) failed = true;
+        if (failed) break;
         const long v0 = b * BLOCK_VOXELS;
         const int n = static_cast<int>(std::min<long>(BLOCK_VOXELS, count - v0));
         if (block(v0, n, space)) failed = true;
@@ -474,6 +477,7 @@ int glm_remove_or_correct_baseline(int kind) {
   Frame f;
   if (open_frame(f, false)) return 1;
   Baseline step(f, kind);
+  rewriting(f.stack);
   return run_fit(f, step);
 }
 

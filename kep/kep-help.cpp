@@ -5,11 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "kep-interrupt.h"
 #include "kep-prototypes.h"
 
 namespace {
 
 std::string top_level_file;
+// The command whose item the next top-level help opens directly.
+std::string opening_topic;
 
 struct Section {
   int menu = 0;
@@ -22,6 +25,11 @@ bool read_answer(const char *prompt, std::string &answer) {
   fputs(prompt, stdout);
   fflush(stdout);
   char line[KEP_LINE];
+  // Ctrl-C leaves the help like "q".
+  if (!wait_for_input(stdin)) {
+    printf("\n");
+    return false;
+  }
   if (!get_line(stdin, line)) return false;
   answer = line;
   while (!answer.empty() && (answer.back() == '\n' || answer.back() == '\r')) answer.pop_back();
@@ -105,6 +113,20 @@ int help_menu(int level, const char *file_name) {
     return m == 0 && nmenus > own ? nmenus : own;
   };
   int menu = 0, item = 0;
+  if (level == 0 && !opening_topic.empty()) {
+    // An item documents a command when its text begins with the command's name.
+    bool found = false;
+    for (const Section &s : sections) {
+      char first[KEP_LINE] = "";
+      if (s.item < 1 || s.lines.empty() || next_word(s.lines[0].c_str(), first) == nullptr) continue;
+      if (opening_topic == first) {
+        menu = s.menu, item = s.item, found = true;
+        break;
+      }
+    }
+    if (!found) kep_textf(0, "There is no help item for `%s'.", opening_topic.c_str());
+    opening_topic.clear();
+  }
   std::string answer;
   while (true) {
     const Section *page = find_section(sections, menu, item);
@@ -216,4 +238,12 @@ int print_help_page(const char *file_name) {
       if (keys[p] == target) page = p;
   }
   return 0;
+}
+
+int help_command(const char *arguments) {
+  char topic[KEP_LINE];
+  opening_topic = next_word(arguments, topic) != nullptr ? topic : "";
+  const int result = help_menu(0, "kep-menu.txt");
+  opening_topic.clear();
+  return result;
 }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "io.h"
+#include "kep-interrupt.h"
 #include "kep-prototypes.h"
 #include "kep-read.h"
 
@@ -154,6 +155,7 @@ void convert_listed(const unsigned char *first, const XD_HEADER &h, const std::v
   const int64_t volume = static_cast<int64_t>(h.n3d) * (pairs ? 2 : 1);
   size_t next = 0;
   for (int v = list.front(); v <= list.back(); v++, first += volume_bytes) {
+    if (kep_interrupted()) return;
     if (v != list[next]) continue;
     convert(const_cast<unsigned char *>(first), volume, h.storage_type, false, pairs, h.scale_slope,
             h.scale_offset, out + next * static_cast<size_t>(h.n3d));
@@ -239,6 +241,7 @@ int read_packed_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
   const bool swap = h.byte_order != machine_byte_order();
   size_t next = 0;
   for (int v = list.front(); v <= list.back(); v++) {
+    if (kep_interrupted()) return 1;
     if (stream.source->read(buffer.get(), static_cast<size_t>(volume_bytes)) !=
         static_cast<size_t>(volume_bytes)) {
       printf("Error reading file %s.\n", name.c_str());
@@ -300,7 +303,7 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
       printf("Error reading file %s.\n", name.c_str());
       return 1;
     }
-    return 0;
+    return kep_interrupted() ? 1 : 0;
   }
   std::unique_ptr<unsigned char[]> buffer(
       new (std::nothrow) unsigned char[static_cast<size_t>(volume_bytes)]);
@@ -310,6 +313,7 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
   }
   size_t next = 0;
   for (int v = list.front(); v <= list.back(); v++) {
+    if (kep_interrupted()) return 1;
     if (file.read(buffer.get(), static_cast<size_t>(volume_bytes)) != static_cast<size_t>(volume_bytes)) {
       printf("Error reading file %s.\n", name.c_str());
       return 1;
@@ -336,6 +340,7 @@ int read_slice_files(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
   const bool swap = h.byte_order != machine_byte_order();
   const char *extension = h.storage_type == STORAGE_SHORT ? "bshort" : "bfloat";
   for (int z = 0; z < h.dim.z; z++) {
+    if (kep_interrupted()) return 1;
     char name[KEP_LINE + 32];
     if (z <= 9)
       snprintf(name, sizeof name, "%s00%d.%s", h.file_name, z, extension);

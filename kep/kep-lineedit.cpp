@@ -12,6 +12,7 @@
 #include <deque>
 #include <string>
 
+#include "kep-interrupt.h"
 #include "kep.h"
 
 #ifdef KEP_HAVE_READLINE
@@ -22,9 +23,17 @@
 namespace {
 
 int plain_read(const char *prompt, char *line) {
-  fputs(prompt, stdout);
-  fflush(stdout);
-  return get_line_with_comment(stdin, line);
+  while (true) {
+    fputs(prompt, stdout);
+    fflush(stdout);
+    // Ctrl-C discards what was typed (the terminal drops the line) and prompts afresh.
+    if (!wait_for_input(stdin)) {
+      clear_interrupt();
+      fputs("\n", stdout);
+      continue;
+    }
+    return get_line_with_comment(stdin, line);
+  }
 }
 
 }  // namespace
@@ -99,8 +108,21 @@ char **complete(const char *text, int start, int) {
   return matches;  // no stack matches: fall back to file names
 }
 
+// Line editing reads key by key through here, so that Ctrl-C can end the
+// wait: the line typed so far is dropped and handed back empty.
+int interruptible_getc(FILE *stream) {
+  if (!wait_for_input(stream)) {
+    clear_interrupt();
+    rl_replace_line("", 0);
+    return '\n';
+  }
+  return rl_getc(stream);
+}
+
 void initialise() {
   initialised = true;
+  rl_catch_signals = 0;  // Ctrl-C is kep's own
+  rl_getc_function = interruptible_getc;
   rl_readline_name = "kep";
   rl_attempted_completion_function = complete;
   rl_completer_word_break_characters = const_cast<char *>(" \t\n>,");

@@ -13,6 +13,11 @@
 
 namespace {
 
+// A file name as a word of a generated command line.
+std::string quoted_if_blank(const char *name) {
+  return strpbrk(name, " \t") != nullptr ? "\"" + std::string(name) + "\"" : std::string(name);
+}
+
 std::vector<std::string> loop_commands;  // the stored lines, in the order typed
 char loopfile_name[KEP_LINE];
 char loopstack_name[KEP_LINE];
@@ -41,7 +46,7 @@ void create_read_command(const std::vector<int> &numbers, int chunk, size_t &pos
     }
   }
   position = end;
-  out = std::string("read ") + loopfile_name + ">" + subset + " " + loopstack_name + "\n";
+  out = "read " + quoted_if_blank(loopfile_name) + ">" + subset + " " + loopstack_name + "\n";
 }
 
 }  // namespace
@@ -122,7 +127,7 @@ int macro_reorder_interleaved_slices(int start) {
 
 int macro_read_glm_control_file(const char *arguments) {
   char file[KEP_LINE];
-  if (next_word(arguments, file) == nullptr) {
+  if (next_file_word(arguments, file) == nullptr) {
     kep_text(2, "The argument to the read-glm command should be a file name.\n");
     return 1;
   }
@@ -138,7 +143,7 @@ int macro_read_glm_control_file(const char *arguments) {
     std::string names;
     char line[3 * KEP_LINE];
     for (int r = 0; r < GLM_input.nruns; r++) {
-      snprintf(line, sizeof line, "read %s glm_run%d\n", GLM_input.run_name[r], r);
+      snprintf(line, sizeof line, "read %s glm_run%d\n", quoted_if_blank(GLM_input.run_name[r]).c_str(), r);
       if (do_command(1, line)) return 1;
       snprintf(line, sizeof line, r == 0 ? "glm_run%d" : " glm_run%d", r);
       names += line;

@@ -172,7 +172,7 @@ int read_ovl_file(const char *file_name) {
 
 int write_ovl(const char *arguments) {
   char name[KEP_LINE];
-  if (next_word(arguments, name) == nullptr) {
+  if (next_file_word(arguments, name) == nullptr) {
     kep_text(2, "A file name is a mandatory argument here.");
     return 1;
   }

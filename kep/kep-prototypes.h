@@ -115,4 +115,6 @@ int glm_p_values(float *p);
 
 // kep-help: the help menu and the paged help text.
 int help_menu(int level, const char *file_name);
+// `help [command]`: the help menu, opened at the command's own item when one is named.
+int help_command(const char *arguments);
 int print_help_page(const char *file_name);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "glm.h"
+#include "kep-interrupt.h"
 #include "kep-prototypes.h"
 #include "kep-read.h"
 #include "kep-util.h"
@@ -44,11 +45,11 @@ bool plan_run(const char *run_name, planned_run *run) {
   return planned;
 }
 
-// A failure of one of the lines, as the command loop treats a macro line.
+// A failure of one of the reads, as the command loop treats a macro line.
 int macro_line_failed() {
   if (flags & (FLAG_MODE_FILE1 | FLAG_MODE_FILE2)) {
     fflush(stdout);
-    kep_exit(1);
+    kep_text(3, kep_interrupted() ? "interrupted." : "the command `read' failed.");
   }
   return 1;
 }

@@ -11,6 +11,7 @@
 #include "kep-prototypes.h"
 
 const char *current_command_word = nullptr;
+int last_operation_status = 0;
 
 namespace {
 
@@ -128,7 +129,7 @@ const Command commands[NUMBER_OF_COMMANDS] = {
     {"quit", Form::None, false, end_process},
     {"stop", Form::None, false, end_process},
     {"exit", Form::None, false, end_process},
-    {"help", Form::None, false, [](Decoded &) { return help_menu(0, "kep-menu.txt"); }},
+    {"help", Form::Text, false, [](Decoded &d) { return help_command(d.text); }},
     {"set", Form::None, false,
      [](Decoded &) { return kep_text(3, "Command = 'set'; this path should never occur."); }},
     {"show", Form::None, false,
@@ -288,6 +289,7 @@ int interpret_command(int kind, const char *word) {
 
 int act_on_command(int index, char *arguments) {
   initialize_volume_list();
+  last_operation_status = 0;
   if (index < 0 || index >= NUMBER_OF_COMMANDS) {
     kep_text(2, "The command was not found.");
     return 0;
@@ -323,7 +325,7 @@ int act_on_command(int index, char *arguments) {
   // Operations size their work before they allocate; memory that still runs
   // out ends the program like every other failed allocation.
   try {
-    c.op(d);
+    last_operation_status = c.op(d) != 0 ? 1 : 0;
   } catch (const std::bad_alloc &) {
     snprintf(error_string, sizeof error_string, "Allocation error in command `%s'.", c.name);
     alloc_error(error_string);
@@ -333,6 +335,7 @@ int act_on_command(int index, char *arguments) {
 
 int act_on_macro(int index, char *arguments) {
   initialize_volume_list();
+  last_operation_status = 0;
   if (index != 0) return 0;
   current_command_word = macros[0];
   size_t length = strlen(arguments);
@@ -340,6 +343,6 @@ int act_on_macro(int index, char *arguments) {
   memcpy(text.data(), arguments, length);
   int start = 0;
   if (decode_int_and_list(text.data(), &start)) return 1;
-  macro_reorder_interleaved_slices(start);
+  last_operation_status = macro_reorder_interleaved_slices(start) != 0 ? 1 : 0;
   return 0;
 }

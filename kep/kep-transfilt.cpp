@@ -12,6 +12,7 @@
 #include <new>
 #include <vector>
 
+#include "kep-interrupt.h"
 #include "kep-prototypes.h"
 #include "threads.h"
 
@@ -162,6 +163,7 @@ int transform_lines(const LineSet &lines, int sign, float scale) {
   run_workers(workers, [&](int worker) {
     fftw_complex *buf = worker == 0 ? buffer.data : buffers[static_cast<size_t>(worker - 1)]->data;
     for (long pass = next++; pass < passes; pass = next++) {
+      if (kep_interrupted()) break;
       if (contiguous)
         contiguous_pass(lines, plan.plan, buf, batch, pass * batch, scale);
       else
@@ -169,7 +171,7 @@ int transform_lines(const LineSet &lines, int sign, float scale) {
                      scale);
     }
   });
-  return 0;
+  return kep_interrupted() ? 1 : 0;
 }
 
 // The lines along `axis` (1 x, 2 y, 3 z) of `nt` volumes starting at `data`.
@@ -248,9 +250,11 @@ int ft_1d(int axis, int direction) {
     data_stack *s = v->stack;
     if (s == previous) continue;
     previous = s;
+    if (kep_interrupted()) return 1;
+    rewriting(s);
     transform_along(s->SpaceTime.fcData, s->dim, s->nt, axis, direction);
   }
-  return 0;
+  return kep_interrupted() ? 1 : 0;
 }
 
 int ft_time() {
@@ -262,10 +266,12 @@ int ft_time() {
     data_stack *s = v->stack;
     if (s == previous) continue;
     previous = s;
+    if (kep_interrupted()) return 1;
+    rewriting(s);
     LineSet lines{s->SpaceTime.fcData, 1, 0, s->n3d, s->n3d, s->nt};
     transform_lines(lines, FFTW_FORWARD, 1.0f);
   }
-  return 0;
+  return kep_interrupted() ? 1 : 0;
 }
 
 int fft_volume(volume_list *vol, int dimension, int direction) {
@@ -319,6 +325,7 @@ int smooth_in_kspace(float fwhm, int dimensions) {
   const int count = count_entries();
   int i = 0;
   for (volume_list *v = volume_list_root; v; v = v->next, i++) {
+    if (kep_interrupted()) return 1;
     const int nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
     axis_weights(wx, nx, v->stack->resolution.x);
     axis_weights(wy, ny, v->stack->resolution.y);
@@ -344,7 +351,7 @@ int smooth_in_kspace(float fwhm, int dimensions) {
   ft_1d(1, -1);
   ft_1d(2, -1);
   if (dimensions == 3) ft_1d(3, -1);
-  return 0;
+  return kep_interrupted() ? 1 : 0;
 }
 
 int hamming_window(int kind) {

@@ -142,6 +142,9 @@ int main_loop(int argc, char **argv);
 int interpret_command(int kind, const char *word);
 int act_on_command(int index, char *arguments);
 int act_on_macro(int index, char *arguments);
+// What the operation of the last dispatched command returned (0 or 1; 0 when
+// none ran): the dispatchers' own results only report the argument decoding.
+extern int last_operation_status;
 int command_count();
 const char *command_name(int index);
 const char *variable_name(int index);
@@ -153,6 +156,8 @@ constexpr int MACRO_OFFSET = 150;
 void initialize_global_variables();
 int set_variable(int index, const char *value);
 int show_variable(int index);
+// `show` without a name: every variable once.
+void show_all_variables();
 
 // Stacks (kep-stacks.cpp).
 data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
@@ -194,6 +199,11 @@ int decode_subset(const char *subset, int nt, std::vector<int> &numbers);
 // Copies the next white-space delimited word (at most 1023 characters) into
 // `word` and returns the text after it and its blanks; null when no word is left.
 const char *next_word(const char *text, char *word);
+// The same for a file-name word: double quotes are removed and keep the
+// blanks between them ("my scan.nii">0-3 gives my scan.nii>0-3). `quoted`,
+// when given, receives the length of the word up to the end of its last
+// quoted part, before which a ">" belongs to the name.
+const char *next_file_word(const char *text, char *word, size_t *quoted = nullptr);
 // Kind of a file name for `read`: 0 com, 1 bshort, 2 bfloat, 3 blong,
 // 4 ushort, 6 nii (and nii.gz), 7 img, 8 root ending in "_", 9 ovl, else -1.
 int file_kind(const char *file_name);

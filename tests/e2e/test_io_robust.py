@@ -75,11 +75,20 @@ def test_bad_nifti_headers(kep, content, message):
     assert message in r.stdout
 
 
-def test_truncated_nifti_header_ends_the_program(kep):
-    (kep.dir / "t.nii").write_bytes(nifti_bytes()[:200])
-    r = kep.stdin("read t.nii s\nshow-stacks\n")
+@pytest.mark.parametrize("length", [0, 200])
+def test_a_file_shorter_than_a_nifti_header(kep, length):
+    """At the prompt an error that leaves the stacks; in a command file still the end."""
+    good = np.random.default_rng(6).random((3, 4, 2, 2)).astype(np.float32)
+    nib.save(nib.Nifti1Image(good, np.diag([2.0, 3.0, 4.0, 1.0])), str(kep.dir / "good.nii"))
+    (kep.dir / "t.nii").write_bytes(nifti_bytes()[:length])
+    r = kep.stdin("read good.nii g\nread t.nii s\nwrite-float out.nii g\nquit\n")
+    assert r.returncode == 1 and r.stderr == ""
+    assert "Error: the file t.nii is shorter than a NIFTI header (348 bytes).\n" in r.stdout
+    np.testing.assert_array_equal(np.asanyarray(nib.load(kep.dir / "out.nii").dataobj), good)
+    r = kep.script("read t.nii s\nshow nifti-method\n")
     assert r.returncode == 1
     assert r.stderr == "\nError reading header file t.nii\n"
+    assert "nifti-method    " not in r.stdout
 
 
 def test_directories_and_unreadable_files(kep):

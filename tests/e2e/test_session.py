@@ -1,0 +1,265 @@
+"""A session: failing commands end command files, Ctrl-C, suggestions for unknown
+commands, help on one command, `show` of every variable, quoted file names."""
+import os
+import signal
+import subprocess
+import threading
+import time
+from pathlib import Path
+
+import nibabel as nib
+import numpy as np
+import pytest
+
+import glm_model as gm
+import test_lineedit as tty
+from conftest import KEP, SOURCE
+from io_files import KepSession, stack_line
+
+
+def save(path, data, dtype=np.float32, zooms=(2.0, 3.0, 4.0)):
+    nib.save(nib.Nifti1Image(np.asarray(data, dtype=dtype), np.diag([*zooms, 1.0])), str(path))
+
+
+BATCH = """read subj1.nii s
+average m s
+write-float subj1_mean.nii m
+read subj2.nii s
+average m s
+write-float subj2_mean.nii m
+"""
+
+
+@pytest.mark.parametrize("second", ["missing", "complex128"])
+def test_a_failing_command_ends_the_batch(kep, second):
+    first = np.random.default_rng(1).random((5, 4, 3, 6))
+    save(kep.path("subj1.nii"), first)
+    if second == "complex128":  # a storage type kep does not read
+        save(kep.path("subj2.nii"), first + 1.0, np.complex128)
+    r = kep.script(BATCH)
+    assert r.returncode == 1
+    assert r.stderr == "Fatal error: the command `read' failed.\nProgram aborted.\n"
+    assert r.stdout.count("kep > average m s") == 1
+    assert not kep.path("subj2_mean.nii").exists()
+    mean = np.asanyarray(nib.load(kep.path("subj1_mean.nii")).dataobj)
+    np.testing.assert_allclose(mean[..., 0], first.mean(axis=3), rtol=1e-6)
+
+
+@pytest.mark.parametrize("lines,word", [
+    ("read nothing.nii x\n", "read"),
+    ("set nifti-method 7\n", "set"),
+    ("read-loop subj1.nii s\nread nothing.nii x\nend-loop\n", "read"),
+])
+def test_lines_of_mode_files_and_read_loops_follow_the_same_rule(kep, lines, word):
+    save(kep.path("subj1.nii"), np.ones((2, 2, 2, 3)))
+    kep.path("inner.com").write_text(lines + "show nifti-method\n")
+    r = kep.stdin("mode inner.com\nshow io-increment\n")
+    assert r.returncode == 1
+    assert r.stderr.endswith(f"Fatal error: the command `{word}' failed.\nProgram aborted.\n")
+    assert "nifti-method    " not in r.stdout and "io-increment" not in r.stdout
+
+
+def read_until(proc, marker, timeout=120):
+    """Reads kep's standard output until `marker` has appeared."""
+    out = b""
+    end = time.time() + timeout
+    while marker not in out:
+        assert time.time() < end, out
+        chunk = proc.stdout.read1(65536)
+        assert chunk, (out, proc.poll())
+        out += chunk
+    return out.decode()
+
+
+def cpu_ticks(pid):
+    fields = Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return int(fields[11]) + int(fields[12])
+
+
+def interrupt_when_busy(proc, command, ticks=2):
+    """Sends a command and, once kep has spent `ticks` clock ticks of CPU on
+    it, Ctrl-C. kep runs at the lowest priority, so it hardly moves on between
+    the look and the signal even on a loaded machine."""
+    before = cpu_ticks(proc.pid)
+    proc.stdin.write(command.encode())
+    proc.stdin.flush()
+    end = time.time() + 300
+    while cpu_ticks(proc.pid) < before + ticks:
+        assert time.time() < end and proc.poll() is None
+        time.sleep(0.001)
+    proc.send_signal(signal.SIGINT)
+
+
+def low_priority():
+    os.nice(19)
+
+
+def session(kep, lines):
+    s = KepSession(kep.dir, str(KEP), preexec_fn=low_priority)
+    # a kep that never answers is ended, so that no read waits for ever
+    watchdog = threading.Timer(600, s.proc.kill)
+    watchdog.daemon = True
+    watchdog.start()
+    s.send(lines)
+    return s
+
+
+def test_ctrl_c_at_the_prompt_gives_a_fresh_prompt_and_keeps_the_stacks(kep):
+    data = np.random.default_rng(2).random((4, 3, 2, 2))
+    save(kep.path("a.nii"), data)
+    s = session(kep, "read a.nii a\n")
+    s.proc.send_signal(signal.SIGINT)
+    assert read_until(s.proc, b"\nkep > ") == "\nkep > "
+    s.send("write-float out.nii a\n")
+    out, err, rc = s.finish()
+    assert rc == 1 and err == ""
+    np.testing.assert_array_equal(np.asanyarray(nib.load(kep.path("out.nii")).dataobj), data.astype(np.float32))
+
+
+def test_a_second_ctrl_c_within_a_second_ends_kep(kep):
+    s = session(kep, "show io-increment\n")
+    s.proc.send_signal(signal.SIGINT)
+    read_until(s.proc, b"\nkep > ")
+    s.proc.send_signal(signal.SIGINT)
+    assert s.proc.wait(timeout=120) == -signal.SIGINT
+
+
+def test_ctrl_c_stops_a_transform_and_names_the_stack_it_left_incomplete(kep):
+    rng = np.random.default_rng(3)
+    save(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
+    save(kep.path("b.nii"), rng.random((64, 64, 16, 2)))
+    s = session(kep, "read a.nii a\nread b.nii b\n")
+    # the two stacks in turn, over and over: a long command on little memory
+    interrupt_when_busy(s.proc, "transform-xyz" + " a b" * 250 + "\n")
+    s.prompts += 1
+    out = s.send("show-stacks\n")
+    assert stack_line(out, "a") and stack_line(out, "b")
+    out, err, rc = s.finish()
+    assert rc == 1
+    lines = err.splitlines()
+    assert lines[0] == "Error: interrupted."
+    assert "Warning: the stack a is incomplete: the command stopped part-way through rewriting it." in lines
+    assert set(lines[1:]) <= {f"Warning: the stack {n} is incomplete: the command stopped part-way through "
+                              "rewriting it." for n in "ab"}
+
+
+def glm_study(directory):
+    study = gm.Study(nimg=100, terms=3, header="AR 2 6\n")
+    study.write(directory, 100.0 + np.random.default_rng(4).standard_normal((40, 40, 16, 200)))
+
+
+def test_ctrl_c_stops_a_glm_fit_and_removes_the_map_it_was_creating(kep):
+    glm_study(kep.dir)
+    s = session(kep, "read-GLM study.glm\n")
+    interrupt_when_busy(s.proc, "GLM-fit-events effects\n")
+    s.prompts += 1
+    out = s.send("show-stacks\n")
+    assert stack_line(out, "glm")[:4] == ["40", "40", "16", "200"]
+    assert stack_line(out, "effects") is None
+    out, err, rc = s.finish()
+    assert rc == 1 and err == "Error: interrupted.\n"
+
+
+def test_ctrl_c_stops_a_read_loop_and_removes_what_it_created(kep, monkeypatch):
+    monkeypatch.setenv("KEP_HOME", str(SOURCE))
+    save(kep.path("a.nii"), np.ones((3, 3, 2, 4)))
+    s = session(kep, "read a.nii keep\n")
+    # the stored help waits for an answer: Ctrl-C comes while the loop runs
+    s.proc.stdin.write(b"read-loop a.nii chunk\nhelp\nend-loop\n")
+    s.proc.stdin.flush()
+    read_until(s.proc, b"help > ")
+    s.proc.send_signal(signal.SIGINT)
+    s.prompts = 1
+    out = s.send("show-stacks\n")
+    assert stack_line(out, "keep") and stack_line(out, "chunk") is None
+    out, err, rc = s.finish()
+    assert rc == 1 and err == "Error: interrupted.\n"
+
+
+def test_ctrl_c_ends_a_command_file(kep):
+    rng = np.random.default_rng(5)
+    save(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
+    save(kep.path("b.nii"), rng.random((64, 64, 16, 2)))
+    kep.path("run.com").write_text("read a.nii a\nread b.nii b\ntransform-xyz" + " a b" * 250 +
+                                   "\nwrite-float out.nii a\n")
+    proc = subprocess.Popen([str(KEP), "run.com"], cwd=kep.dir, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, preexec_fn=low_priority)
+    end = time.time() + 300
+    while cpu_ticks(proc.pid) < 2:
+        assert time.time() < end and proc.poll() is None
+        time.sleep(0.001)
+    proc.send_signal(signal.SIGINT)
+    out, err = proc.communicate(timeout=300)
+    assert proc.returncode == 1
+    assert err.decode() == "Fatal error: interrupted.\nProgram aborted.\n"
+    assert not kep.path("out.nii").exists()
+
+
+@pytest.mark.parametrize("word,suggestion", [
+    ("raed", "Did you mean `read'?\n"),
+    ("smooth3d", "Did you mean `smooth-3d'?\n"),
+    ("transfrom-x", "Did you mean `transform-x'?\n"),
+    ("pad-x-t", "Did you mean `pad-x-to'?\n"),
+    ("pad-x-", "Did you mean `pad-x' or `pad-xy'?\n"),
+    ("reorder-interleaved-slice", "Did you mean `reorder-interleaved-slices'?\n"),
+    ("qiut", "Did you mean `quit'?\n"),
+    ("smooth", ""),
+    ("glm-fit", ""),
+])
+def test_an_unknown_command_suggests_the_closest_names(kep, word, suggestion):
+    r = kep.stdin(f"{word} 2\n")
+    assert r.stderr == "Error: The command was not found.\n"
+    assert r.stdout == "kep > " + suggestion + "kep > "
+
+
+def test_help_opens_a_commands_own_item(kep):
+    r = kep.stdin("help smooth-3d\nq\nhelp no-such-command\nq\n")
+    items = (SOURCE / "documentation" / "kep-menu.txt").read_text().split("\n!")
+    smooth = next(i for i in items if i.split("\n", 1)[1].startswith("smooth-3d "))
+    first = r.stdout.split("help >> ")[0]
+    assert smooth.split("\n", 1)[1] in first
+    assert "There is no help item for `no-such-command'.\n" in r.stdout
+    # without an item, the help starts at the main menu
+    assert items[0].split("\n", 1)[1] in r.stdout.split("There is no help item")[1]
+
+
+def test_show_without_a_name_shows_every_variable(kep):
+    r = kep.stdin("set io-increment 2\nset filter-range 2 3\nset histogram 0 10 3\nshow\n")
+    assert r.stdout.endswith(
+        "kep > \toverlay-logic   replace\n\tcomplex-output  OFF\n\tio-increment    2\n\tslice-order     \n"
+        "\tmap-array      \n\tarray-offset    0\tarray_scale    1\n\tfilter-range    2 3 (1)\n"
+        "\t\t\tAlignment variables (rigid body)\n\t\t\t------------------\n"
+        "\ttranslations        0 0 0\n\trotations           0 0 0\n\tinflations          1 1 1\n"
+        "\tskews               0 0 0\n\tnifti-method    3\n\thistogram       0 10 3 (4 bins)\nkep > ")
+
+
+def test_quoted_file_names_keep_their_blanks(kep):
+    data = np.random.default_rng(7).random((3, 5, 2, 3))
+    (kep.dir / "scans dir").mkdir()
+    save(kep.path("scans dir/my scan.nii"), data)
+    r = kep.stdin('read "scans dir/my scan.nii">1-2 s\nread "scans dir/my scan.nii"\n'
+                  'write-float "out one.nii" s\nshow-stacks\n')
+    assert r.stderr == ""
+    # a name taken from the file cannot hold blanks: they become "_"
+    assert stack_line(r.stdout, "scans_dir/my_scan")[:4] == ["3", "5", "2", "3"]
+    got = np.asanyarray(nib.load(kep.path("out one.nii")).dataobj)
+    np.testing.assert_array_equal(got, data[..., 1:].astype(np.float32))
+    # words passed on the command line keep their blanks inside quotes
+    r = kep.script('read "$1" t\nwrite-float "$2" t\n', "scans dir/my scan.nii", "out two.nii")
+    assert "Fatal" not in r.stderr, r
+    got = np.asanyarray(nib.load(kep.path("out two.nii")).dataobj)
+    np.testing.assert_array_equal(got, data.astype(np.float32))
+
+
+def test_ctrl_c_at_a_terminal_discards_the_line_being_typed(tmp_path):
+    pid, fd = tty.spawn(tmp_path)
+    tty.read_until(fd, b"kep > ")
+    os.write(fd, b"show nifti-meth")
+    tty.read_until(fd, b"nifti-meth")
+    os.write(fd, b"\x03")
+    tty.read_until(fd, b"kep > ")
+    # kept, the typed text would now make "show nifti-method"
+    os.write(fd, b"od\r")
+    out = tty.read_until(fd, b"found.")
+    assert b"Error: The command was not found." in out and b"nifti-method    3" not in out
+    assert tty.finish(pid, fd) == 1
