@@ -8,9 +8,6 @@
 char error_string[KEP_LINE];
 int fatal_error = 0;
 
-// Set by the dispatcher so an unavailable operation can name its command.
-extern const char *current_command_word;
-
 int kep_text(int level, const char *text) {
   if (level < 0) level = 2;
   if (level == 2 && fatal_error == 1) level = 3;
@@ -42,10 +39,4 @@ int kep_textf(int level, const char *format, ...) {
   vsnprintf(error_string, sizeof error_string, format, ap);
   va_end(ap);
   return kep_text(level, error_string);
-}
-
-int not_available() {
-  kep_textf(2, "The command `%s' is not available in this build.",
-            current_command_word ? current_command_word : "?");
-  return 1;
 }

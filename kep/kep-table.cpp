@@ -10,7 +10,6 @@
 #include "kep-glm-maps.h"
 #include "kep-prototypes.h"
 
-const char *current_command_word = nullptr;
 int last_operation_status = 0;
 
 namespace {
@@ -295,7 +294,6 @@ int act_on_command(int index, char *arguments) {
     return 0;
   }
   const Command &c = commands[index];
-  current_command_word = c.name;
   // Decoders rewrite the text in place (an empty list becomes all stack
   // names), so they work on a copy with room for a full line.
   size_t length = strlen(arguments);
@@ -337,7 +335,6 @@ int act_on_macro(int index, char *arguments) {
   initialize_volume_list();
   last_operation_status = 0;
   if (index != 0) return 0;
-  current_command_word = macros[0];
   size_t length = strlen(arguments);
   std::vector<char> text(length + 1 > KEP_LINE ? length + 1 : KEP_LINE, '\0');
   memcpy(text.data(), arguments, length);

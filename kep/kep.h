@@ -125,8 +125,6 @@ extern int *histogram;
 int kep_text(int level, const char *text);
 // Formats into error_string and reports it at `level`.
 int kep_textf(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
-// Reports that a command exists but has no operation in this build.
-int not_available();
 
 // Command loop (kep-front.cpp).
 int get_line_with_comment(FILE *file, char *buffer);
