@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "glm-prototypes.h"
+#include "kep-warnings.h"
 
 namespace {
 
@@ -311,7 +312,13 @@ int GLM_define_basis_functions() {
       printf("Programming error: event number (%d) apparenty not defined.?!\n", number);
       GLMInternal_terminate();
     }
-    for (int t = 0; t < ntime; t++) GLM.X_tc[t][e] = buffer[static_cast<size_t>(t) * step];
+    bool zero = true;
+    for (int t = 0; t < ntime; t++) {
+      GLM.X_tc[t][e] = buffer[static_cast<size_t>(t) * step];
+      zero = zero && (GLM.X_tc[t][e] == 0.0f || !GLM.include_time[t]);
+    }
+    if (zero)
+      kep_textf(1, "The regressor of event %c is 0 at every image used: its effect cannot be estimated.", c);
   }
 
   // Baseline: the constants of all runs, then the linear terms, and so on.

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "glm-prototypes.h"
+#include "kep-warnings.h"
 
 int GLM_EventNumberFromChar(char c) {
   if (c >= '1' && c <= '9') return c - '0';
@@ -367,6 +368,16 @@ int read_stimulus(reader &r, const char *text) {
     printf("Error: OFF time must be > ON time for stim %d of event %c.\n", stim, c);
     return 1;
   }
+  // Times past the run's end fall outside its images: say so, as the fit cannot.
+  const double run_length =
+      (GLM.run_stop[r.run] + 1 - GLM.run_start[r.run]) * static_cast<double>(GLM.tr[r.run]);
+  if (on >= run_length)
+    kep_textf(1, "Stimulus %d of event %c starts at %g s, after the end of run %d (%g s): it has no effect.",
+              stim, c, on, r.run + 1, run_length);
+  else if (shape != GLM_GAMMA && off > run_length)
+    kep_textf(1,
+              "Stimulus %d of event %c ends at %g s, after the end of run %d (%g s): its last %g s are cut.",
+              stim, c, off, r.run + 1, run_length, off - run_length);
   if (GLM.nstims[e] >= GLM_MAX_STIMS) {
     printf("Error: the number of stimuli (%d) for event %c > max dimension in program (%d).\n", stim, c,
            GLM_MAX_STIMS);

@@ -157,6 +157,13 @@ int macro_read_glm_control_file(const char *arguments) {
     command = "delete " + names + "\n";
     if (do_command(1, command.c_str())) return 1;
   }
+  // A header without a TR (0) has nothing to compare.
+  const data_stack *glm = find_stack("glm");
+  if (glm && GLM.nruns > 0 && std::isfinite(glm->resolution_t) && glm->resolution_t > 0.0f &&
+      std::fabs(GLM.tr[0] - glm->resolution_t) > 0.01 * glm->resolution_t)
+    kep_textf(
+        1, "The TR of the event file (%g s) differs from the TR of the data header (%g s) by more than 1%%.",
+        GLM.tr[0], glm->resolution_t);
   if (GLM_get_number_events() == 0) {
     kep_text(1, "No events have been defined!\n");
     return 1;

@@ -3,6 +3,7 @@ commands, help on one command, `show` of every variable, quoted file names."""
 import os
 import signal
 import subprocess
+import sys
 import threading
 import time
 from pathlib import Path
@@ -263,3 +264,88 @@ def test_ctrl_c_at_a_terminal_discards_the_line_being_typed(tmp_path):
     out = tty.read_until(fd, b"found.")
     assert b"Error: The command was not found." in out and b"nifti-method    3" not in out
     assert tty.finish(pid, fd) == 1
+
+
+def patch_pixdim(path, index, value):
+    """Sets pixdim[index] of a NIfTI-1 file in place (nibabel derives it from the affine)."""
+    raw = bytearray(path.read_bytes())
+    raw[76 + 4 * index:80 + 4 * index] = np.float32(value).tobytes()
+    path.write_bytes(bytes(raw))
+
+
+def glm_case(kep, tr=None, nan=0, **study):
+    s = gm.Study(**study)
+    data = 100.0 + np.random.default_rng(6).standard_normal((4, 3, 2, s.ntime))
+    data.flat[[5, 200, 411][:nan]] = np.nan
+    s.write(kep.dir, data)
+    if tr is not None:
+        patch_pixdim(kep.path("run0.nii"), 4, tr)
+
+
+def stack_case(kep, nan=0, zooms=(2.0, 3.0, 4.0)):
+    data = np.random.default_rng(7).random((7, 5, 3, 2))
+    data.flat[[4, 40, 77][:nan]] = np.nan
+    save(kep.path("s.nii"), data)
+    for axis, size in enumerate(zooms):
+        patch_pixdim(kep.path("s.nii"), axis + 1, size)
+
+
+STIM = "Warning: Stimulus 2 of event 1 starts at 80 s, after the end of run 1 (80 s): it has no effect."
+CUT = "Warning: Stimulus 2 of event 1 ends at 90.5 s, after the end of run 1 (80 s): its last 10.5 s are cut."
+ZERO = "Warning: The regressor of event 2 is 0 at every image used: its effect cannot be estimated."
+TR = "Warning: The TR of the event file (2 s) differs from the TR of the data header (2.03 s) by more than 1%."
+NAN = "Warning: The stack {} holds 3 NaN samples given to `{}'."
+VOXEL = "Warning: The voxel size of s is ({}) mm: smoothing cannot use a size of 0 or NaN."
+GLM = "read-GLM study.glm\n"
+
+
+@pytest.mark.parametrize("setup,script,expected", [
+    (lambda k: glm_case(k, events={1: [(5, 17, 1), (80, 90, 1)]}, conditions="1", nruns=1), GLM, [STIM]),
+    (lambda k: glm_case(k, events={1: [(5, 17, 1), (63, 80, 1)]}, conditions="1", nruns=1), GLM, []),
+    (lambda k: glm_case(k, events={1: [(5, 17, 1), (70, 90.5, 1)]}, conditions="1", nruns=1), GLM, [CUT]),
+    (lambda k: glm_case(k, tr=2.03), GLM, [TR]),
+    (lambda k: glm_case(k, tr=2.019), GLM, []),
+    (lambda k: glm_case(k, events={1: [(5, 17, 1)], 2: [(25, 37, 1)]}, exclude={0: [(10, 20)], 1: [(10, 20)]}),
+     GLM, [ZERO]),
+    (lambda k: glm_case(k, events={1: [(5, 17, 1)], 2: [(25, 37, 1)]}, exclude={0: [(10, 15)], 1: [(10, 20)]}),
+     GLM, []),
+    (lambda k: glm_case(k, nan=3), GLM + "average m glm\nGLM-fit-events e\n",
+     [NAN.format("glm", "GLM-fit-events")]),
+    (lambda k: glm_case(k), GLM + "GLM-fit-events e\n", []),
+    (lambda k: stack_case(k, nan=3), "read s.nii s\nsmooth-3d 5 s\n", [NAN.format("s", "smooth-3d")]),
+    (lambda k: stack_case(k, nan=3), "read s.nii s\ntransform s\n", [NAN.format("s", "transform")]),
+    (lambda k: stack_case(k, nan=3), "read s.nii s\naverage m s\n", []),
+    (lambda k: stack_case(k), "read s.nii s\nsmooth-3d 5 s\ntransform-xyz s\n", []),
+    (lambda k: stack_case(k, zooms=(2.0, 0.0, 4.0)), "read s.nii s\nsmooth-3d 5 s\n", [VOXEL.format("2, 0, 4")]),
+    (lambda k: stack_case(k, zooms=(2.0, 3.0, np.nan)), "read s.nii s\nsmooth-3d 5 s\n",
+     [VOXEL.format("2, 3, nan")]),
+    (lambda k: stack_case(k, zooms=(2.0, 3.0, 0.0)), "read s.nii s\nsmooth-2d 5 s\n", []),
+])
+def test_each_warning_appears_exactly_when_its_condition_holds(kep, setup, script, expected):
+    setup(kep)
+    r = kep.script(script)
+    assert "Fatal" not in r.stderr, r.stdout
+    assert [line for line in r.stderr.splitlines() if line.startswith("Warning:")] == expected
+
+
+def test_show_stacks_names_nan_and_infinite_samples_only_when_there_are_some(kep):
+    data = np.random.default_rng(8).random((3, 4, 5, 2))
+    data.flat[[3, 50]] = np.nan
+    data.flat[7] = -np.inf
+    save(kep.path("bad.nii"), data)
+    save(kep.path("good.nii"), np.ones(data.shape))
+    out = kep.stdin("read bad.nii bad\nread good.nii good\nshow-stacks\n").stdout
+    listing = out[out.index("stack name"):]
+    assert "bad holds 2 NaN and 1 infinite samples.\n" in listing
+    assert "good holds" not in listing
+    assert stack_line(listing, "good")[:4] == ["3", "4", "5", "2"]
+
+
+@pytest.mark.parametrize("model", [[], ["--ar", "1"]])
+def test_the_example_study_gives_none_of_the_warnings(kep, model):
+    subprocess.run([sys.executable, str(SOURCE / "examples" / "make_study.py"), str(kep.dir), "12", "12", "6",
+                    "30", *model], check=True, capture_output=True)
+    r = kep.script((SOURCE / "examples" / "analyse.com").read_text(), name="analyse.com")
+    assert "Fatal" not in r.stderr, r.stderr
+    ours = ("Stimulus", "TR of the event file", "regressor of event", "NaN samples", "voxel size of")
+    assert not [line for line in r.stderr.splitlines() if line.startswith("Warning:") and any(w in line for w in ours)]

@@ -1,0 +1,42 @@
+#include "kep-warnings.h"
+
+#include <cmath>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "kep.h"
+
+namespace {
+
+bool starts_with(const char *s, const char *prefix) { return strncmp(s, prefix, strlen(prefix)) == 0; }
+
+}  // namespace
+
+void warn_before_operation(const char *command, bool glm_command) {
+  const bool smoothing = starts_with(command, "smooth");
+  const bool fourier = strstr(command, "transform") != nullptr;
+  if (!smoothing && !fourier && !glm_command && !starts_with(command, "GLM-")) return;
+  // Counted per stack, in the order the stacks are first listed.
+  std::vector<std::pair<const data_stack *, long>> counts;
+  for (const volume_list *v = volume_list_root; v; v = v->next) {
+    long nan = 0;
+    const FCOMPLEX *p = v->SpaceTime.fcData;
+    for (int i = 0; i < v->n3d; i++) nan += std::isnan(p[i].real) || std::isnan(p[i].imag);
+    size_t k = 0;
+    while (k < counts.size() && counts[k].first != v->stack) k++;
+    if (k == counts.size()) counts.emplace_back(v->stack, 0);
+    counts[k].second += nan;
+  }
+  for (const auto &[s, nan] : counts) {
+    if (nan > 0) kep_textf(1, "The stack %s holds %ld NaN samples given to `%s'.", s->name, nan, command);
+    if (smoothing) {
+      const POINT3D r = s->resolution;
+      const bool z = strcmp(command, "smooth-2d") != 0;
+      auto bad = [](float size) { return size == 0.0f || std::isnan(size); };
+      if (bad(r.x) || bad(r.y) || (z && bad(r.z)))
+        kep_textf(1, "The voxel size of %s is (%g, %g, %g) mm: smoothing cannot use a size of 0 or NaN.",
+                  s->name, r.x, r.y, r.z);
+    }
+  }
+}
