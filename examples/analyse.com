@@ -20,6 +20,10 @@ write-float tmaps.nii maps>2,7,12,17
 write-float zmaps.nii maps>4,9,14,19
 threshold-p fdr 0.05 maps>3
 write-overlay visual-fdr.ovl
+# The exact p of every condition at every voxel in the mask: uniform where
+# nothing happens when the noise model fits (per condition in the log, pooled
+# in hist.dat).
+GLM-histogram
 clusters 3.1 10 clusters1 maps>4
 clusters 3.1 10 clusters2 maps>9
 clusters 3.1 10 clusters3 maps>14

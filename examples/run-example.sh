@@ -16,7 +16,7 @@ mkdir -p "$out/ols" "$out/ar1"
 /usr/bin/python3 examples/make_study.py "$out/ar1" --ar 1 >/dev/null
 for model in ols ar1; do
   (cd "$out/$model" && "$top/build/kep" "$top/examples/analyse.com" > analysis.log 2>&1) || true
-  grep -E "contains|overlay of|hist\[|^condition|voxels pass|clusters of" "$out/$model/analysis.log" |
+  grep -E "contains|overlay of|hist\[|^condition|voxels pass|clusters of|^Exact p|Kolmogorov" "$out/$model/analysis.log" |
     sed "s/^/[$model] /"
   sed "s/^/[$model] /" "$out/$model/clusters1.clusters"
 done

@@ -8,19 +8,9 @@
 #include <vector>
 
 #include "kep-prototypes.h"
+#include "kep-util.h"
 
 namespace {
-
-// The listed volumes, each once, in list order.
-std::vector<volume_list *> distinct_volumes() {
-  std::vector<volume_list *> out;
-  for (volume_list *v = volume_list_root; v; v = v->next) {
-    bool seen = false;
-    for (const volume_list *u : out) seen = seen || u->SpaceTime.fcData == v->SpaceTime.fcData;
-    if (!seen && v->stack != nullptr) out.push_back(v);
-  }
-  return out;
-}
 
 int volume_number(const volume_list *v) {
   return static_cast<int>((v->SpaceTime.fcData - v->stack->SpaceTime.fcData) / v->stack->n3d);

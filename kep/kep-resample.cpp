@@ -21,17 +21,6 @@ constexpr double kDegrees = 180.0 / kPi;
 bool is_map(const data_stack *s) { return (s->status & STATUS_MAP) != 0; }
 bool is_polar(const data_stack *s) { return !is_map(s) && (s->status & STATUS_POLAR) != 0; }
 
-// The listed volumes, each once, in list order.
-std::vector<volume_list *> distinct_volumes() {
-  std::vector<volume_list *> out;
-  for (volume_list *v = volume_list_root; v; v = v->next) {
-    bool seen = false;
-    for (const volume_list *u : out) seen = seen || u->SpaceTime.fcData == v->SpaceTime.fcData;
-    if (!seen && v->stack != nullptr) out.push_back(v);
-  }
-  return out;
-}
-
 bool any_phase(const FCOMPLEX *data, long count) {
   for (long n = 0; n < count; n++)
     if (data[n].imag != 0.0f) return true;

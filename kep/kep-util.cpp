@@ -56,8 +56,10 @@ void polar_from_complex(float re, float im, float *amp, float *phase) {
 }
 
 int convert_complex_stack(data_stack *stack) {
-  if (is_polar(stack)) to_cartesian(stack);
-  else to_polar(stack);
+  if (is_polar(stack))
+    to_cartesian(stack);
+  else
+    to_polar(stack);
   return 0;
 }
 
@@ -66,7 +68,8 @@ int convert_complex() {
   for (data_stack *s : stacks_in_list(volume_list_root, true)) {
     if (is_map(s))
       kep_textf(1, "stack %s is a map!\n", s->name);
-    else convert_complex_stack(s);
+    else
+      convert_complex_stack(s);
   }
   return 0;
 }
@@ -154,4 +157,14 @@ data_stack *install_stack_with(const char *name, const data_stack *template_stac
   s->samples = std::move(samples);
   s->SpaceTime.fcData = s->samples.get();
   return s;
+}
+
+std::vector<volume_list *> distinct_volumes() {
+  std::vector<volume_list *> out;
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    bool seen = false;
+    for (const volume_list *u : out) seen = seen || u->SpaceTime.fcData == v->SpaceTime.fcData;
+    if (!seen && v->stack != nullptr) out.push_back(v);
+  }
+  return out;
 }

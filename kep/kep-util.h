@@ -14,6 +14,8 @@
 // The stacks of a volume list in list order; a run of consecutive nodes of
 // one stack counts once. With `distinct` a stack named again later is skipped too.
 std::vector<data_stack *> stacks_in_list(const volume_list *root, bool distinct = false);
+// The selected volumes of the current list, each once, in list order.
+std::vector<volume_list *> distinct_volumes();
 
 // Asks the kernel to back a large, not yet touched block with huge pages:
 // a whole-stack pass then takes far fewer page faults and TLB misses.
@@ -53,4 +55,3 @@ void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int
 // name could still be read) its contents. Null after an error message.
 data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
                                int nt, std::unique_ptr<FCOMPLEX[]> samples);
-

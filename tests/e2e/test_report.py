@@ -47,7 +47,7 @@ def test_report_of_an_analysis_parses_embeds_its_pictures_and_covers_every_condi
     r = kep.script("read-GLM study.glm\naverage mean glm\nwrite-float mean.nii mean\n"
                    "GLM-write-design design.tsv\nsmooth-3d 5 glm\nGLM-fit-events effects\n"
                    "write-float effects.nii effects\nGLM-map-conditions maps\nwrite-float maps.nii maps\n"
-                   "clusters 3 4 blobs maps>19\n", name="analyse.com")
+                   "clusters 3 4 blobs maps>19\nGLM-histogram\n", name="analyse.com")
     assert "Fatal" not in r.stderr, r
     kep.path("analysis.log").write_text(r.stdout)
     p = subprocess.run([str(SOURCE / "tools" / "kep-report"), str(kep.dir), "-o", str(kep.dir / "r.html")],
@@ -80,3 +80,14 @@ def test_report_of_an_analysis_parses_embeds_its_pictures_and_covers_every_condi
     shown = re.findall(r"<tr>((?:<td>[^<]*</td>)+)</tr>", section.split("blobs.clusters")[1])[:len(rows)]
     np.testing.assert_allclose([[float(v) for v in re.findall(r"<td>([^<]*)</td>", tr)] for tr in shown],
                                np.array(rows, dtype=float), rtol=1e-5)
+    # The p histogram shows the bins kep wrote to hist.dat, and the conditions' voxel
+    # counts from the log add up to the pooled total.
+    hist = np.loadtxt(kep.path("hist.dat"), skiprows=1)
+    section = text.split('id="histogram"')[1]
+    shown = np.array(re.findall(r"<tr><td>([^<]*)</td><td>([^<]*)</td><td>([^<]*)</td></tr>",
+                                section.split('class="phist"')[1]), dtype=float)
+    np.testing.assert_allclose(shown[:, :2].mean(axis=1), hist[:, 0], atol=1e-9)
+    np.testing.assert_array_equal(shown[:, 2], hist[:, 1])
+    voxels = re.findall(r"<tr><td>([^<]*)</td><td>(\d+)</td>", section.split('class="phist"')[0])
+    assert [c for c, _ in voxels] == conditions
+    assert sum(int(n) for _, n in voxels) == hist[:, 1].sum() > 0
