@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -19,7 +20,10 @@ void warn_before_operation(const char *command, bool glm_command) {
   if (!smoothing && !fourier && !glm_command && !starts_with(command, "GLM-")) return;
   // Counted per stack, in the order the stacks are first listed.
   std::vector<std::pair<const data_stack *, long>> counts;
+  // A volume listed again is counted once.
+  std::unordered_set<const FCOMPLEX *> scanned;
   for (const volume_list *v = volume_list_root; v; v = v->next) {
+    if (!scanned.insert(v->SpaceTime.fcData).second) continue;
     long nan = 0;
     const FCOMPLEX *p = v->SpaceTime.fcData;
     for (int i = 0; i < v->n3d; i++) nan += std::isnan(p[i].real) || std::isnan(p[i].imag);

@@ -313,7 +313,7 @@ GLM = "read-GLM study.glm\n"
      [NAN.format("glm", "GLM-fit-events")]),
     (lambda k: glm_case(k), GLM + "GLM-fit-events e\n", []),
     (lambda k: stack_case(k, nan=3), "read s.nii s\nsmooth-3d 5 s\n", [NAN.format("s", "smooth-3d")]),
-    (lambda k: stack_case(k, nan=3), "read s.nii s\ntransform s\n", [NAN.format("s", "transform")]),
+    (lambda k: stack_case(k, nan=3), "read s.nii s\ntransform s s\n", [NAN.format("s", "transform")]),
     (lambda k: stack_case(k, nan=3), "read s.nii s\naverage m s\n", []),
     (lambda k: stack_case(k), "read s.nii s\nsmooth-3d 5 s\ntransform-xyz s\n", []),
     (lambda k: stack_case(k, zooms=(2.0, 0.0, 4.0)), "read s.nii s\nsmooth-3d 5 s\n", [VOXEL.format("2, 0, 4")]),
