@@ -317,7 +317,7 @@ int GLM_define_basis_functions() {
       GLM.X_tc[t][e] = buffer[static_cast<size_t>(t) * step];
       zero = zero && (GLM.X_tc[t][e] == 0.0f || !GLM.include_time[t]);
     }
-    if (zero)
+    if (zero && design_warnings)
       kep_textf(1, "The regressor of event %c is 0 at every image used: its effect cannot be estimated.", c);
   }
 

@@ -10,6 +10,7 @@
 #include "glm.h"
 #include "kep-glm-frame.h"
 #include "kep-prototypes.h"
+#include "kep-warnings.h"
 #include "tails.h"
 
 namespace {
@@ -118,7 +119,10 @@ class ResponseTiming {
     for (const auto &[e, tau] : events_)
       if (GLM_set_event_tau(e, factor == 1.0 ? tau : static_cast<float>(tau * factor))) return 1;
     int count = 0;
-    if (GLM_define_basis_functions()) return 1;
+    design_warnings = false;
+    const int failed = GLM_define_basis_functions();
+    design_warnings = true;
+    if (failed) return 1;
     return GLM_define_conditions(1, GLM_input.condition_string, &count);
   }
 

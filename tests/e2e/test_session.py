@@ -309,6 +309,9 @@ GLM = "read-GLM study.glm\n"
      GLM, [ZERO]),
     (lambda k: glm_case(k, events={1: [(5, 17, 1)], 2: [(25, 37, 1)]}, exclude={0: [(10, 15)], 1: [(10, 20)]}),
      GLM, []),
+    # the design rebuilt for each time constant repeats nothing
+    (lambda k: glm_case(k, events={1: [(5, 17, 1)], 2: [(25, 37, 1)]}, exclude={0: [(10, 39)]}, nruns=1,
+                        header="IRF BOLD-monkey\n"), GLM + "GLM-vary-tau 3 timing\n", [ZERO]),
     (lambda k: glm_case(k, nan=3), GLM + "average m glm\nGLM-fit-events e\n",
      [NAN.format("glm", "GLM-fit-events")]),
     (lambda k: glm_case(k), GLM + "GLM-fit-events e\n", []),
