@@ -97,9 +97,10 @@ bool wait_for_input(FILE *file) {
     int r = ppoll(&wanted, 1, nullptr, &during);
     if (r > 0 || (r < 0 && errno != EINTR)) break;  // input, end of input or an error: the read reports it
   }
-  const bool interrupted = kep_interrupted();
+  // A Ctrl-C that came with the input stays pending while blocked; restoring
+  // the mask delivers it, so the flag is read only afterwards.
   sigprocmask(SIG_SETMASK, &old, nullptr);
-  return !interrupted;
+  return !kep_interrupted();
 }
 
 void stack_snapshot::take() {

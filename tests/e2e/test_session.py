@@ -161,6 +161,22 @@ def test_ctrl_c_stops_a_glm_fit_and_removes_the_map_it_was_creating(kep):
     assert rc == 1 and err == "Error: interrupted.\n"
 
 
+def test_ctrl_c_stops_a_read_loop_and_removes_what_it_created(kep, monkeypatch):
+    monkeypatch.setenv("KEP_HOME", str(SOURCE))
+    save(kep.path("a.nii"), np.ones((3, 3, 2, 4)))
+    s = session(kep, "read a.nii keep\n")
+    # the stored help waits for an answer: Ctrl-C comes while the loop runs
+    s.proc.stdin.write(b"read-loop a.nii chunk\nhelp\nend-loop\n")
+    s.proc.stdin.flush()
+    read_until(s.proc, b"help > ")
+    s.proc.send_signal(signal.SIGINT)
+    s.prompts = 1
+    out = s.send("show-stacks\n")
+    assert stack_line(out, "keep") and stack_line(out, "chunk") is None
+    out, err, rc = s.finish()
+    assert rc == 1 and err == "Error: interrupted.\n"
+
+
 def test_ctrl_c_ends_a_command_file(kep):
     rng = np.random.default_rng(5)
     save(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
