@@ -34,7 +34,7 @@ std::string plain_volume_file(const char *run_name) {
   const char *rest = next_word(run_name, file);
   if (rest == nullptr || *next_non_white(rest) != '\0' || strchr(file, '>') != nullptr) return {};
   const int kind = file_kind(file);
-  if (kind == 0 || kind == 9) return {};  // command and overlay files
+  if (kind == FILE_COMMANDS || kind == FILE_OVERLAY) return {};
   return file;
 }
 

@@ -16,52 +16,53 @@ XD_HEADER fresh(const char *name = "test") {
   return h;
 }
 
-TEST(IoNames, GetExtensionTypesAndNewline) {
+// One classifier for every use of a name: the kind `read` acts on, the header
+// reader, where the samples are, and what a write to the name produces.
+TEST(IoNames, OneClassifierForReadingAndWriting) {
   struct Case {
     const char *name;
-    int type;
-    const char *ext;
-  } cases[] = {{"a.bshort", 1, "bshort"}, {"a.bfloat", 2, "bfloat"}, {"a.blong", 3, "blong"},
-               {"a.ushort", 4, "ushort"}, {"dir.x/a.nii", 6, "nii"}, {"a.img", 7, "img"},
-               {"a.hdr", -1, "hdr"},      {"a.nii.gz", -1, "gz"},    {"a.bfloat\n", 2, "bfloat"}};
+    int kind;
+    volume_format::layout data;
+    int written_as;
+    const char *suffix;
+  } cases[] = {
+      {"a.com", FILE_COMMANDS, volume_format::one_file, FILE_UNKNOWN, ".com"},
+      {"a.bshort", FILE_BSHORT, volume_format::one_file, FILE_BSHORT, ".bshort"},
+      {"a.bfloat", FILE_BFLOAT, volume_format::one_file, FILE_BFLOAT, ".bfloat"},
+      {"a.blong", FILE_BLONG, volume_format::one_file, FILE_UNKNOWN, ".blong"},
+      {"a.ushort", FILE_USHORT, volume_format::one_file, FILE_USHORT, ".ushort"},
+      {"dir.x/a.nii", FILE_NII, volume_format::one_file, FILE_NII, ".nii"},
+      {"a.nii.gz", FILE_NII, volume_format::compressed_file, FILE_NII, ".nii.gz"},
+      {"d/.nii.gz", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"a.img", FILE_IMG, volume_format::one_file, FILE_IMG, ".img"},
+      {"slices_", FILE_FREESURFER, volume_format::slice_files, FILE_UNKNOWN, "_"},
+      {"a.bfloat_", FILE_FREESURFER, volume_format::slice_files, FILE_UNKNOWN, "_"},
+      {"a.ovl", FILE_OVERLAY, volume_format::one_file, FILE_UNKNOWN, ".ovl"},
+      {"a.hdr", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"plain", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"dir.v2/plain", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+  };
   for (const Case &c : cases) {
-    char name[KEP_LINE], ext[KEP_LINE];
-    snprintf(name, sizeof name, "%s", c.name);
-    int type = 99;
-    EXPECT_EQ(get_extension(name, &type, ext), 0) << c.name;
-    EXPECT_EQ(type, c.type) << c.name;
-    EXPECT_STREQ(ext, c.ext) << c.name;
-    EXPECT_EQ(strchr(name, '\n'), nullptr);
+    const volume_format &f = classify_file_name(c.name);
+    EXPECT_EQ(f.kind, c.kind) << c.name;
+    EXPECT_EQ(file_kind(c.name), c.kind) << c.name;
+    EXPECT_EQ(f.data, c.data) << c.name;
+    EXPECT_EQ(f.written_as, c.written_as) << c.name;
+    EXPECT_STREQ(f.suffix, c.suffix) << c.name;
+    EXPECT_NE(f.read_header, nullptr) << c.name;
   }
-  char name[KEP_LINE] = "plain", ext[KEP_LINE];
-  int type = 0;
-  std::string out = capture_stdout([&] { EXPECT_EQ(get_extension(name, &type, ext), 1); });
-  EXPECT_EQ(out, "The file name has no extension!\n");
+  // The two rows no suffix selects read their ".hdr" differently.
+  EXPECT_NE(classify_file_name("a.hdr").read_header, classify_file_name("plain").read_header);
 }
 
 TEST(IoNames, ReplaceExtensionKeepsTheStem) {
-  char name[KEP_LINE] = "d.v2/run.01.bfloat", result[KEP_LINE];
-  int type = 0;
-  ASSERT_EQ(replace_extension(name, &type, "hdr", result), 0);
+  char result[KEP_LINE];
+  ASSERT_EQ(replace_extension("d.v2/run.01.bfloat", "hdr", result), 0);
   EXPECT_STREQ(result, "d.v2/run.01.hdr");
-  EXPECT_EQ(type, 2);
-  char bare[KEP_LINE] = "run";
-  capture_stdout([&] { EXPECT_EQ(replace_extension(bare, &type, "hdr", result), 1); });
-}
-
-TEST(IoNames, XdisplayFormatCutsTheNameAndIgnoresBlong) {
-  struct Case {
-    const char *name;
-    int format;
-    const char *stem;
-  } cases[] = {{"o.bfloat", 2, "o"}, {"o.bshort", 1, "o"}, {"o.ushort", 4, "o"}, {"a.b/o.img", 7, "a.b/o"},
-               {"o.nii", 6, "o"},    {"o.blong", -1, "o"}, {"o.txt", -1, "o"},   {"plain", -1, "plain"}};
-  for (const Case &c : cases) {
-    char name[KEP_LINE];
-    snprintf(name, sizeof name, "%s", c.name);
-    EXPECT_EQ(xdisplay_format(name), c.format) << c.name;
-    EXPECT_STREQ(name, c.stem) << c.name;
-  }
+  ASSERT_EQ(replace_extension("a.bfloat\n", "hdr", result), 0);
+  EXPECT_STREQ(result, "a.hdr");
+  std::string out = capture_stdout([&] { EXPECT_EQ(replace_extension("run", "hdr", result), 1); });
+  EXPECT_EQ(out, "The file name has no extension!\n");
 }
 
 TEST(IoNames, ByteOrderAndSwaps) {
