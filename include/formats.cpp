@@ -155,10 +155,8 @@ int replace_extension(const char *name, const char *new_extension, char *result)
 }
 
 void initialize_volume_header(const char *name, XD_HEADER *h) {
-  memset(h, 0, sizeof *h);
+  *h = XD_HEADER{};  // zeros, on the geometry's unit voxel sizes and directions
   snprintf(h->file_name, sizeof h->file_name, "%s", name);
-  h->resolution = {1.0f, 1.0f, 1.0f};
-  h->direction = {1.0f, 1.0f, 1.0f};
   h->byte_order = machine_byte_order();
 }
 

@@ -81,23 +81,16 @@ const volume_format &classify_file_name(const char *name);
 // Its kind.
 int file_kind(const char *name);
 
-struct XD_HEADER {
+struct XD_HEADER : volume_geometry {
   const volume_format *format;  // the row the name was read by
   char file_name[KEP_LINE];
   IPOINT3D dim;
-  POINT3D resolution;
-  POINT3D origin;
-  POINT3D direction;
   POINT3D fov;
-  float resolution_t;
   int nt;
   int n2d;
   int n3d;
   int n4d;
   int byte_order;
-  mat44 ijk_to_xyz;
-  mat44 xyz_to_ijk;
-  int off_diagonal;
   int file_type;
   int storage_type;
   int data_type;

@@ -152,14 +152,10 @@ bool carries_rotation(const data_stack *s) {
 }
 
 void take_geometry(volume_file *e, const data_stack *s) {
+  static_cast<volume_geometry &>(*e) = *s;
   e->rotated = carries_rotation(s);
-  e->ijk_to_xyz = s->ijk_to_xyz;
-  e->resolution = s->resolution;
-  e->origin = s->origin;
-  e->direction = s->direction;
   e->registration = s->registration;
   e->lDOF = s->lDOF;
-  e->resolution_t = s->resolution_t;
   memcpy(e->description, s->description, sizeof e->description);
 }
 

@@ -409,15 +409,9 @@ std::unique_ptr<FCOMPLEX[]> allocate_samples(size_t count) {
 void set_read_geometry(data_stack *s, const XD_HEADER &h) {
   s->status = STATUS_READ | (h.data_type == DATA_MAGNITUDE ? STATUS_POLAR : 0);
   s->registration = h.registration;
-  s->resolution = h.resolution;
-  s->origin = h.origin;
-  s->direction = h.direction;
+  static_cast<volume_geometry &>(*s) = h;
   s->fov = h.fov;
-  s->resolution_t = h.resolution_t;
-  s->off_diagonal = h.off_diagonal;
   s->lDOF = h.lDOF;
-  s->ijk_to_xyz = h.ijk_to_xyz;
-  s->xyz_to_ijk = h.xyz_to_ijk;
   memcpy(s->description, h.description, sizeof s->description);
 }
 
