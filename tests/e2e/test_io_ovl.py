@@ -2,7 +2,8 @@
 import numpy as np
 import pytest
 
-from io_files import read_xdisplay, write_xdisplay
+from conftest import read_xdisplay, write_xdisplay
+
 
 SYNTAX = ("Error: The syntax in an overlay file can be one of the following:\n"
           "1)  x y z         (voxel indices), OR\n"

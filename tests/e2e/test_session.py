@@ -14,8 +14,7 @@ import pytest
 
 import glm_model as gm
 import test_lineedit as tty
-from conftest import KEP, SOURCE
-from io_files import KepSession, stack_line
+from conftest import KEP, KepSession, SOURCE, stack_line
 
 
 def save(path, data, dtype=np.float32, zooms=(2.0, 3.0, 4.0)):

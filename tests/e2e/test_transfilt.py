@@ -2,13 +2,7 @@
 import numpy as np
 import pytest
 
-from fft_files import (assert_single_precision, random_complex, read_complex, run_on_stack,
-                       skip_without_volume_files, write_complex)
-
-
-@pytest.fixture(autouse=True)
-def volume_files(kep):
-    skip_without_volume_files(kep)
+from conftest import assert_single_precision, random_stack, read_complex, run_on_stack, write_complex
 
 AXIS = {"x": 3, "y": 2, "z": 1, "t": 0}
 
@@ -37,7 +31,7 @@ SHAPES = [(2, 4, 6, 8), (2, 5, 9, 7), (1, 3, 11, 13), (3, 2, 1, 5)]
 
 @pytest.mark.parametrize("shape", SHAPES, ids=lambda s: "x".join(map(str, s)))
 def test_every_transform_command_matches_numpy(kep, shape):
-    data = random_complex(shape, seed=sum(shape))
+    data = random_stack(shape, seed=sum(shape))
     for command, (axes, direction) in COMMANDS.items():
         _, written = run_on_stack(kep, data, f"{command} a")
         expected = data.astype(np.complex128)
@@ -61,7 +55,7 @@ def rounded_then_divided(exact, n):
                          ids=lambda s: "x".join(map(str, s)))
 @pytest.mark.parametrize("axis", ["x", "y"])
 def test_forward_transforms_divide_the_float_result_by_n(kep, shape, axis):
-    data = random_complex(shape, seed=sum(shape))
+    data = random_stack(shape, seed=sum(shape))
     _, written = run_on_stack(kep, data, f"transform-{axis} a")
     n = shape[AXIS[axis]]
     exact = centred(data.astype(np.complex128), AXIS[axis], -1, scale=False)
@@ -71,7 +65,7 @@ def test_forward_transforms_divide_the_float_result_by_n(kep, shape, axis):
 
 @pytest.mark.parametrize("shape", SHAPES, ids=lambda s: "x".join(map(str, s)))
 def test_forward_then_inverse_restores_the_data(kep, shape):
-    data = random_complex(shape, seed=7)
+    data = random_stack(shape, seed=7)
     _, written = run_on_stack(kep, data, "transform-xyz a\ninverse-transform-xyz a\ntransform a>0\n"
                                          "inverse-transform a")
     assert_single_precision(written, data.astype(np.complex128))
@@ -79,7 +73,7 @@ def test_forward_then_inverse_restores_the_data(kep, shape):
 
 @pytest.mark.parametrize("nt", [8, 7, 13])
 def test_time_transform_is_centred_and_unscaled(kep, nt):
-    data = random_complex((nt, 2, 3, 4), seed=nt)
+    data = random_stack((nt, 2, 3, 4), seed=nt)
     _, written = run_on_stack(kep, data, "transform-time a")
     assert_single_precision(written, centred(data, 0, -1, scale=False))
 
@@ -93,8 +87,8 @@ def test_time_transform_of_a_constant_course(kep):
 
 
 def test_time_transform_refuses_stacks_of_different_sizes(kep):
-    data = random_complex((4, 1, 4, 4), seed=3)
-    write_complex(kep.path("other.bfloat"), random_complex((4, 1, 2, 4), seed=4))
+    data = random_stack((4, 1, 4, 4), seed=3)
+    write_complex(kep.path("other.bfloat"), random_stack((4, 1, 2, 4), seed=4))
     result, written = run_on_stack(kep, data, "read other.bfloat b\ntransform-time a b",
                                    interactive=True)
     assert "Error: Stacks a and b have different dimensions.\n" in result.stderr
@@ -116,7 +110,7 @@ def kspace_weights(shape, fwhm, resolution, ndim):
 @pytest.mark.parametrize("ndim", [2, 3])
 def test_smoothing_multiplies_kspace_by_a_gaussian(kep, ndim):
     shape, resolution, fwhm = (3, 5, 12, 9), (1.5, 2.0, 3.0), 4.5
-    data = random_complex(shape, seed=ndim)
+    data = random_stack(shape, seed=ndim)
     result, written = run_on_stack(kep, data, f"smooth-{ndim}d {fwhm} a>1,2", resolution=resolution)
     k = data.astype(np.complex128)
     axes = (3, 2, 1)[:ndim]
@@ -154,14 +148,14 @@ def test_smoothing_weights_are_float_products_of_the_axis_factors(kep, ndim):
 
 
 def test_smoothing_reports_each_quarter_of_a_long_list(kep):
-    data = random_complex((20, 1, 4, 4), seed=1)
+    data = random_stack((20, 1, 4, 4), seed=1)
     result, _ = run_on_stack(kep, data, "smooth-3d 2 a")
     assert [line for line in result.stdout.splitlines() if "percent" in line] == [
         "25 percent done", "50 percent done", "75 percent done"]
 
 
 def test_smoothing_2d_leaves_z_alone(kep):
-    data = random_complex((1, 4, 8, 8), seed=2)
+    data = random_stack((1, 4, 8, 8), seed=2)
     data[:, 1:] = data[:, :1]  # identical slices stay identical
     _, written = run_on_stack(kep, data, "smooth-2d 3 a")
     for z in range(1, 4):
@@ -176,7 +170,7 @@ def hamming(n):
 @pytest.mark.parametrize("command", ["hamming-window", "hamming-window-xyz"])
 def test_hamming_window_matches_numpy(kep, command):
     shape = (2, 4, 6, 7)
-    data = random_complex(shape, seed=5)
+    data = random_stack(shape, seed=5)
     _, written = run_on_stack(kep, data, f"{command} a>0")  # the whole stack
     wz = hamming(4) if command.endswith("xyz") else np.ones(4)
     w = wz[:, None, None] * hamming(6)[None, :, None] * hamming(7)[None, None, :]
@@ -191,7 +185,7 @@ def test_hamming_window_of_one_sample_is_nan(kep):
 
 def test_exponential_weighting_of_listed_volumes(kep):
     shape, tau = (3, 2, 3, 10), 4.0
-    data = random_complex(shape, seed=6)
+    data = random_stack(shape, seed=6)
     _, written = run_on_stack(kep, data, f"exp-filter-1d {tau} a>0,2")
     x = np.arange(10)
     expected = data.astype(np.complex128)
@@ -232,7 +226,7 @@ def edge_reference(volume, following=None):
 
 def test_edge_filter_matches_its_wrap_rule(kep):
     shape = (2, 2, 5, 6)
-    data = random_complex(shape, seed=8) + 2
+    data = random_stack(shape, seed=8) + 2
     _, written = run_on_stack(kep, data, "edge-filter a")
     expected = np.stack([edge_reference(data[0], data[1]), edge_reference(data[1])])
     assert_single_precision(written, expected.astype(complex), factor=16)

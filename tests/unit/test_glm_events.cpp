@@ -1,7 +1,7 @@
 // Event identifiers and event files.
 #include <cmath>
 
-#include "glm_test_support.h"
+#include "test_support.h"
 
 namespace {
 
@@ -228,35 +228,6 @@ TEST_F(GlmEvents, RunsOutOfOrderAreRefused) {
   EXPECT_EQ(read("2 20\n\n1\n0 4\n", &out, 1), 1);
   EXPECT_EQ(read("2 20\n\n1\n0 4\n", &out, 50), 1);
   EXPECT_EQ(GLM.ntime, 0);
-}
-
-TEST_F(GlmEvents, DescribeFormats) {
-  EXPECT_EQ(capture_stdout([] { GLMInternal_describe_event_format(GLM_SQUARE); }),
-            "\nExample of definition for square events:\n"
-            "1 square    # [event identifier] [optional event shape]\n"
-            "30 60       # [ON time] [OFF time] [optional magnitude]\n"
-            "90 120      # [ON time] [OFF time] [optional magnitude]\n"
-            "...         # ... and so on\n");
-  EXPECT_EQ(capture_stdout([] { GLMInternal_describe_event_format(GLM_COSINE); }),
-            "\nExample of definition for sinusoidal events:\n"
-            "1 sine 30  # [event identifier] sine [period]\n"
-            "This is usually used in conjunction with a cosine event.\n"
-            "\nExample of definition for sinusoidal events:\n"
-            "1 cosine 30  # [event identifier] sine [period]\n"
-            "This is usually used in conjunction with a sine event.\n");
-  std::string ramps = capture_stdout([] { GLMInternal_describe_event_format(GLM_RAMP_UP); });
-  EXPECT_NE(ramps.find("1 ramp-down # [event identifier] [optional event shape]\n30 60"), std::string::npos);
-  EXPECT_EQ(capture_stdout([] { GLMInternal_describe_event_format(GLM_INTERACTION); }),
-            "\nExample of definition for interaction events (product of 2 events):\n"
-            "I interaction 1 2  # [event identifier] interaction [event1] [event2]\n");
-}
-
-TEST_F(GlmEvents, GarbageIsRefusedWithoutCrashing) {
-  std::string garbage;
-  for (int i = 0; i < 4000; i++) garbage += static_cast<char>((i * 7919 + 13) % 256);
-  std::string out;
-  EXPECT_EQ(read(garbage, &out), 1);
-  EXPECT_EQ(read("2 20\n\n" + garbage, &out), 1);
 }
 
 }  // namespace

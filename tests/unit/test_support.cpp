@@ -29,4 +29,14 @@ void reset_interpreter() {
   initialize_global_variables();
   fatal_error = 0;
   flags = 0;
+  GLM_reset_all();
+}
+
+std::string exactly(const std::string &text) {
+  std::string re = "^";
+  for (char c : text) {
+    if (std::string(".[]{}()\\*+?^$|").find(c) != std::string::npos) re += '\\';
+    re += c;
+  }
+  return re + "$";
 }
