@@ -151,4 +151,42 @@ TEST_F(GlmControl, AbuttingStimuliAreSeparatedWithAResponseFunction) {
   EXPECT_FLOAT_EQ(GLM.stim_off[0][0], 6.0f);
 }
 
+// The table and response-function files a control file names: each malformed
+// one is refused with its message ('@' stands for the file's path).
+TEST_F(GlmControl, TableAndResponseFileErrors) {
+  struct Case {
+    bool table;
+    std::string text, message;
+  };
+  const Case cases[] = {
+      {true, "a b\n1 2\n3 x\n", "Error reading line 3 of TABLE file @\n"},
+      {true, "a b\n1 2\n3\n", "Error reading line 3 of TABLE file @\n"},
+      {true, "a b\n1 2\n", "Error: the # of points (1) must be >= 2.\n"},  // too short for its baseline
+      {true, "a b\n", "Error: the # of points (0) must be >= 2.\n"},
+      {false, "30 0.5\n", "Error reading the 1st line of the IRF file @.\n"},
+      {false, "30 0.5 2\n6\n", "Error reading the 2nd line of the IRF file @.\n"},
+      {false, "30 0.5 2\n6 1\nx\n", "Error reading the 3rd line of the IRF file @.\n"},
+      {false, "30 0.5 2\n6 1\n", ""},
+  };
+  for (const Case &c : cases) {
+    std::string name = file(c.table ? "t.dat" : "r.irf", c.text), expected = c.message;
+    if (size_t at = expected.find('@'); at != std::string::npos) expected.replace(at, 1, name);
+    std::string out = capture_stdout([&] {
+      EXPECT_EQ(c.table ? GLM_read_table_file(name.c_str(), 0) : GLM_read_hrf_file(0, name.c_str()), 1)
+          << c.text;
+    });
+    EXPECT_EQ(out, expected) << c.text;
+  }
+  std::string wide;
+  for (int c = 0; c < 21; c++) wide += "c" + std::to_string(c) + " ";
+  std::string out =
+      capture_stdout([&] { EXPECT_EQ(GLM_read_table_file(file("w.dat", wide).c_str(), 0), 1); });
+  EXPECT_NE(out.find("more than 20 columns"), std::string::npos);
+  EXPECT_EQ(capture_stdout([] { EXPECT_EQ(GLM_read_hrf_file(0, "/nonexistent.irf"), 1); }),
+            "Error attempting to open the IRF file /nonexistent.irf.\n");
+  out = capture_stdout(
+      [&] { EXPECT_EQ(GLM_read_hrf_file(0, file("tiny.irf", "1e9 1e-9 1\n2 1\n3 1\n").c_str()), 1); });
+  EXPECT_NE(out.find("cannot be sampled"), std::string::npos);
+}
+
 }  // namespace

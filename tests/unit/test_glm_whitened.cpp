@@ -24,8 +24,9 @@ class GlmWhitened : public GlmTest {
     const std::string length = std::to_string(images);
     file("r1.glm", "1 " + length + "\n\n1\n5 12\n25 32\n\n2 gamma 5\n15\n33\n\n3\n40 44\n\n-1\n0 2\n");
     file("r2.glm", "1 " + length + "\n\n2 gamma 5\n8\n30\n\n1\n16 22\n\n3\n3 6\n");
-    std::string control = "AR " + std::to_string(order) + " 0\nbaseline-terms 3\nconditions 1 2 1-2 1,2,3\nruns:\n" +
-                          "d1 " + path("r1.glm") + "\nd2 " + path("r2.glm") + "\n";
+    std::string control = "AR " + std::to_string(order) +
+                          " 0\nbaseline-terms 3\nconditions 1 2 1-2 1,2,3\nruns:\n" + "d1 " + path("r1.glm") +
+                          "\nd2 " + path("r2.glm") + "\n";
     ASSERT_EQ(read_control(file("c.txt", control)), 0);
     capture_stdout([] { EXPECT_EQ(GLM_define_basis_functions(), 0); });  // progress of the AR matrix
     int n = 0;
@@ -41,7 +42,8 @@ class GlmWhitened : public GlmTest {
     for (int t = 0; t < GLM.ntime; t++) {
       e = phi * e + 2.0 * g(rng);
       double v = 500.0 + e;
-      for (int c = 0; c < GLM.ncoeff; c++) v += GLM.Xorig_tc[t][c] * (c < GLM.nevents ? 3.0 + c + seed % 5 : 1.0);
+      for (int c = 0; c < GLM.ncoeff; c++)
+        v += GLM.Xorig_tc[t][c] * (c < GLM.nevents ? 3.0 + c + seed % 5 : 1.0);
       d[t] = static_cast<float>(v);
     }
     return d;
@@ -78,7 +80,8 @@ class GlmWhitened : public GlmTest {
     ASSERT_EQ(a.size(), b.size()) << what;
     double scale = 0.0;
     for (float x : b) scale = std::max(scale, std::fabs(static_cast<double>(x)));
-    for (size_t i = 0; i < a.size(); i++) EXPECT_NEAR(a[i], b[i], tolerance * (scale + 1e-30)) << what << " " << i;
+    for (size_t i = 0; i < a.size(); i++)
+      EXPECT_NEAR(a[i], b[i], tolerance * (scale + 1e-30)) << what << " " << i;
   }
   static void expect_same_fit(const Fitted &fast, const Fitted &slow) {
     EXPECT_EQ(fast.order, slow.order);

@@ -35,7 +35,8 @@ TEST(SquareInverse, SingularMatricesReportTheFailingRow) {
   for (const Case &c : cases) {
     dmatrix d(c.n, c.n);
     fmatrix f(c.n, c.n);
-    for (int i = 0; i < c.n * c.n; i++) d[i / c.n][i % c.n] = f[i / c.n][i % c.n] = static_cast<float>(c.m[i]);
+    for (int i = 0; i < c.n * c.n; i++)
+      d[i / c.n][i % c.n] = f[i / c.n][i % c.n] = static_cast<float>(c.m[i]);
     int failing = 7;
     EXPECT_EQ(dInvertSquareMatrix(c.n, d, &failing), 1);
     EXPECT_EQ(failing, c.failing);

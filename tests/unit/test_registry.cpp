@@ -42,7 +42,8 @@ TEST_F(Registry, ReinstallKeepsPlaceAndTemplateCopiesSelectedFields) {
 
 TEST_F(Registry, CheckedInstallRefusesOverflowingSizes) {
   install_stack("keep", nullptr, 1, 1, 1, 1)->SpaceTime.fcData[0] = {7, 8};
-  std::string err = capture_stderr([] { EXPECT_EQ(install_stack_checked("keep", nullptr, 65536, 65536, 2, 1), nullptr); });
+  std::string err =
+      capture_stderr([] { EXPECT_EQ(install_stack_checked("keep", nullptr, 65536, 65536, 2, 1), nullptr); });
   EXPECT_NE(err.find("keep"), std::string::npos);
   EXPECT_FLOAT_EQ(find_stack("keep")->SpaceTime.fcData[0].real, 7.0f);  // untouched
   EXPECT_EQ(install_stack_checked("x", nullptr, 0, 1, 1, 1), nullptr);
@@ -50,7 +51,8 @@ TEST_F(Registry, CheckedInstallRefusesOverflowingSizes) {
   // bits) instead of installing a stack with a wrong count.
   EXPECT_EXIT(install_stack("wrap", nullptr, 65536, 65536, 1, 1), ::testing::ExitedWithCode(1),
               "Fatal Error:\nAllocation error in fcomplex_vector\\(\\).\nProgram aborted.\n");
-  EXPECT_EXIT(install_stack("wrap", nullptr, 2, 2, 1 << 28, 2), ::testing::ExitedWithCode(1), "fcomplex_vector");
+  EXPECT_EXIT(install_stack("wrap", nullptr, 2, 2, 1 << 28, 2), ::testing::ExitedWithCode(1),
+              "fcomplex_vector");
 }
 
 TEST_F(Registry, CopyReleasingSourcesKeepsStacksListedAgain) {
@@ -98,8 +100,7 @@ TEST_F(Registry, CopyReleasingSourcesKeepsStacksListedAgain) {
 TEST(RegistryDeath, IndexOutOfBoundsEndsTheProcess) {
   data_stack s;
   s.n4d = 10;
-  EXPECT_EXIT(check_stack_index(1, 2, 3, 4, 10, &s), ::testing::ExitedWithCode(1),
-              "");
+  EXPECT_EXIT(check_stack_index(1, 2, 3, 4, 10, &s), ::testing::ExitedWithCode(1), "");
 }
 
 }  // namespace
