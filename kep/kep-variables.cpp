@@ -1,30 +1,43 @@
 // Program variables: their storage, defaults, `set` and `show`.
+#include "kep-variables.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 
 #include "glm.h"
 #include "kep-glm-frame.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-io.h"
+#include "kep-ovl.h"
+#include "kep-stats.h"
 #include "threads.h"
 
-unsigned int flags = 0;
-OVERLAY overlay;
-int io_increment = 0;
-int *slice_order = nullptr;
-int nslice_order = 0;
-float *map_array = nullptr;
-int nmap_array = 0;
-float array_offset = 0.0f;
-float array_scale = 1.0f;
-POINT3D filter_range{1.0f, 1.0f, 1.0f};
-ALIGNMENT Alignment;
-int nifti_method = 3;
-float hist_start = 0.0f;
-float hist_end = 0.0f;
-float hist_bin_size = 0.0f;
-int hist_nbins = 0;
-int *histogram = nullptr;
+namespace {
+
+// The program variables; the names the interpreter reads are views of them.
+struct program_variables {
+  unsigned int flags = 0;
+  int io_increment = 0;
+  float array_offset = 0.0f;
+  float array_scale = 1.0f;
+  POINT3D filter_range{1.0f, 1.0f, 1.0f};
+  ALIGNMENT Alignment;
+  int nifti_method = 3;
+};
+
+program_variables vars;
+
+}  // namespace
+
+const unsigned int &flags = vars.flags;
+const int &io_increment = vars.io_increment;
+const float &array_offset = vars.array_offset;
+const float &array_scale = vars.array_scale;
+const POINT3D &filter_range = vars.filter_range;
+const ALIGNMENT &Alignment = vars.Alignment;
+const int &nifti_method = vars.nifti_method;
 
 namespace {
 
@@ -63,33 +76,18 @@ void show_alignment() {
 
 }  // namespace
 
-void initialize_global_variables() {
-  GLM_reset_all();
-  flags &= ~(FLAG_MODE_FILE1 | FLAG_MODE_FILE2 | FLAG_COMPLEX_OUTPUT);
-  com_argc = 0;
-  free_ipoint3d_vector(overlay.voxel);
-  free_float_vector(overlay.weight);
-  overlay = OVERLAY{};
-  io_increment = 0;
-  free_int_vector(slice_order);
-  slice_order = nullptr;
-  nslice_order = 0;
-  free_float_vector(map_array);
-  map_array = nullptr;
-  nmap_array = 0;
-  array_offset = 0.0f;
-  array_scale = 1.0f;
-  filter_range = {1.0f, 1.0f, 1.0f};
-  Alignment = ALIGNMENT{};
-  Alignment.value[6] = Alignment.value[7] = Alignment.value[8] = 1.0f;
-  nifti_method = 3;
-  hist_start = hist_end = hist_bin_size = 0.0f;
-  hist_nbins = 0;
-  free_int_vector(histogram);
-  histogram = nullptr;
-  clear_registration_distortions();
-  reset_glm_mask();
-  set_worker_threads(1);
+void set_flag(unsigned bit, bool on) {
+  if (on)
+    vars.flags |= bit;
+  else
+    vars.flags &= ~bit;
+}
+
+void set_alignment_value(int index, float value) { vars.Alignment.value[index] = value; }
+
+void reset_variables() {
+  vars = program_variables{};
+  vars.Alignment.value[6] = vars.Alignment.value[7] = vars.Alignment.value[8] = 1.0f;
 }
 
 int set_variable(int index, const char *value) {
@@ -100,26 +98,26 @@ int set_variable(int index, const char *value) {
       static const char *logic[] = {"replace", "or", "and", "not"};
       for (int i = 0; i < 4; i++)
         if (strcmp(word, logic[i]) == 0) {
-          overlay.io_logic = i;
+          set_overlay_logic(i);
           return 0;
         }
       return syntax("Use keywords `replace', `or', `and', or `not' to set this variable.");
     }
     case 1:
       first_word(value, word);
-      if (strcmp(word, "on") == 0) flags |= FLAG_COMPLEX_OUTPUT;
-      else if (strcmp(word, "off") == 0) flags &= ~FLAG_COMPLEX_OUTPUT;
+      if (strcmp(word, "on") == 0) set_flag(FLAG_COMPLEX_OUTPUT, true);
+      else if (strcmp(word, "off") == 0) set_flag(FLAG_COMPLEX_OUTPUT, false);
       else return syntax("Use keywords `on' and `off' to set program flags.");
       return 0;
     case 2: {
       int n = 0;
       if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set io-increment <number>'.");
       if (n < 0) {
-        io_increment = 0;
+        vars.io_increment = 0;
         kep_textf(2, "%d is an invalid value for `io_increment'.", n);
         return 1;
       }
-      io_increment = n;
+      vars.io_increment = n;
       return 0;
     }
     case 3:
@@ -127,48 +125,48 @@ int set_variable(int index, const char *value) {
     case 4:
       return read_map_array(value);
     case 5:
-      if (sscanf(value, "%f", &array_offset) != 1) return syntax("Syntax = `set array-offset <value>'.");
+      if (sscanf(value, "%f", &vars.array_offset) != 1) return syntax("Syntax = `set array-offset <value>'.");
       return 0;
     case 6:
-      if (sscanf(value, "%f", &array_scale) != 1) return syntax("Syntax = `set array-scale <value>'.");
+      if (sscanf(value, "%f", &vars.array_scale) != 1) return syntax("Syntax = `set array-scale <value>'.");
       return 0;
     case 7: {
       float x = 0, y = 0, z = 0;
       int n = sscanf(value, "%f %f %f", &x, &y, &z);
-      if (n == 3) filter_range = {x, y, z};
-      else if (n == 2) filter_range = {x, y, 1.0f};
-      else if (n == 1) filter_range = {x, x, x};
+      if (n == 3) vars.filter_range = {x, y, z};
+      else if (n == 2) vars.filter_range = {x, y, 1.0f};
+      else if (n == 1) vars.filter_range = {x, x, x};
       else
         return syntax("Use a syntax like `set filter-range 1. 1. 1.'\n               or `set filter-range 1.'");
       return 0;
     }
     case 8:
       first_word(value, word);
-      Alignment.RigidBody = strcmp(word, "deck-of-cards") == 0 ? 0 : 1;
+      vars.Alignment.RigidBody = strcmp(word, "deck-of-cards") == 0 ? 0 : 1;
       return 0;
     case 9:
       first_word(value, word);
-      Alignment.registration = strcmp(word, "paxinos-rat") == 0 ? -1 : 1;
+      vars.Alignment.registration = strcmp(word, "paxinos-rat") == 0 ? -1 : 1;
       return 0;
     case 10:
-      return set_three_ints(value, &Alignment.dimension.x, &Alignment.dimension.y, &Alignment.dimension.z,
+      return set_three_ints(value, &vars.Alignment.dimension.x, &vars.Alignment.dimension.y, &vars.Alignment.dimension.z,
                             "Use a syntax like `set registration-matrix <3 int variables>'.");
     case 11:
-      return set_three_reals(value, &Alignment.resolution.x, &Alignment.resolution.y, &Alignment.resolution.z,
+      return set_three_reals(value, &vars.Alignment.resolution.x, &vars.Alignment.resolution.y, &vars.Alignment.resolution.z,
                              "Use a syntax like `set registration-resolution <3 variables>'.");
     case 12:
-      return set_three_reals(value, &Alignment.origin.x, &Alignment.origin.y, &Alignment.origin.z,
+      return set_three_reals(value, &vars.Alignment.origin.x, &vars.Alignment.origin.y, &vars.Alignment.origin.z,
                              "Use a syntax like `set registration-origin <3 variables>'.");
     case 13:
-      return set_three_reals(value, &Alignment.direction.x, &Alignment.direction.y, &Alignment.direction.z,
+      return set_three_reals(value, &vars.Alignment.direction.x, &vars.Alignment.direction.y, &vars.Alignment.direction.z,
                              "Use a syntax like `set registration-direction <3 variables>'.");
     case 14:
-      if (sscanf(value, "%d %d %d %d", &Alignment.OrientRotation.x, &Alignment.OrientRotation.y,
-                 &Alignment.OrientRotation.z, &Alignment.OrientSwapZ) != 4)
+      if (sscanf(value, "%d %d %d %d", &vars.Alignment.OrientRotation.x, &vars.Alignment.OrientRotation.y,
+                 &vars.Alignment.OrientRotation.z, &vars.Alignment.OrientSwapZ) != 4)
         return syntax("Use a syntax like `set registration-orientation <4 int variables>'.");
       return 0;
     case 15:
-      return set_three_ints(value, &Alignment.WrapAround.x, &Alignment.WrapAround.y, &Alignment.WrapAround.z,
+      return set_three_ints(value, &vars.Alignment.WrapAround.x, &vars.Alignment.WrapAround.y, &vars.Alignment.WrapAround.z,
                             "Use a syntax like `set registration-wrapping <3 int variables>'.");
     case 16:
     case 17:
@@ -178,7 +176,7 @@ int set_variable(int index, const char *value) {
                                        "Use a syntax like `set rotations <3 variables>'.",
                                        "Use a syntax like `set inflations <3 variables>'.",
                                        "Use a syntax like `set skews <3 variables>'."};
-      float *v = Alignment.value + 3 * (index - 16);
+      float *v = vars.Alignment.value + 3 * (index - 16);
       return set_three_reals(value, v, v + 1, v + 2, messages[index - 16]);
     }
     case 20: {
@@ -192,11 +190,11 @@ int set_variable(int index, const char *value) {
       int n = 0;
       if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set nifti-method <number>'.");
       if (n != 2 && n != 3) {
-        nifti_method = 3;
+        vars.nifti_method = 3;
         kep_textf(2, "%d is an invalid value for `nifti-method'; use 2 or 3.", n);
         return 1;
       }
-      nifti_method = n;
+      vars.nifti_method = n;
       return 0;
     }
     case 22: {
@@ -208,14 +206,7 @@ int set_variable(int index, const char *value) {
         kep_textf(2, "A histogram of %g bins is too large; use at most %g bins.", nbins, MAX_HISTOGRAM_BINS);
         return 1;
       }
-      hist_start = start;
-      hist_end = end;
-      hist_bin_size = bin;
-      hist_nbins = static_cast<int>(nbins);
-      free_int_vector(histogram);
-      histogram = int_vector(hist_nbins);
-      for (int i = 0; i < hist_nbins; i++) histogram[i] = 0;
-      printf("Allocate histogram: %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+      define_histogram(start, end, bin, static_cast<int>(nbins));
       return 0;
     }
     case 23:
@@ -252,15 +243,15 @@ int show_variable(int index) {
       break;
     case 3:
       printf("\tslice-order     ");
-      for (int i = 0; i < nslice_order; i++) printf("%d ", slice_order[i]);
+      for (int value : slice_order) printf("%d ", value);
       printf("\n");
       break;
     case 4:
-      if (nmap_array == 0) {
+      if (map_array.empty()) {
         printf("\tmap-array      \n");
       } else {
         printf("\tmap-array       ");
-        for (int i = 0; i < nmap_array; i++) printf("%g ", map_array[i]);
+        for (float value : map_array) printf("%g ", value);
         printf("\n");
       }
       break;
@@ -282,7 +273,8 @@ int show_variable(int index) {
       printf("\tnifti-method    %d\n", nifti_method);
       break;
     case 22:
-      printf("\thistogram       %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+      printf("\thistogram       %g %g %g (%d bins)\n", histogram.start, histogram.end, histogram.bin_size,
+             histogram.nbins);
       break;
     case 23:
       show_glm_mask();

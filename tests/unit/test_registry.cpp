@@ -5,7 +5,9 @@
 #include <cstring>
 #include <string>
 
-#include "kep-prototypes.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep.h"
 #include "test_support.h"
 
 namespace {

@@ -4,6 +4,11 @@
 
 #include <cstdlib>
 
+#include "kep-decode.h"
+#include "kep-session.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
+
 std::string capture_stream(FILE *stream, const std::function<void()> &body) {
   fflush(stream);
   int fd = fileno(stream);
@@ -23,15 +28,7 @@ std::string capture_stream(FILE *stream, const std::function<void()> &body) {
   return text;
 }
 
-void reset_interpreter() {
-  while (stack_root) free_stack(stack_root.get());
-  initialize_volume_list();
-  initialize_global_variables();
-  fatal_error = 0;
-  flags = 0;
-  GLM_reset_all();
-}
-
+void reset_interpreter() { initialize_global_variables(); }
 std::string exactly(const std::string &text) {
   std::string re = "^";
   for (char c : text) {
