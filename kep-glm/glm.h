@@ -211,6 +211,8 @@ void GLM_load_block_coefficients(int nvox, const float *beta, int v);
 // Puts the unwhitened design back in use (AR order 0 in effect), as the basis
 // functions left it: a whitened refit leaves the last voxel's filter behind.
 void GLM_reset_whitening();
+// Forgets the calling thread's unwhitened design, lagged products and scratch.
+void GLM_clear_whitening_caches();
 int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
                     float *p_corrected, float *effect, float *effect_error);
 // The part of GLM_calculate_F before any p: F in double precision, the signed

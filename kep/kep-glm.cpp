@@ -9,6 +9,8 @@
 // autocorrelations, which are smoothed in image space by AR_smooth_mm; the
 // second whitens each voxel with its own smoothed coefficients and refits.
 // All-zero voxels (outside the head) are skipped by both passes and get zeros.
+#include "kep-glm.h"
+
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -20,7 +22,12 @@
 #include "glm.h"
 #include "kep-glm-frame.h"
 #include "kep-interrupt.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-average.h"
+#include "kep-decode.h"
+#include "kep-ovl.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "threads.h"
 
 namespace {
@@ -506,25 +513,16 @@ int glm_fit_events(const char *name) {
 
   long marked = 0;
   for (char m : step.mark) marked += m;
-  free_ipoint3d_vector(overlay.voxel);
-  free_float_vector(overlay.weight);
-  overlay.voxel = nullptr;
-  overlay.weight = nullptr;
-  overlay.nvoxels = 0;
-  if (marked > 0) {
-    overlay.voxel = ipoint3d_vector(marked);
-    overlay.weight = float_vector(marked);
-  }
+  std::vector<IPOINT3D> voxels;
+  voxels.reserve(static_cast<size_t>(marked));
   const long n2d = f.stack->n2d, nx = f.stack->dim.x;
-  long n = 0;
   for (long v = 0; v < f.nvox; v++) {
     if (!step.mark[v]) continue;
     const long z = v / n2d, y = (v - n2d * z) / nx;
-    overlay.voxel[n] = {static_cast<int>(v - n2d * z - nx * y), static_cast<int>(y), static_cast<int>(z)};
-    overlay.weight[n] = 1.0f;
-    n++;
+    voxels.push_back({static_cast<int>(v - n2d * z - nx * y), static_cast<int>(y), static_cast<int>(z)});
   }
-  overlay.nvoxels = static_cast<int>(n);
+  std::vector<float> weights(voxels.size(), 1.0f);
+  set_overlay(std::move(voxels), std::move(weights));
   printf("\nAn overlay of %d voxels was defined.\n", overlay.nvoxels);
   for (int e = 0; e < nevents; e++)
     printf("hist[%d] = %d for event %d%s\n", e, step.hist[e], GLM_get_event_number(e),

@@ -18,10 +18,17 @@
 
 #include "io.h"
 #include "kep-io.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "numerics.h"
 
+namespace {
+
 std::unique_ptr<volume_file> output_file_root;
+
+}  // namespace
 
 namespace {
 

@@ -21,10 +21,18 @@ struct volume_file {
   std::unique_ptr<volume_file> next;
 };
 
-extern std::unique_ptr<volume_file> output_file_root;
-
 volume_file *install_file(const char *stem);
 int write_xdisplay_header_file(const char *stem, const volume_file *entry);
 int write_nifti_header(int format, int storage, int first, const char *stem, const volume_file *entry);
 // Forgets every written file (the registry otherwise lives for the process).
 void clear_output_files();
+
+// Reading and writing volume files (kep-io.cpp, kep-io-write.cpp).
+int read_xdisplay_file(const char *file_name, const char *stack_name, const char *subset);
+int write_output_file(int requested_storage, const char *root);
+int write_slices(const char *root);
+
+// The x, y and z distortion fields read for the registration commands.
+extern const data_stack &registration_distortions;
+// Forgets the distortion fields and the reader's cached stream.
+void reset_io();

@@ -14,6 +14,10 @@
 
 #include "kep-interrupt.h"
 #include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 
 #ifdef KEP_HAVE_READLINE
 #include <readline/history.h>

@@ -1,12 +1,17 @@
 // Parametric maps fitted voxel by voxel over the listed volumes: SNR after a
 // polynomial baseline, and mono-exponential decays (T2, diffusion).
+#include "kep-maps.h"
+
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "kep-util.h"
 #include "numerics.h"
 
@@ -49,7 +54,7 @@ int install_maps(const char *name, const data_stack *template_stack, IPOINT3D di
 
 }  // namespace
 
-void forget_decay_map_reminder() { decay_reminder_given = false; }
+void reset_maps() { decay_reminder_given = false; }
 
 int map_snr(const char *name) {
   IPOINT3D dim{0, 0, 0};
@@ -115,6 +120,7 @@ int map_t2(int kind, const char *name) {
     return 1;
   }
   // Even the unchecked first call needs a value for every volume.
+  const int nmap_array = static_cast<int>(map_array.size());
   if ((!first_call && n != nmap_array) || n > nmap_array) {
     printf("Error: # of time points (%d) != number of %s values (%d).\n", n, abscissa, nmap_array);
     printf("Use `set map-array ...'\n");
@@ -123,7 +129,7 @@ int map_t2(int kind, const char *name) {
   if (n == 2) printf("The %s map will be calculated (not fit) from 2 points.\n", what);
 
   std::vector<float> x(static_cast<size_t>(n)), y(static_cast<size_t>(n));
-  for (int i = 0; i < n; i++) x[static_cast<size_t>(i)] = map_array[i] * array_scale + array_offset;
+  for (int i = 0; i < n; i++) x[static_cast<size_t>(i)] = map_array[static_cast<size_t>(i)] * array_scale + array_offset;
   const float low = filter_range.x, high = filter_range.y;
   const bool filter_on = high >= low;
 

@@ -1,11 +1,15 @@
 // Voxel-wise arithmetic on the listed volumes: with a constant, with one
 // reference volume, with a whole reference stack; absolute value, arc
 // tangent of a ratio and the fractional blood volume maps.
+#include "kep-math.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "kep-util.h"
 
 namespace {

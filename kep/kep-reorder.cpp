@@ -1,11 +1,15 @@
 // Reshaping and reordering without new values: centred crops and zero-fill
 // padding of whole stacks, mirrors and half swaps, slice permutations, and
 // new stacks that interleave or thin out the listed volumes.
+#include "kep-reorder.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "kep-util.h"
 #include "numerics.h"
 
@@ -245,7 +249,8 @@ int reorder_slices() {
   IPOINT3D dim{0, 0, 0};
   int count = 0;
   if (inconsistent_3d_dimensions(&dim, &count) || count == 0) return 1;
-  if (slice_order == nullptr || nslice_order == 0) {
+  const int nslice_order = static_cast<int>(slice_order.size());
+  if (nslice_order == 0) {
     printf("Set the `slice-order' array. You may want to use `reorder-interleaved-slices'\n");
     return 1;
   }
@@ -259,8 +264,8 @@ int reorder_slices() {
     return 0;
   }
   for (int k = 0; k < nslice_order; k++) {
-    if (slice_order[k] < 0 || slice_order[k] >= dim.z) {
-      printf("The `slice-order' array names slice %d; the slices are 0 to %d.\n", slice_order[k], dim.z - 1);
+    if (slice_order[static_cast<size_t>(k)] < 0 || slice_order[static_cast<size_t>(k)] >= dim.z) {
+      printf("The `slice-order' array names slice %d; the slices are 0 to %d.\n", slice_order[static_cast<size_t>(k)], dim.z - 1);
       return 1;
     }
   }
@@ -269,7 +274,7 @@ int reorder_slices() {
   for (volume_list *v = volume_list_root; v; v = v->next) {
     std::fill(scratch.get(), scratch.get() + n3d, FCOMPLEX{0.0f, 0.0f});
     for (int k = 0; k < dim.z; k++)
-      memcpy(scratch.get() + slice_order[k] * n2d, v->SpaceTime.fcData + k * n2d, sizeof(FCOMPLEX) * n2d);
+      memcpy(scratch.get() + slice_order[static_cast<size_t>(k)] * n2d, v->SpaceTime.fcData + k * n2d, sizeof(FCOMPLEX) * n2d);
     memcpy(v->SpaceTime.fcData, scratch.get(), sizeof(FCOMPLEX) * n3d);
   }
   return 0;

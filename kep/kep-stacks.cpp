@@ -1,4 +1,6 @@
 // The registry of named stacks and the operations on whole stacks.
+#include "kep-stacks.h"
+
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -6,15 +8,26 @@
 #include <cstring>
 #include <new>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
 #include "kep-util.h"
 
-std::unique_ptr<data_stack> stack_root;
+namespace {
+
+std::unique_ptr<data_stack> registry;
+
+}  // namespace
+
+const std::unique_ptr<data_stack> &stack_root = registry;
+
+void reset_stacks() {
+  while (registry) free_stack(registry.get());
+}
 
 namespace {
 
 std::unique_ptr<data_stack> *slot_of(const data_stack *stack) {
-  for (std::unique_ptr<data_stack> *slot = &stack_root; *slot; slot = &(*slot)->next)
+  for (std::unique_ptr<data_stack> *slot = &registry; *slot; slot = &(*slot)->next)
     if (slot->get() == stack) return slot;
   return nullptr;
 }
@@ -43,7 +56,7 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
     std::unique_ptr<data_stack> fresh(new (std::nothrow) data_stack);
     if (!fresh) kep_text(3, "Out of memory in routine `install_stack'.");
     snprintf(fresh->name, sizeof fresh->name, "%s", name);
-    std::unique_ptr<data_stack> *slot = &stack_root;
+    std::unique_ptr<data_stack> *slot = &registry;
     while (*slot) slot = &(*slot)->next;
     *slot = std::move(fresh);
     stack = slot->get();

@@ -9,7 +9,28 @@
 
 #include "kep-glm-design.h"
 #include "kep-glm-maps.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-average.h"
+#include "kep-decode.h"
+#include "kep-display.h"
+#include "kep-front.h"
+#include "kep-glm-diag.h"
+#include "kep-glm.h"
+#include "kep-help.h"
+#include "kep-io.h"
+#include "kep-macros.h"
+#include "kep-magcor.h"
+#include "kep-maps.h"
+#include "kep-math.h"
+#include "kep-ovl.h"
+#include "kep-register.h"
+#include "kep-reorder.h"
+#include "kep-resample.h"
+#include "kep-stacks.h"
+#include "kep-stats.h"
+#include "kep-transfilt.h"
+#include "kep-util.h"
+#include "kep-variables.h"
 #include "kep-warnings.h"
 
 int last_operation_status = 0;
@@ -139,12 +160,12 @@ const Command commands[] = {
        int result = 0;
        if ((d.kind >= 1 && d.kind <= 8) || d.kind == -1)
          result = initialize_read_loop(d.kind, d.file, d.name, d.subset);
-       read_loop_running = 1;
+       set_read_loop_running(1);
        return result;
      }},
     {"end-loop", Form::Nothing, false,
      [](Decoded &) {
-       read_loop_running = 0;
+       set_read_loop_running(0);
        return flush_read_loop_commands();
      },
      RUNS_IN_READ_LOOP},
@@ -392,8 +413,9 @@ int act_on_command(int index, char *arguments) {
   try {
     last_operation_status = c.op(d) != 0 ? 1 : 0;
   } catch (const std::bad_alloc &) {
-    snprintf(error_string, sizeof error_string, "Allocation error in command `%s'.", c.name);
-    alloc_error(error_string);
+    char text[KEP_LINE];
+    snprintf(text, sizeof text, "Allocation error in command `%s'.", c.name);
+    alloc_error(text);
   }
   return 0;
 }

@@ -1,6 +1,8 @@
 // Fourier transforms along x, y, z and t, and the filters that act on the
 // complex samples: Gaussian smoothing in k-space, Hamming window,
 // exponential weighting along x and the edge filter.
+#include "kep-transfilt.h"
+
 #include <fftw3.h>
 
 #include <algorithm>
@@ -13,7 +15,9 @@
 #include <vector>
 
 #include "kep-interrupt.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "threads.h"
 
 namespace {

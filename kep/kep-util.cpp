@@ -8,7 +8,9 @@
 #include <cmath>
 #include <cstdio>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 
 namespace {
 

@@ -55,3 +55,9 @@ void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int
 // name could still be read) its contents. Null after an error message.
 data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
                                int nt, std::unique_ptr<FCOMPLEX[]> samples);
+
+// Complex forms (kep-util.cpp).
+void polar_from_complex(float re, float im, float *amp, float *phase);
+int convert_complex();
+int convert_to_real();
+int convert_complex_stack(data_stack *stack);

@@ -1,31 +1,44 @@
 // Program variables: their storage, defaults, `set` and `show`.
+#include "kep-variables.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
 
 #include "glm.h"
+#include "kep-decode.h"
 #include "kep-glm-frame.h"
-#include "kep-prototypes.h"
+#include "kep-io.h"
+#include "kep-ovl.h"
+#include "kep-stats.h"
+#include "kep.h"
 #include "threads.h"
 
-unsigned int flags = 0;
-OVERLAY overlay;
-int io_increment = 0;
-int *slice_order = nullptr;
-int nslice_order = 0;
-float *map_array = nullptr;
-int nmap_array = 0;
-float array_offset = 0.0f;
-float array_scale = 1.0f;
-POINT3D filter_range{1.0f, 1.0f, 1.0f};
-ALIGNMENT Alignment;
-int nifti_method = 3;
-float hist_start = 0.0f;
-float hist_end = 0.0f;
-float hist_bin_size = 0.0f;
-int hist_nbins = 0;
-int *histogram = nullptr;
+namespace {
+
+// The program variables; the names the interpreter reads are views of them.
+struct program_variables {
+  unsigned int flags = 0;
+  int io_increment = 0;
+  float array_offset = 0.0f;
+  float array_scale = 1.0f;
+  POINT3D filter_range{1.0f, 1.0f, 1.0f};
+  ALIGNMENT Alignment;
+  int nifti_method = 3;
+};
+
+program_variables vars;
+
+}  // namespace
+
+const unsigned int &flags = vars.flags;
+const int &io_increment = vars.io_increment;
+const float &array_offset = vars.array_offset;
+const float &array_scale = vars.array_scale;
+const POINT3D &filter_range = vars.filter_range;
+const ALIGNMENT &Alignment = vars.Alignment;
+const int &nifti_method = vars.nifti_method;
 
 namespace {
 
@@ -64,44 +77,29 @@ void show_alignment() {
 
 }  // namespace
 
-void initialize_global_variables() {
-  GLM_reset_all();
-  flags &= ~(FLAG_MODE_FILE1 | FLAG_MODE_FILE2 | FLAG_COMPLEX_OUTPUT);
-  com_argc = 0;
-  free_ipoint3d_vector(overlay.voxel);
-  free_float_vector(overlay.weight);
-  overlay = OVERLAY{};
-  io_increment = 0;
-  free_int_vector(slice_order);
-  slice_order = nullptr;
-  nslice_order = 0;
-  free_float_vector(map_array);
-  map_array = nullptr;
-  nmap_array = 0;
-  array_offset = 0.0f;
-  array_scale = 1.0f;
-  filter_range = {1.0f, 1.0f, 1.0f};
-  Alignment = ALIGNMENT{};
-  Alignment.value[6] = Alignment.value[7] = Alignment.value[8] = 1.0f;
-  nifti_method = 3;
-  hist_start = hist_end = hist_bin_size = 0.0f;
-  hist_nbins = 0;
-  free_int_vector(histogram);
-  histogram = nullptr;
-  clear_registration_distortions();
-  reset_glm_mask();
-  set_worker_threads(1);
+void set_flag(unsigned bit, bool on) {
+  if (on)
+    vars.flags |= bit;
+  else
+    vars.flags &= ~bit;
+}
+
+void set_alignment_value(int index, float value) { vars.Alignment.value[index] = value; }
+
+void reset_variables() {
+  vars = program_variables{};
+  vars.Alignment.value[6] = vars.Alignment.value[7] = vars.Alignment.value[8] = 1.0f;
 }
 
 namespace {
 
-int set_overlay_logic(const char *value) {
+int set_overlay_logic_word(const char *value) {
   char word[KEP_LINE];
   first_word(value, word);
   static const char *logic[] = {"replace", "or", "and", "not"};
   for (int i = 0; i < 4; i++)
     if (strcmp(word, logic[i]) == 0) {
-      overlay.io_logic = i;
+      set_overlay_logic(i);
       return 0;
     }
   return syntax("Use keywords `replace', `or', `and', or `not' to set this variable.");
@@ -128,9 +126,9 @@ int set_complex_output(const char *value) {
   char word[KEP_LINE];
   first_word(value, word);
   if (strcmp(word, "on") == 0)
-    flags |= FLAG_COMPLEX_OUTPUT;
+    set_flag(FLAG_COMPLEX_OUTPUT, true);
   else if (strcmp(word, "off") == 0)
-    flags &= ~FLAG_COMPLEX_OUTPUT;
+    set_flag(FLAG_COMPLEX_OUTPUT, false);
   else
     return syntax("Use keywords `on' and `off' to set program flags.");
   return 0;
@@ -140,37 +138,37 @@ int set_io_increment(const char *value) {
   int n = 0;
   if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set io-increment <number>'.");
   if (n < 0) {
-    io_increment = 0;
+    vars.io_increment = 0;
     kep_textf(2, "%d is an invalid value for `io_increment'.", n);
     return 1;
   }
-  io_increment = n;
+  vars.io_increment = n;
   return 0;
 }
 
 void show_slice_order() {
   printf("\tslice-order     ");
-  for (int i = 0; i < nslice_order; i++) printf("%d ", slice_order[i]);
+  for (int value : slice_order) printf("%d ", value);
   printf("\n");
 }
 
 void show_map_array() {
-  if (nmap_array == 0) {
+  if (map_array.empty()) {
     printf("\tmap-array      \n");
     return;
   }
   printf("\tmap-array       ");
-  for (int i = 0; i < nmap_array; i++) printf("%g ", map_array[i]);
+  for (float value : map_array) printf("%g ", value);
   printf("\n");
 }
 
 int set_array_offset(const char *value) {
-  if (sscanf(value, "%f", &array_offset) != 1) return syntax("Syntax = `set array-offset <value>'.");
+  if (sscanf(value, "%f", &vars.array_offset) != 1) return syntax("Syntax = `set array-offset <value>'.");
   return 0;
 }
 
 int set_array_scale(const char *value) {
-  if (sscanf(value, "%f", &array_scale) != 1) return syntax("Syntax = `set array-scale <value>'.");
+  if (sscanf(value, "%f", &vars.array_scale) != 1) return syntax("Syntax = `set array-scale <value>'.");
   return 0;
 }
 
@@ -180,11 +178,11 @@ int set_filter_range(const char *value) {
   float x = 0, y = 0, z = 0;
   int n = sscanf(value, "%f %f %f", &x, &y, &z);
   if (n == 3)
-    filter_range = {x, y, z};
+    vars.filter_range = {x, y, z};
   else if (n == 2)
-    filter_range = {x, y, 1.0f};
+    vars.filter_range = {x, y, 1.0f};
   else if (n == 1)
-    filter_range = {x, x, x};
+    vars.filter_range = {x, x, x};
   else
     return syntax("Use a syntax like `set filter-range 1. 1. 1.'\n               or `set filter-range 1.'");
   return 0;
@@ -197,20 +195,21 @@ void show_filter_range() {
 int set_registration_type(const char *value) {
   char word[KEP_LINE];
   first_word(value, word);
-  Alignment.RigidBody = strcmp(word, "deck-of-cards") == 0 ? 0 : 1;
+  vars.Alignment.RigidBody = strcmp(word, "deck-of-cards") == 0 ? 0 : 1;
   return 0;
 }
 
 int set_registration_space(const char *value) {
   char word[KEP_LINE];
   first_word(value, word);
-  Alignment.registration = strcmp(word, "paxinos-rat") == 0 ? -1 : 1;
+  vars.Alignment.registration = strcmp(word, "paxinos-rat") == 0 ? -1 : 1;
   return 0;
 }
 
 int set_registration_orientation(const char *value) {
-  if (sscanf(value, "%d %d %d %d", &Alignment.OrientRotation.x, &Alignment.OrientRotation.y,
-             &Alignment.OrientRotation.z, &Alignment.OrientSwapZ) != 4)
+  ALIGNMENT &a = vars.Alignment;
+  if (sscanf(value, "%d %d %d %d", &a.OrientRotation.x, &a.OrientRotation.y, &a.OrientRotation.z,
+             &a.OrientSwapZ) != 4)
     return syntax("Use a syntax like `set registration-orientation <4 int variables>'.");
   return 0;
 }
@@ -222,7 +221,7 @@ int set_alignment_values(const char *value) {
                                    "Use a syntax like `set rotations <3 variables>'.",
                                    "Use a syntax like `set inflations <3 variables>'.",
                                    "Use a syntax like `set skews <3 variables>'."};
-  float *v = Alignment.value + 3 * group;
+  float *v = vars.Alignment.value + 3 * group;
   return set_three_reals(value, v, v + 1, v + 2, messages[group]);
 }
 
@@ -238,11 +237,11 @@ int set_nifti_method(const char *value) {
   int n = 0;
   if (sscanf(value, "%d", &n) != 1) return syntax("Syntax = `set nifti-method <number>'.");
   if (n != 2 && n != 3) {
-    nifti_method = 3;
+    vars.nifti_method = 3;
     kep_textf(2, "%d is an invalid value for `nifti-method'; use 2 or 3.", n);
     return 1;
   }
-  nifti_method = n;
+  vars.nifti_method = n;
   return 0;
 }
 
@@ -255,19 +254,13 @@ int set_histogram(const char *value) {
     kep_textf(2, "A histogram of %g bins is too large; use at most %g bins.", nbins, MAX_HISTOGRAM_BINS);
     return 1;
   }
-  hist_start = start;
-  hist_end = end;
-  hist_bin_size = bin;
-  hist_nbins = static_cast<int>(nbins);
-  free_int_vector(histogram);
-  histogram = int_vector(hist_nbins);
-  for (int i = 0; i < hist_nbins; i++) histogram[i] = 0;
-  printf("Allocate histogram: %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+  define_histogram(start, end, bin, static_cast<int>(nbins));
   return 0;
 }
 
 void show_histogram() {
-  printf("\thistogram       %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+  printf("\thistogram       %g %g %g (%d bins)\n", histogram.start, histogram.end, histogram.bin_size,
+         histogram.nbins);
 }
 
 int set_threads(const char *value) {
@@ -293,7 +286,7 @@ struct Variable {
 
 // The order is the variables' numbering: new variables go at the end.
 const Variable variables[] = {
-    {"overlay-logic", set_overlay_logic, show_overlay_logic, true},
+    {"overlay-logic", set_overlay_logic_word, show_overlay_logic, true},
     {"complex-output", set_complex_output,
      [] { printf("\tcomplex-output  %s\n", (flags & FLAG_COMPLEX_OUTPUT) ? "ON" : "OFF"); }, true},
     {"io-increment", set_io_increment, [] { printf("\tio-increment    %d\n", io_increment); }, true},
@@ -306,32 +299,36 @@ const Variable variables[] = {
     {"registration-space", set_registration_space, show_alignment, true},
     {"registration-matrix",
      [](const char *v) {
-       return set_three_ints(v, &Alignment.dimension.x, &Alignment.dimension.y, &Alignment.dimension.z,
+       return set_three_ints(v, &vars.Alignment.dimension.x, &vars.Alignment.dimension.y,
+                             &vars.Alignment.dimension.z,
                              "Use a syntax like `set registration-matrix <3 int variables>'.");
      },
      nullptr, false},
     {"registration-resolution",
      [](const char *v) {
-       return set_three_reals(v, &Alignment.resolution.x, &Alignment.resolution.y, &Alignment.resolution.z,
+       return set_three_reals(v, &vars.Alignment.resolution.x, &vars.Alignment.resolution.y,
+                              &vars.Alignment.resolution.z,
                               "Use a syntax like `set registration-resolution <3 variables>'.");
      },
      nullptr, false},
     {"registration-origin",
      [](const char *v) {
-       return set_three_reals(v, &Alignment.origin.x, &Alignment.origin.y, &Alignment.origin.z,
+       return set_three_reals(v, &vars.Alignment.origin.x, &vars.Alignment.origin.y, &vars.Alignment.origin.z,
                               "Use a syntax like `set registration-origin <3 variables>'.");
      },
      nullptr, false},
     {"registration-direction",
      [](const char *v) {
-       return set_three_reals(v, &Alignment.direction.x, &Alignment.direction.y, &Alignment.direction.z,
+       return set_three_reals(v, &vars.Alignment.direction.x, &vars.Alignment.direction.y,
+                              &vars.Alignment.direction.z,
                               "Use a syntax like `set registration-direction <3 variables>'.");
      },
      nullptr, false},
     {"registration-orientation", set_registration_orientation, nullptr, false},
     {"registration-wrapping",
      [](const char *v) {
-       return set_three_ints(v, &Alignment.WrapAround.x, &Alignment.WrapAround.y, &Alignment.WrapAround.z,
+       return set_three_ints(v, &vars.Alignment.WrapAround.x, &vars.Alignment.WrapAround.y,
+                             &vars.Alignment.WrapAround.z,
                              "Use a syntax like `set registration-wrapping <3 int variables>'.");
      },
      nullptr, false},

@@ -7,8 +7,17 @@
 #include <vector>
 
 #include "kep.h"
+#include "kep-decode.h"
 
-bool design_warnings = true;
+namespace {
+
+bool warn_about_design = true;
+
+}  // namespace
+
+const bool &design_warnings = warn_about_design;
+
+void set_design_warnings(bool on) { warn_about_design = on; }
 
 namespace {
 

@@ -11,4 +11,5 @@ void warn_before_operation(const char *command, bool glm_command);
 
 // False while a command rebuilds a design already built (and warned about) with
 // other time constants, so that each step does not repeat the warnings.
-extern bool design_warnings;
+extern const bool &design_warnings;
+void set_design_warnings(bool on);

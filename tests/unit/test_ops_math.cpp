@@ -2,6 +2,8 @@
 #include <cmath>
 
 #include "ops_support.h"
+#include "kep-math.h"
+#include "kep-stacks.h"
 
 namespace {
 
