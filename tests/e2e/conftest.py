@@ -15,6 +15,12 @@ KEP = Path(os.environ.get("KEP", SOURCE / "build" / "kep"))
 XD_TYPES = {"bshort": "<i2", "bfloat": "<f4", "blong": "<i4", "ushort": "<u2"}
 
 
+def command_words():
+    """Every command word kep knows (commands, then macros), as it lists them."""
+    out = subprocess.run([str(KEP), "--list-commands"], capture_output=True, check=True, timeout=60)
+    return out.stdout.decode().split()
+
+
 class Result:
     def __init__(self, proc):
         self.returncode = proc.returncode
