@@ -141,16 +141,16 @@ inline void exchange(FCOMPLEX *a, FCOMPLEX *b, float divisor) {
   *b = {t.real / divisor, t.imag / divisor};
 }
 
-void swap_quadrants(volume_list *v, int mirror, int axes, float divide_x, float divide_y) {
+void swap_quadrants(volume_list *v, bool mirror, Axes axes, float divide_x, float divide_y) {
   const long nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
   FCOMPLEX *c = v->SpaceTime.fcData;
-  if (axes == 0 || axes == 2) {
+  if (axes == Axes::X || axes == Axes::XY) {
     for (long r = 0; r < ny * nz; r++) {
       FCOMPLEX *line = c + r * nx;
       for (long x = 0; x < nx / 2; x++) exchange(line + x, line + (mirror ? nx - 1 - x : x + nx / 2), divide_x);
     }
   }
-  if (axes == 1 || axes == 2) {
+  if (axes == Axes::Y || axes == Axes::XY) {
     // The mirror reflects about row 0 (the Fourier-index convention).
     for (long z = 0; z < nz; z++) {
       FCOMPLEX *plane = c + z * nx * ny;
@@ -165,56 +165,61 @@ void swap_quadrants(volume_list *v, int mirror, int axes, float divide_x, float 
 
 }  // namespace
 
-int swap_quadrants_in_volume_list(int a, int b, int c, int d) {
+int swap_quadrants_in_volume_list(Exchange exchange, Axes axes, int divide_x, int divide_y) {
   for (volume_list *v = volume_list_root; v; v = v->next)
-    swap_quadrants(v, a, b, static_cast<float>(c), static_cast<float>(d));
+    swap_quadrants(v, exchange == Exchange::Mirror, axes, static_cast<float>(divide_x),
+                   static_cast<float>(divide_y));
   return 0;
 }
 
-int clip_stacks(int axis) {
+int clip_stacks(Axes axis) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D n = s->dim;
-    if (axis == 0) n.x = lower_power(n.x);
-    else if (axis == 1 && n.y != 1) n.y = lower_power(n.y);
-    else if (axis == 2 && n.z != 1) n.z = lower_power(n.z);
+    if (axis == Axes::X)
+      n.x = lower_power(n.x);
+    else if (axis == Axes::Y && n.y != 1)
+      n.y = lower_power(n.y);
+    else if (axis == Axes::Z && n.z != 1)
+      n.z = lower_power(n.z);
     if (clip_stack(s, n.x, n.y, n.z)) return 1;
   }
   return 0;
 }
 
-int clip_stacks_to_n(int axis, int n) {
+int clip_stacks_to_n(Axes axis, int n) {
   if (n % 2 != 0) {
     printf("Error: clip only to even numbers!\n");
     return 1;
   }
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D d = s->dim;
-    if (axis == 0) d.x = n;
-    else if (axis == 1) d.y = n;
+    if (axis == Axes::X)
+      d.x = n;
+    else if (axis == Axes::Y)
+      d.y = n;
     else d.z = n;
     if (clip_stack(s, d.x, d.y, d.z)) return 1;
   }
   return 0;
 }
 
-int pad_stacks(int axes) {
+int pad_stacks(Axes axes) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
-    // 0 x, 1 y, 2 z, 3 x and y, anything else all three.
-    const bool all = axes < 0 || axes > 3;
+    const bool all = axes == Axes::XYZ;
     IPOINT3D n = s->dim;
-    if (all || axes == 0 || axes == 3) n.x = upper_power(n.x);
-    if (all || axes == 1 || axes == 3) n.y = upper_power(n.y);
-    if (all || axes == 2) n.z = upper_power(n.z);
+    if (all || axes == Axes::X || axes == Axes::XY) n.x = upper_power(n.x);
+    if (all || axes == Axes::Y || axes == Axes::XY) n.y = upper_power(n.y);
+    if (all || axes == Axes::Z) n.z = upper_power(n.z);
     if (pad_stack(s, n.x, n.y, n.z, 0)) return 1;
   }
   return 0;
 }
 
-int pad_stacks_to_n(int axis, int n) {
+int pad_stacks_to_n(Axes axes, int n) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D d = s->dim;
-    if (axis != 1) d.x = n;
-    if (axis != 0) d.y = n;
+    if (axes != Axes::Y) d.x = n;
+    if (axes != Axes::X) d.y = n;
     if (pad_stack(s, d.x, d.y, d.z, 0)) return 1;
   }
   return 0;

@@ -3,23 +3,15 @@
 The only acceptable outcomes are messages and results; never a signal, a
 sanitizer report or a hang.
 """
-import re
 import subprocess
 
 import numpy as np
 import pytest
 
-from conftest import KEP, SOURCE
+from conftest import KEP, SOURCE, command_words, write_xdisplay
 
 
-def command_names():
-    table = (SOURCE / "kep" / "kep-table.cpp").read_text()
-    names = re.findall(r'^\s*\{"([^"]+)", Form::', table, re.M)
-    assert len(names) == 115
-    return names + ["reorder-interleaved-slices"]
-
-
-COMMANDS = command_names()
+COMMANDS = command_words()
 ARGUMENTS = ["", "nosuch", "one", "nanst", "empty", "0 one", "-1 small", "1e30 small", "abc small",
              "x y small", "nan small>0", "3 out small>n-0", "small>1,,2", "glm", "2147483647 big small"]
 # Stacks and files the commands can act on; the overlay starts empty.
@@ -27,19 +19,13 @@ SETUP = ("read one.bfloat one\nread nanst.bfloat nanst\nread small.bfloat small\
          "read small.bfloat empty\n")
 
 
-def write_xdisplay(path, data):
-    nx, ny, nz, nt = data.shape
-    data.transpose(3, 2, 1, 0).astype("<f4").tofile(path.with_suffix(".bfloat"))
-    path.with_suffix(".hdr").write_text(f"x {nx}\ny {ny}\nz {nz}\nt {nt}\nstorage-type float\nbyte-order 1\n")
-
-
 @pytest.fixture(scope="module")
 def workdir(tmp_path_factory):
     d = tmp_path_factory.mktemp("torture")
-    write_xdisplay(d / "one", np.ones((1, 1, 1, 1)))
-    write_xdisplay(d / "nanst", np.full((3, 2, 2, 3), np.nan))
+    write_xdisplay(d, "one.bfloat", np.ones((1, 1, 1, 1)))
+    write_xdisplay(d, "nanst.bfloat", np.full((3, 2, 2, 3), np.nan))
     rng = np.random.default_rng(1)
-    write_xdisplay(d / "small", rng.normal(size=(4, 4, 3, 5)))
+    write_xdisplay(d, "small.bfloat", rng.normal(size=(4, 4, 3, 5)))
     (d / "empty.ovl").write_text("")
     return d
 
