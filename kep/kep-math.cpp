@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-util.h"
+#include "kep.h"
 
 namespace {
 
@@ -38,10 +38,18 @@ void apply_each(float *p, long count, long stride, Op op) {
 
 void constant_on_volume(int operation, float k, float *p, long floats, long stride) {
   switch (operation) {
-    case kSubtract: apply_each(p, floats, stride, [k](float a) { return a - k; }); break;
-    case kAdd: apply_each(p, floats, stride, [k](float a) { return a + k; }); break;
-    case kDivide: apply_each(p, floats, stride, [k](float a) { return a / k; }); break;
-    case kMultiply: apply_each(p, floats, stride, [k](float a) { return a * k; }); break;
+    case kSubtract:
+      apply_each(p, floats, stride, [k](float a) { return a - k; });
+      break;
+    case kAdd:
+      apply_each(p, floats, stride, [k](float a) { return a + k; });
+      break;
+    case kDivide:
+      apply_each(p, floats, stride, [k](float a) { return a / k; });
+      break;
+    case kMultiply:
+      apply_each(p, floats, stride, [k](float a) { return a * k; });
+      break;
     case kAtanOrLn:
       apply_each(p, floats, stride, [k](float a) {
         long double r = static_cast<long double>(a) / k;
@@ -49,9 +57,11 @@ void constant_on_volume(int operation, float k, float *p, long floats, long stri
       });
       break;
     case kExp:
-      apply_each(p, floats, stride, [k](float a) { return static_cast<float>(expl(static_cast<long double>(a) / k)); });
+      apply_each(p, floats, stride,
+                 [k](float a) { return static_cast<float>(expl(static_cast<long double>(a) / k)); });
       break;
-    default: break;
+    default:
+      break;
   }
 }
 
@@ -59,13 +69,15 @@ void constant_on_volume(int operation, float k, float *p, long floats, long stri
 inline FCOMPLEX complex_quotient(FCOMPLEX a, FCOMPLEX c) {
   double d = static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag;
   if (d == 0.0) return {0.0f, 0.0f};
-  return {static_cast<float>((static_cast<double>(a.real) * c.real + static_cast<double>(a.imag) * c.imag) / d),
-          static_cast<float>((static_cast<double>(a.imag) * c.real - static_cast<double>(a.real) * c.imag) / d)};
+  return {
+      static_cast<float>((static_cast<double>(a.real) * c.real + static_cast<double>(a.imag) * c.imag) / d),
+      static_cast<float>((static_cast<double>(a.imag) * c.real - static_cast<double>(a.real) * c.imag) / d)};
 }
 
 inline float amplitude(FCOMPLEX c, bool polar_or_map) {
   if (polar_or_map) return c.real;
-  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+  return static_cast<float>(
+      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
 }
 
 // Runs f(a[i], c[i]) for i < n; the fixed inner trip count lets the
@@ -81,7 +93,8 @@ void pairwise(FCOMPLEX *__restrict a, const FCOMPLEX *__restrict c, long n, F f)
 
 // Combines n samples of a with those of c in place. `componentwise` selects
 // the per-part product and quotient used for polar data.
-void combine(int operation, bool componentwise, FCOMPLEX *__restrict a, const FCOMPLEX *__restrict c, long n) {
+void combine(int operation, bool componentwise, FCOMPLEX *__restrict a, const FCOMPLEX *__restrict c,
+             long n) {
   switch (operation) {
     case kSubtract:
       pairwise(a, c, n, [](FCOMPLEX &x, const FCOMPLEX &y) {
@@ -120,7 +133,8 @@ void combine(int operation, bool componentwise, FCOMPLEX *__restrict a, const FC
         pairwise(a, c, n, [](FCOMPLEX &x, const FCOMPLEX &y) { x = complex_quotient(x, y); });
       }
       break;
-    default: break;
+    default:
+      break;
   }
 }
 
@@ -171,7 +185,8 @@ int arithmetic_function(int operation) {
     }
     return 0;
   }
-  for (volume_list *v = volume_list_root; v; v = v->next) combine(operation, componentwise, v->SpaceTime.fcData, c.get(), n);
+  for (volume_list *v = volume_list_root; v; v = v->next)
+    combine(operation, componentwise, v->SpaceTime.fcData, c.get(), n);
   return 0;
 }
 
@@ -232,7 +247,8 @@ int create_fCBV(int kind, const char *name) {
       kep_text(0, "1) pre-injection, 2) post-injection, 3) functional volume series.");
       kep_text(2, "There should be >= 3 volumes passed to this command.");
     } else {
-      kep_text(0, "1) pre-injection, 2) post-injection, 3) functional baseline, 4) functional volume series.");
+      kep_text(0,
+               "1) pre-injection, 2) post-injection, 3) functional baseline, 4) functional volume series.");
       kep_text(2, "There should be >= 4 volumes passed to this command.");
     }
     return 1;

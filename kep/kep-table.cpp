@@ -6,14 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "kep-glm-design.h"
-#include "kep-glm-maps.h"
-#include "kep.h"
 #include "kep-average.h"
 #include "kep-decode.h"
 #include "kep-display.h"
 #include "kep-front.h"
+#include "kep-glm-design.h"
 #include "kep-glm-diag.h"
+#include "kep-glm-maps.h"
 #include "kep-glm.h"
 #include "kep-help.h"
 #include "kep-io.h"
@@ -31,6 +30,7 @@
 #include "kep-util.h"
 #include "kep-variables.h"
 #include "kep-warnings.h"
+#include "kep.h"
 
 int last_operation_status = 0;
 
@@ -74,7 +74,8 @@ int read_command(Decoded &d) {
 }
 
 const Command commands[NUMBER_OF_COMMANDS] = {
-    {"mirror-left-right", Form::L, false, [](Decoded &) { return swap_quadrants_in_volume_list(1, 0, 1, 1); }},
+    {"mirror-left-right", Form::L, false,
+     [](Decoded &) { return swap_quadrants_in_volume_list(1, 0, 1, 1); }},
     {"mirror-up-down", Form::L, false, [](Decoded &) { return swap_quadrants_in_volume_list(1, 1, 1, 1); }},
     {"register", Form::L, false, [](Decoded &) { return register_volume(0); }},
     {"down-sample", Form::L, false, [](Decoded &) { return downsample_stacks(); }},
@@ -92,10 +93,12 @@ const Command commands[NUMBER_OF_COMMANDS] = {
     {"ln", Form::RL, false, [](Decoded &d) { return arithmetic_function_constant(4, d.r[0]); }},
     {"atan", Form::C, false, [](Decoded &) { return arithmetic_function(4); }},
     {"multiply", Form::C, false, [](Decoded &) { return arithmetic_function(3); }},
-    {"multiply-constant", Form::RL, false, [](Decoded &d) { return arithmetic_function_constant(3, d.r[0]); }},
+    {"multiply-constant", Form::RL, false,
+     [](Decoded &d) { return arithmetic_function_constant(3, d.r[0]); }},
     {"multiply-stacks", Form::C, false, [](Decoded &) { return arithmetic_function_on_stacks(3); }},
     {"subtract", Form::C, false, [](Decoded &) { return arithmetic_function(0); }},
-    {"subtract-constant", Form::RL, false, [](Decoded &d) { return arithmetic_function_constant(0, d.r[0]); }},
+    {"subtract-constant", Form::RL, false,
+     [](Decoded &d) { return arithmetic_function_constant(0, d.r[0]); }},
     {"subtract-stacks", Form::C, false, [](Decoded &) { return arithmetic_function_on_stacks(0); }},
     {"average", Form::NL, false, [](Decoded &d) { return average_volumes(d.name); }},
     {"average-by", Form::INL, false, [](Decoded &d) { return average_by_n(d.name, d.n); }},
@@ -137,7 +140,8 @@ const Command commands[NUMBER_OF_COMMANDS] = {
        delete_overlay();
        return 0;
      }},
-    {"create-bitmap-from-overlay", Form::NL, false, [](Decoded &d) { return create_bitmap_from_overlay(d.name); }},
+    {"create-bitmap-from-overlay", Form::NL, false,
+     [](Decoded &d) { return create_bitmap_from_overlay(d.name); }},
     {"create-overlay-from-bitmap", Form::L, false, [](Decoded &) { return create_overlay_from_bitmap(); }},
     {"mirror-overlay-x", Form::IL, false, [](Decoded &d) { return mirror_overlay_in_x(d.n); }},
     {"baseline-correct", Form::L, false, [](Decoded &) { return baseline_correct(); }},
@@ -182,7 +186,8 @@ const Command commands[NUMBER_OF_COMMANDS] = {
     {"inverse-transform", Form::L, false, [](Decoded &) { return ft_1d(1, 1) | ft_1d(2, 1); }},
     {"inverse-transform-x", Form::L, false, [](Decoded &) { return ft_1d(1, 1); }},
     {"inverse-transform-y", Form::L, false, [](Decoded &) { return ft_1d(2, 1); }},
-    {"inverse-transform-xyz", Form::L, false, [](Decoded &) { return ft_1d(1, 1) | ft_1d(2, 1) | ft_1d(3, 1); }},
+    {"inverse-transform-xyz", Form::L, false,
+     [](Decoded &) { return ft_1d(1, 1) | ft_1d(2, 1) | ft_1d(3, 1); }},
     {"transform", Form::L, false, [](Decoded &) { return ft_1d(1, -1) | ft_1d(2, -1); }},
     {"transform-x", Form::L, false, [](Decoded &) { return ft_1d(1, -1); }},
     {"transform-y", Form::L, false, [](Decoded &) { return ft_1d(2, -1); }},
@@ -201,8 +206,10 @@ const Command commands[NUMBER_OF_COMMANDS] = {
     {"GLM-histogram", Form::None, true, [](Decoded &) { return glm_histogram_unbiased(); }},
     {"GLM-residue", Form::WNL, true, [](Decoded &d) { return glm_create_residue(d.word, d.name); }},
     {"GLM-fit-events", Form::NL, true, [](Decoded &d) { return glm_fit_events(d.name); }},
-    {"GLM-find-maximal-effect", Form::WNL, true, [](Decoded &d) { return glm_maximal_effect(d.word, d.name); }},
-    {"GLM-residual-variance", Form::NL, true, [](Decoded &d) { return glm_create_residual_variance(d.name); }},
+    {"GLM-find-maximal-effect", Form::WNL, true,
+     [](Decoded &d) { return glm_maximal_effect(d.word, d.name); }},
+    {"GLM-residual-variance", Form::NL, true,
+     [](Decoded &d) { return glm_create_residual_variance(d.name); }},
     {"GLM-map-AR", Form::NL, true, [](Decoded &d) { return glm_create_AR_maps(d.name); }},
     {"GLM-vary-tau", Form::INL, true, [](Decoded &d) { return glm_vary_time_constant(d.n, d.name); }},
     {"GLM-vary-taus", Form::INL, false, [](Decoded &d) { return glm_vary_time_constants(d.n, d.name); }},
@@ -249,18 +256,29 @@ const char *const variables[NUMBER_OF_VARIABLES] = {
 
 int decode(Form form, char *text, Decoded &d) {
   switch (form) {
-    case Form::L: return decode_volume_list(0, text);
-    case Form::C: return decode_comparison_list(text);
-    case Form::RL: return decode_real_and_list(text, &d.r[0]);
-    case Form::R3L: return decode_3reals_and_list(text, &d.r[0], &d.r[1], &d.r[2]);
-    case Form::IL: return decode_int_and_list(text, &d.n);
-    case Form::NL: return decode_string_and_list(0, text, d.name);
-    case Form::FL: return decode_string_and_list(1, text, d.name);
-    case Form::INL: return decode_int_string_and_list(0, text, &d.n, d.name);
-    case Form::WNL: return decode_2strings_and_list(0, text, d.word, d.name);
-    case Form::Read: return decode_read_argument(text, d.file, &d.kind, d.name, d.subset, &d.n);
+    case Form::L:
+      return decode_volume_list(0, text);
+    case Form::C:
+      return decode_comparison_list(text);
+    case Form::RL:
+      return decode_real_and_list(text, &d.r[0]);
+    case Form::R3L:
+      return decode_3reals_and_list(text, &d.r[0], &d.r[1], &d.r[2]);
+    case Form::IL:
+      return decode_int_and_list(text, &d.n);
+    case Form::NL:
+      return decode_string_and_list(0, text, d.name);
+    case Form::FL:
+      return decode_string_and_list(1, text, d.name);
+    case Form::INL:
+      return decode_int_string_and_list(0, text, &d.n, d.name);
+    case Form::WNL:
+      return decode_2strings_and_list(0, text, d.word, d.name);
+    case Form::Read:
+      return decode_read_argument(text, d.file, &d.kind, d.name, d.subset, &d.n);
     case Form::Text:
-    case Form::None: return 0;
+    case Form::None:
+      return 0;
   }
   return 0;
 }

@@ -6,12 +6,12 @@
 #include <cstring>
 
 #include "glm.h"
-#include "kep-glm-frame.h"
-#include "kep.h"
 #include "kep-decode.h"
+#include "kep-glm-frame.h"
 #include "kep-io.h"
 #include "kep-ovl.h"
 #include "kep-stats.h"
+#include "kep.h"
 #include "threads.h"
 
 namespace {
@@ -105,9 +105,12 @@ int set_variable(int index, const char *value) {
     }
     case 1:
       first_word(value, word);
-      if (strcmp(word, "on") == 0) set_flag(FLAG_COMPLEX_OUTPUT, true);
-      else if (strcmp(word, "off") == 0) set_flag(FLAG_COMPLEX_OUTPUT, false);
-      else return syntax("Use keywords `on' and `off' to set program flags.");
+      if (strcmp(word, "on") == 0)
+        set_flag(FLAG_COMPLEX_OUTPUT, true);
+      else if (strcmp(word, "off") == 0)
+        set_flag(FLAG_COMPLEX_OUTPUT, false);
+      else
+        return syntax("Use keywords `on' and `off' to set program flags.");
       return 0;
     case 2: {
       int n = 0;
@@ -133,11 +136,15 @@ int set_variable(int index, const char *value) {
     case 7: {
       float x = 0, y = 0, z = 0;
       int n = sscanf(value, "%f %f %f", &x, &y, &z);
-      if (n == 3) vars.filter_range = {x, y, z};
-      else if (n == 2) vars.filter_range = {x, y, 1.0f};
-      else if (n == 1) vars.filter_range = {x, x, x};
+      if (n == 3)
+        vars.filter_range = {x, y, z};
+      else if (n == 2)
+        vars.filter_range = {x, y, 1.0f};
+      else if (n == 1)
+        vars.filter_range = {x, x, x};
       else
-        return syntax("Use a syntax like `set filter-range 1. 1. 1.'\n               or `set filter-range 1.'");
+        return syntax(
+            "Use a syntax like `set filter-range 1. 1. 1.'\n               or `set filter-range 1.'");
       return 0;
     }
     case 8:
@@ -149,16 +156,20 @@ int set_variable(int index, const char *value) {
       vars.Alignment.registration = strcmp(word, "paxinos-rat") == 0 ? -1 : 1;
       return 0;
     case 10:
-      return set_three_ints(value, &vars.Alignment.dimension.x, &vars.Alignment.dimension.y, &vars.Alignment.dimension.z,
+      return set_three_ints(value, &vars.Alignment.dimension.x, &vars.Alignment.dimension.y,
+                            &vars.Alignment.dimension.z,
                             "Use a syntax like `set registration-matrix <3 int variables>'.");
     case 11:
-      return set_three_reals(value, &vars.Alignment.resolution.x, &vars.Alignment.resolution.y, &vars.Alignment.resolution.z,
+      return set_three_reals(value, &vars.Alignment.resolution.x, &vars.Alignment.resolution.y,
+                             &vars.Alignment.resolution.z,
                              "Use a syntax like `set registration-resolution <3 variables>'.");
     case 12:
-      return set_three_reals(value, &vars.Alignment.origin.x, &vars.Alignment.origin.y, &vars.Alignment.origin.z,
+      return set_three_reals(value, &vars.Alignment.origin.x, &vars.Alignment.origin.y,
+                             &vars.Alignment.origin.z,
                              "Use a syntax like `set registration-origin <3 variables>'.");
     case 13:
-      return set_three_reals(value, &vars.Alignment.direction.x, &vars.Alignment.direction.y, &vars.Alignment.direction.z,
+      return set_three_reals(value, &vars.Alignment.direction.x, &vars.Alignment.direction.y,
+                             &vars.Alignment.direction.z,
                              "Use a syntax like `set registration-direction <3 variables>'.");
     case 14:
       if (sscanf(value, "%d %d %d %d", &vars.Alignment.OrientRotation.x, &vars.Alignment.OrientRotation.y,
@@ -166,7 +177,8 @@ int set_variable(int index, const char *value) {
         return syntax("Use a syntax like `set registration-orientation <4 int variables>'.");
       return 0;
     case 15:
-      return set_three_ints(value, &vars.Alignment.WrapAround.x, &vars.Alignment.WrapAround.y, &vars.Alignment.WrapAround.z,
+      return set_three_ints(value, &vars.Alignment.WrapAround.x, &vars.Alignment.WrapAround.y,
+                            &vars.Alignment.WrapAround.z,
                             "Use a syntax like `set registration-wrapping <3 int variables>'.");
     case 16:
     case 17:
@@ -229,10 +241,18 @@ int show_variable(int index) {
   switch (index) {
     case 0:
       switch (overlay.io_logic) {
-        case 0: printf("\toverlay-logic   replace\n"); break;
-        case 1: printf("\toverlay-logic   or\n"); break;
-        case 2: printf("overlay-logic     and\n"); break;
-        default: printf("\toverlay-logic   not\n"); break;
+        case 0:
+          printf("\toverlay-logic   replace\n");
+          break;
+        case 1:
+          printf("\toverlay-logic   or\n");
+          break;
+        case 2:
+          printf("overlay-logic     and\n");
+          break;
+        default:
+          printf("\toverlay-logic   not\n");
+          break;
       }
       break;
     case 1:

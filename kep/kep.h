@@ -75,4 +75,3 @@ const char *variable_name(int index);
 constexpr int NUMBER_OF_COMMANDS = 115;
 constexpr int NUMBER_OF_VARIABLES = 25;
 constexpr int MACRO_OFFSET = 150;
-

@@ -1,4 +1,4 @@
-#include "kep.h"
 #include "kep-front.h"
+#include "kep.h"
 
 int main(int argc, char **argv) { return main_loop(argc, argv); }

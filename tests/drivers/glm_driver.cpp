@@ -13,13 +13,13 @@
 #include <vector>
 
 #include "glm.h"
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-glm.h"
 #include "kep-macros.h"
 #include "kep-session.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {

@@ -6,10 +6,10 @@
 #include <functional>
 #include <string>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "test_support.h"
 
 // A stack whose sample (x, y, z, t) is fill(x, y, z, t).
@@ -48,9 +48,9 @@ inline int select_comparison(const char *text) {
   return decode_comparison_list(buffer);
 }
 
-#define EXPECT_SAMPLE(c, re, im)          \
-  do {                                    \
-    FCOMPLEX c_ = (c);                    \
-    EXPECT_FLOAT_EQ(c_.real, (re));       \
-    EXPECT_FLOAT_EQ(c_.imag, (im));       \
+#define EXPECT_SAMPLE(c, re, im)    \
+  do {                              \
+    FCOMPLEX c_ = (c);              \
+    EXPECT_FLOAT_EQ(c_.real, (re)); \
+    EXPECT_FLOAT_EQ(c_.imag, (im)); \
   } while (0)

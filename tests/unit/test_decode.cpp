@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 #include "test_support.h"
 #include "util.h"
 
@@ -186,11 +186,12 @@ TEST_F(Decode, ReadArgumentKindsAndDefaults) {
   struct {
     const char *name;
     int kind;
-  } kinds[] = {{"a.com", 0}, {"a.bfloat", 2}, {"a.blong", 3}, {"a.ushort", 4}, {"a.img", 7},
-               {"slices_", 8}, {"a.ovl", 9},  {"a.txt", -1},   {"plain", -1},  {"a.nii.gz", 6}};
+  } kinds[] = {{"a.com", 0},   {"a.bfloat", 2}, {"a.blong", 3}, {"a.ushort", 4}, {"a.img", 7},
+               {"slices_", 8}, {"a.ovl", 9},    {"a.txt", -1},  {"plain", -1},   {"a.nii.gz", 6}};
   for (const auto &k : kinds) EXPECT_EQ(file_kind(k.name), k.kind) << k.name;
   char t3[KEP_LINE] = "a.nii x>y";
-  std::string err = capture_stderr([&] { EXPECT_EQ(decode_read_argument(t3, file, &kind, stack, subset, &number), 1); });
+  std::string err =
+      capture_stderr([&] { EXPECT_EQ(decode_read_argument(t3, file, &kind, stack, subset, &number), 1); });
   EXPECT_EQ(err, "Error: Do not use > in a stack name.\n");
   char t4[KEP_LINE] = "\n";
   err = capture_stderr([&] { EXPECT_EQ(decode_read_argument(t4, file, &kind, stack, subset, &number), 1); });

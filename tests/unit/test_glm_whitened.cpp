@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "glm_test_support.h"
-#include "kep.h"
 #include "kep-front.h"
 #include "kep-stacks.h"
+#include "kep.h"
 
 namespace {
 
@@ -28,8 +28,9 @@ class GlmWhitened : public GlmTest {
     const std::string length = std::to_string(images);
     file("r1.glm", "1 " + length + "\n\n1\n5 12\n25 32\n\n2 gamma 5\n15\n33\n\n3\n40 44\n\n-1\n0 2\n");
     file("r2.glm", "1 " + length + "\n\n2 gamma 5\n8\n30\n\n1\n16 22\n\n3\n3 6\n");
-    std::string control = "AR " + std::to_string(order) + " 0\nbaseline-terms 3\nconditions 1 2 1-2 1,2,3\nruns:\n" +
-                          "d1 " + path("r1.glm") + "\nd2 " + path("r2.glm") + "\n";
+    std::string control = "AR " + std::to_string(order) +
+                          " 0\nbaseline-terms 3\nconditions 1 2 1-2 1,2,3\nruns:\n" + "d1 " + path("r1.glm") +
+                          "\nd2 " + path("r2.glm") + "\n";
     ASSERT_EQ(read_control(file("c.txt", control)), 0);
     capture_stdout([] { EXPECT_EQ(GLM_define_basis_functions(), 0); });  // progress of the AR matrix
     int n = 0;
@@ -45,7 +46,8 @@ class GlmWhitened : public GlmTest {
     for (int t = 0; t < GLM.ntime; t++) {
       e = phi * e + 2.0 * g(rng);
       double v = 500.0 + e;
-      for (int c = 0; c < GLM.ncoeff; c++) v += GLM.Xorig_tc[t][c] * (c < GLM.nevents ? 3.0 + c + seed % 5 : 1.0);
+      for (int c = 0; c < GLM.ncoeff; c++)
+        v += GLM.Xorig_tc[t][c] * (c < GLM.nevents ? 3.0 + c + seed % 5 : 1.0);
       d[t] = static_cast<float>(v);
     }
     return d;
@@ -82,7 +84,8 @@ class GlmWhitened : public GlmTest {
     ASSERT_EQ(a.size(), b.size()) << what;
     double scale = 0.0;
     for (float x : b) scale = std::max(scale, std::fabs(static_cast<double>(x)));
-    for (size_t i = 0; i < a.size(); i++) EXPECT_NEAR(a[i], b[i], tolerance * (scale + 1e-30)) << what << " " << i;
+    for (size_t i = 0; i < a.size(); i++)
+      EXPECT_NEAR(a[i], b[i], tolerance * (scale + 1e-30)) << what << " " << i;
   }
   static void expect_same_fit(const Fitted &fast, const Fitted &slow) {
     EXPECT_EQ(fast.order, slow.order);
@@ -204,7 +207,8 @@ class GlmStackPasses : public GlmWhitened {
 TEST_F(GlmStackPasses, BlockPassHandsEveryVoxelItsOwnFit) {
   GLM_reset_all();
   file("r.glm", "1 50\n\n1\n5 12\n25 32\n\n2 gamma 5\n15\n33\n");
-  ASSERT_EQ(read_control(file("c.txt", "baseline-terms 2\nconditions 1 2\nruns:\nd " + path("r.glm") + "\n")), 0);
+  ASSERT_EQ(read_control(file("c.txt", "baseline-terms 2\nconditions 1 2\nruns:\nd " + path("r.glm") + "\n")),
+            0);
   ASSERT_EQ(capture_stdout([] { EXPECT_EQ(GLM_define_basis_functions(), 0); }), "");
   make_stack(7);
   run("GLM-fit-events eff");
@@ -254,7 +258,8 @@ TEST_F(GlmStackPasses, AutoregressivePassesMatchVoxelByVoxelRefits) {
     ASSERT_EQ(GLM_calculate_AR_coefficient(nt, voxels[v].data(), 2, rho.data()), 0);
     Fitted slow = fit(voxels[v], rho, false);
     for (int e = 0; e < GLM.nevents; e++)
-      EXPECT_NEAR(eff->SpaceTime.fcData[e * eff->n3d + v].real, slow.beta[e], 1e-4 * (1 + std::fabs(slow.beta[e])))
+      EXPECT_NEAR(eff->SpaceTime.fcData[e * eff->n3d + v].real, slow.beta[e],
+                  1e-4 * (1 + std::fabs(slow.beta[e])))
           << e;
   }
 }

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "io.h"
-#include "kep.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "test_support.h"
 
 namespace {

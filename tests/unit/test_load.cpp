@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "kep.h"
 #include "kep-front.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "test_support.h"
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -2,9 +2,9 @@
 #include <cmath>
 #include <vector>
 
-#include "ops_support.h"
 #include "kep-average.h"
 #include "kep-stacks.h"
+#include "ops_support.h"
 
 namespace {
 
@@ -43,7 +43,8 @@ TEST_F(Averaging, EpochsAverageThePhases) {
   make_stack("a", 2, 1, 1, 10, ramp);
   run("average-epochs 4 e a");
   ASSERT_EQ(find_stack("e")->nt, 4);
-  for (int p = 0; p < 4; p++) EXPECT_SAMPLE(at("e", 0, 0, 0, p), 1000.0f * (p + 2), p + 2.0f);  // mean of p, p+4
+  for (int p = 0; p < 4; p++)
+    EXPECT_SAMPLE(at("e", 0, 0, 0, p), 1000.0f * (p + 2), p + 2.0f);  // mean of p, p+4
   EXPECT_EQ(run("average-epochs 0 f a"), "Error: Volumes should be averaged in sets of 2 or more.\n");
   EXPECT_EQ(run("average-epochs 11 f a"), "Error: Only 10 volumes are listed: not one whole epoch of 11.\n");
 }
@@ -51,7 +52,8 @@ TEST_F(Averaging, EpochsAverageThePhases) {
 TEST_F(Averaging, ListedStacksMustShareTheirShape) {
   make_stack("a", 2, 1, 1, 2, ramp);
   make_stack("b", 1, 2, 1, 2, ramp);
-  for (const char *command : {"average m a b", "average-by 2 m a b", "average-epochs 2 m a b", "weighted-average m a b"})
+  for (const char *command :
+       {"average m a b", "average-by 2 m a b", "average-epochs 2 m a b", "weighted-average m a b"})
     EXPECT_EQ(run(command), "Error: Stacks a and b have different dimensions.\n") << command;
   make_stack("c", 2, 1, 1, 3, ramp);
   EXPECT_EQ(run("average-stacks m a c"), "Error: Stacks a and c have different dimensions.\n");
@@ -86,7 +88,8 @@ TEST_F(Averaging, WeightedAverageOfNoisyVolumes) {
       mean_mod[x] = std::hypot(re / 3, im / 3);
     }
     for (int k = 0; k < 3; k++) {
-      for (int x = 0; x < 2; x++) d[k] += std::pow(mean_mod[x] - std::hypot(values[k][z] + 0.25 * x, 0.5 * k), 2);
+      for (int x = 0; x < 2; x++)
+        d[k] += std::pow(mean_mod[x] - std::hypot(values[k][z] + 0.25 * x, 0.5 * k), 2);
       d[k] /= 4;  // the voxels of the whole volume
       w[k] = std::pow(1 / d[k], 4);
     }
@@ -137,7 +140,8 @@ std::vector<double> brute_smooth(const data_stack *s, float fwhm, bool with_z, i
 TEST_F(Averaging, SmoothingMatchesTheDirectSum) {
   for (int with_z = 0; with_z < 2; with_z++) {
     data_stack *a = make_stack("a", 9, 7, 5, 2, [](int x, int y, int z, int t) {
-      return FCOMPLEX{static_cast<float>(std::sin(x * 1.3 + y * 0.7 + z * 2.1 + t)), static_cast<float>(x * y - z)};
+      return FCOMPLEX{static_cast<float>(std::sin(x * 1.3 + y * 0.7 + z * 2.1 + t)),
+                      static_cast<float>(x * y - z)};
     });
     a->resolution = {1.5f, 2.0f, 3.0f};
     std::vector<std::vector<double>> expected;
@@ -146,14 +150,17 @@ TEST_F(Averaging, SmoothingMatchesTheDirectSum) {
     ASSERT_EQ(select_list("a"), 0);
     std::string out = capture_stdout([&] { EXPECT_EQ(smooth_volumes(4.0f, with_z), 0); });
     const int hz = with_z ? 2 : 0;  // R = sqrt(3 * 5.76) = 4.16 mm
-    EXPECT_EQ(out, "Spatial smoothing using gaussian FWHM of  4.00 mm\n"
-                   "smooth 'a': (nx,ny,nz,nt) = (9, 7, 5, 2).\n"
-                   "relative steps: (3, 3, " + std::to_string(hz) + ")\n");
+    EXPECT_EQ(out,
+              "Spatial smoothing using gaussian FWHM of  4.00 mm\n"
+              "smooth 'a': (nx,ny,nz,nt) = (9, 7, 5, 2).\n"
+              "relative steps: (3, 3, " +
+                  std::to_string(hz) + ")\n");
     for (int t = 0; t < 2; t++)
       for (int part = 0; part < 2; part++)
         for (int n = 0; n < a->n3d; n++) {
           FCOMPLEX c = a->SpaceTime.fcData[t * a->n3d + n];
-          ASSERT_NEAR(part ? c.imag : c.real, expected[t * 2 + part][n], 2e-5 * (1 + std::fabs(expected[t * 2 + part][n])))
+          ASSERT_NEAR(part ? c.imag : c.real, expected[t * 2 + part][n],
+                      2e-5 * (1 + std::fabs(expected[t * 2 + part][n])))
               << with_z << " " << t << " " << n;
         }
   }
@@ -161,7 +168,8 @@ TEST_F(Averaging, SmoothingMatchesTheDirectSum) {
 
 TEST_F(Averaging, SmoothingWithinSlicesNeverMixesThem) {
   std::vector<float> maps(4 * 3 * 3 * 2);
-  for (size_t i = 0; i < maps.size(); i++) maps[i] = static_cast<float>((i / 12) * 7 + 1);  // constant per slice
+  for (size_t i = 0; i < maps.size(); i++)
+    maps[i] = static_cast<float>((i / 12) * 7 + 1);  // constant per slice
   EXPECT_EQ(smooth_float_volumes(maps.data(), 1, 4, 3, 3, 2, POINT3D{1, 1, 1}, 3.0f, 0), 0);
   for (size_t i = 0; i < maps.size(); i++) EXPECT_NEAR(maps[i], (i / 12) * 7 + 1, 1e-5);
   maps[5] = 100;

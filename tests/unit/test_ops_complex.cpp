@@ -1,10 +1,10 @@
 // Complex, polar and map forms of a stack and the conversions between them.
 #include <cmath>
 
-#include "ops_support.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-util.h"
+#include "ops_support.h"
 
 namespace {
 
@@ -14,8 +14,9 @@ TEST_F(ComplexForms, PolarDecompositionQuadrantsAndAxes) {
   struct Case {
     float re, im, amp, degrees;
   };
-  const Case cases[] = {{0, 2, 2, 90},  {-1, 0, 1, 180},   {0, -3, 3, -90}, {0, 0, 0, 0},
-                        {1, 1, sqrtf(2), 45}, {-1, -1, sqrtf(2), -135}, {-1, 1, sqrtf(2), 135}, {3, -4, 5, -53.130102f}};
+  const Case cases[] = {{0, 2, 2, 90},          {-1, 0, 1, 180},        {0, -3, 3, -90},
+                        {0, 0, 0, 0},           {1, 1, sqrtf(2), 45},   {-1, -1, sqrtf(2), -135},
+                        {-1, 1, sqrtf(2), 135}, {3, -4, 5, -53.130102f}};
   for (const Case &c : cases) {
     float amp = -1, phase = -1;
     polar_from_complex(c.re, c.im, &amp, &phase);
@@ -66,8 +67,18 @@ TEST_F(ComplexForms, StackNamedTwiceIsConvertedOnce) {
 }
 
 TEST_F(ComplexForms, MapsAreNeverConverted) {
-  make_stack("m", 2, 1, 1, 2, [](int x, int, int, int) { return FCOMPLEX{x - 1.0f, 0.5f}; }, 2);
-  make_stack("p", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{2, 180}; }, 3);  // map and polar bits
+  make_stack(
+      "m", 2, 1, 1, 2,
+      [](int x, int, int, int) {
+        return FCOMPLEX{x - 1.0f, 0.5f};
+      },
+      2);
+  make_stack(
+      "p", 1, 1, 1, 1,
+      [](int, int, int, int) {
+        return FCOMPLEX{2, 180};
+      },
+      3);  // map and polar bits
   EXPECT_EQ(run("convert-complex m"), "Warning: stack m is a map!\n\n");
   EXPECT_EQ(run("convert-to-real m p"), "Warning: stack m is a map!\n\nWarning: stack p is a map!\n\n");
   EXPECT_SAMPLE(at("m", 0, 0, 0, 1), -1, 0.5f);
@@ -76,7 +87,12 @@ TEST_F(ComplexForms, MapsAreNeverConverted) {
 }
 
 TEST_F(ComplexForms, ConvertToRealGivesSignedPolarForm) {
-  make_stack("p", 2, 1, 1, 1, [](int x, int, int, int) { return x ? FCOMPLEX{2, 60} : FCOMPLEX{2, 180}; }, 1);
+  make_stack(
+      "p", 2, 1, 1, 1,
+      [](int x, int, int, int) {
+        return x ? FCOMPLEX{2, 60} : FCOMPLEX{2, 180};
+      },
+      1);
   make_stack("c", 1, 1, 1, 2, [](int, int, int, int t) { return FCOMPLEX{-3.0f + t, 4}; });
   std::string out = run("convert-to-real p c");
   EXPECT_EQ(out,

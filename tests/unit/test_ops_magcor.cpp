@@ -1,9 +1,9 @@
 // Baselines from the image edges and rescaling to a target amplitude.
 #include <cmath>
 
-#include "ops_support.h"
 #include "kep-magcor.h"
 #include "kep-ovl.h"
+#include "ops_support.h"
 
 namespace {
 
@@ -60,9 +60,12 @@ TEST_F(Intensity, AnnulusRuleForRoundFields) {
     double u = (x + 0.5 - 8) / 8, v = (y + 0.5 - 4) / 4, r = std::sqrt(u * u + v * v);
     return r > 0.7 && r < 1.0;
   };
-  data_stack *a = make_stack("a", 16, 8, 1, 1, [&](int x, int y, int, int) {
-    return in_ring(x, y) ? FCOMPLEX{2, 0} : FCOMPLEX{9, 9};
-  }, 32);
+  data_stack *a = make_stack(
+      "a", 16, 8, 1, 1,
+      [&](int x, int y, int, int) {
+        return in_ring(x, y) ? FCOMPLEX{2, 0} : FCOMPLEX{9, 9};
+      },
+      32);
   run("baseline-correct a");
   EXPECT_EQ(a->status, 32);
   for (int y = 0; y < 8; y++)
@@ -77,13 +80,22 @@ TEST_F(Intensity, EmptyEdgeRegionGivesNaN) {
 }
 
 TEST_F(Intensity, ScaleAndNormalizeDefaults) {
-  make_stack("a", 2, 1, 1, 2, [](int x, int, int, int t) { return FCOMPLEX{3.0f * (x + t), 4.0f * (x + t)}; });
+  make_stack("a", 2, 1, 1, 2, [](int x, int, int, int t) {
+    return FCOMPLEX{3.0f * (x + t), 4.0f * (x + t)};
+  });
   EXPECT_EQ(run("scale 0 a"), "Scaling factor = 3276.699951\n");  // largest modulus 10
   EXPECT_SAMPLE(at("a", 1, 0, 0, 1), 32767 * 0.6f, 32767 * 0.8f);
-  make_stack("b", 2, 1, 1, 2, [](int x, int, int, int t) { return FCOMPLEX{3.0f * (x + t), 4.0f * (x + t)}; });
+  make_stack("b", 2, 1, 1, 2, [](int x, int, int, int t) {
+    return FCOMPLEX{3.0f * (x + t), 4.0f * (x + t)};
+  });
   EXPECT_EQ(run("normalize 0 b"), "Scaling factor = 2000.000000\n");  // mean modulus 5
   EXPECT_SAMPLE(at("b", 1, 0, 0, 0), 6000, 8000);
-  make_stack("m", 2, 1, 1, 1, [](int x, int, int, int) { return FCOMPLEX{x ? -8.0f : 2.0f, 1}; }, 2);
+  make_stack(
+      "m", 2, 1, 1, 1,
+      [](int x, int, int, int) {
+        return FCOMPLEX{x ? -8.0f : 2.0f, 1};
+      },
+      2);
   EXPECT_EQ(run("scale 4 m"), "Scaling factor = 0.500000\n");  // the absolute value of a map
   EXPECT_SAMPLE(at("m", 1, 0, 0, 0), -4, 0.5f);
   make_stack("z", 2, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{0, 0}; });

@@ -1,9 +1,9 @@
 // Voxel-wise arithmetic with constants, one reference volume and whole stacks.
 #include <cmath>
 
-#include "ops_support.h"
 #include "kep-math.h"
 #include "kep-stacks.h"
+#include "ops_support.h"
 
 namespace {
 
@@ -11,7 +11,12 @@ class Arithmetic : public KepTest {};
 
 TEST_F(Arithmetic, ConstantsChangeBothPartsUnlessPolar) {
   make_stack("c", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{1, 2}; });
-  make_stack("p", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{1, 0.5f}; }, 1);
+  make_stack(
+      "p", 1, 1, 1, 1,
+      [](int, int, int, int) {
+        return FCOMPLEX{1, 0.5f};
+      },
+      1);
   run("add-constant 5 c p");
   EXPECT_SAMPLE(at("c", 0, 0, 0, 0), 6, 7);
   EXPECT_SAMPLE(at("p", 0, 0, 0, 0), 6, 0.5f);
@@ -56,13 +61,18 @@ TEST_F(Arithmetic, VolumeDivideAndMultiply) {
   EXPECT_SAMPLE(at("a", 2, 0, 0, 1), 0.5f, -1);  // (2 + i) / 2i
   run("multiply r a>1");
   EXPECT_SAMPLE(at("a", 1, 0, 0, 1), 2, 1);  // (1.5 - 0.5i)(1 + i)
-  EXPECT_SAMPLE(at("a", 2, 0, 0, 1), 2, 1);                       // (0.5 - i) 2i
+  EXPECT_SAMPLE(at("a", 2, 0, 0, 1), 2, 1);  // (0.5 - i) 2i
 }
 
 TEST_F(Arithmetic, PolarTestComesFromTheLastNode) {
   make_stack("r", 2, 1, 1, 1, [](int x, int, int, int) { return x ? FCOMPLEX{2, 0} : FCOMPLEX{2, 3}; });
   make_stack("c", 2, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{4, 6}; });
-  make_stack("p", 2, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{4, 6}; }, 1);
+  make_stack(
+      "p", 2, 1, 1, 1,
+      [](int, int, int, int) {
+        return FCOMPLEX{4, 6};
+      },
+      1);
   run("divide r c p");  // the last node is polar: per part, zero where the reference part is 0
   EXPECT_SAMPLE(at("c", 0, 0, 0, 0), 2, 2);
   EXPECT_SAMPLE(at("c", 1, 0, 0, 0), 2, 0);
@@ -80,7 +90,12 @@ TEST_F(Arithmetic, ReferenceInsideTheListIsReadAsItWas) {
 
 TEST_F(Arithmetic, AddAndSubtractAreComponentwise) {
   make_stack("r", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{1, -2}; });
-  make_stack("a", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{5, 5}; }, 1);
+  make_stack(
+      "a", 1, 1, 1, 1,
+      [](int, int, int, int) {
+        return FCOMPLEX{5, 5};
+      },
+      1);
   run("add r a");
   EXPECT_SAMPLE(at("a", 0, 0, 0, 0), 6, 3);
   run("subtract r a");
@@ -111,13 +126,25 @@ TEST_F(Arithmetic, ReferenceMustBeOneVolumeOfTheSameShape) {
 }
 
 TEST_F(Arithmetic, WholeStacks) {
-  make_stack("r", 2, 1, 1, 2, [](int x, int, int, int t) { return FCOMPLEX{1.0f + x, static_cast<float>(t)}; });
-  make_stack("a", 2, 1, 1, 2, [](int, int, int, int) { return FCOMPLEX{2, 2}; }, 1);
+  make_stack("r", 2, 1, 1, 2, [](int x, int, int, int t) {
+    return FCOMPLEX{1.0f + x, static_cast<float>(t)};
+  });
+  make_stack(
+      "a", 2, 1, 1, 2,
+      [](int, int, int, int) {
+        return FCOMPLEX{2, 2};
+      },
+      1);
   make_stack("b", 2, 1, 1, 3, [](int, int, int, int) { return FCOMPLEX{2, 2}; });
   run("multiply-stacks r a");  // always the complex product, polar or not
   EXPECT_SAMPLE(at("a", 1, 0, 0, 1), 2 * 2 - 2 * 1, 2 * 1 + 2 * 2);
   EXPECT_SAMPLE(at("a", 0, 0, 0, 0), 2, 2);
-  make_stack("a", 2, 1, 1, 2, [](int, int, int, int) { return FCOMPLEX{2, 2}; }, 1);
+  make_stack(
+      "a", 2, 1, 1, 2,
+      [](int, int, int, int) {
+        return FCOMPLEX{2, 2};
+      },
+      1);
   run("divide-stacks r a>1");  // the polar test is the stack's own; every volume changes
   EXPECT_SAMPLE(at("a", 0, 0, 0, 0), 2, 0);
   EXPECT_SAMPLE(at("a", 1, 0, 0, 1), 1, 2);
@@ -129,8 +156,18 @@ TEST_F(Arithmetic, WholeStacks) {
 
 TEST_F(Arithmetic, AbsoluteValueByForm) {
   make_stack("c", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{-3, 4}; });
-  make_stack("p", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{-3, 4}; }, 1);
-  make_stack("m", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{-3, 4}; }, 2);
+  make_stack(
+      "p", 1, 1, 1, 1,
+      [](int, int, int, int) {
+        return FCOMPLEX{-3, 4};
+      },
+      1);
+  make_stack(
+      "m", 1, 1, 1, 1,
+      [](int, int, int, int) {
+        return FCOMPLEX{-3, 4};
+      },
+      2);
   run("abs c p m");
   EXPECT_SAMPLE(at("c", 0, 0, 0, 0), 5, 0);
   EXPECT_SAMPLE(at("p", 0, 0, 0, 0), 3, 0);

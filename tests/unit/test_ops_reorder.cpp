@@ -2,9 +2,9 @@
 #include <climits>
 #include <cmath>
 
-#include "ops_support.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
+#include "ops_support.h"
 
 namespace {
 
@@ -57,7 +57,7 @@ TEST_F(Reorder, OddSizesNeverWritePastTheNewBuffer) {
   run("clip-x b");
   EXPECT_EQ(b->n4d, 64 * 2 * 2);
   EXPECT_SAMPLE(at("b", 63, 0, 0, 0), 63, 0);
-  EXPECT_SAMPLE(at("b", 0, 1, 0, 0), 64, 0);        // the first row's last sample
+  EXPECT_SAMPLE(at("b", 0, 1, 0, 0), 64, 0);               // the first row's last sample
   EXPECT_SAMPLE(at("b", 63, 1, 0, 1), 60 + 1000.0f, 100);  // the end of the buffer: 4 kept samples dropped
   // 67 -> 64 with clip-x-to: the strict test on the odd axis keeps 2..65.
   make_stack("c", 67, 1, 1, 1, code);
@@ -81,8 +81,10 @@ TEST_F(Reorder, PadXCentresAndScales) {
   EXPECT_EQ(a->npts_volume, 2 * 128 * 64);
   for (int x = 0; x < 128; x++) {
     FCOMPLEX c = at("a", x, 3, 0, 0);
-    if (x < 32 || x >= 96) EXPECT_SAMPLE(c, 0, 0);
-    else EXPECT_SAMPLE(c, 2.0f * (x - 32 + 3000), 0);
+    if (x < 32 || x >= 96)
+      EXPECT_SAMPLE(c, 0, 0);
+    else
+      EXPECT_SAMPLE(c, 2.0f * (x - 32 + 3000), 0);
   }
   EXPECT_FLOAT_EQ(a->origin.x, 7);  // padding leaves the geometry alone
   make_stack("b", 64, 2, 1, 10, code);
@@ -122,7 +124,8 @@ TEST_F(Reorder, PadToPowersOfTwo) {
 
 TEST_F(Reorder, OversizedPaddingIsRefused) {
   make_stack("a", 4, 4, 1, 1, code);
-  EXPECT_EQ(run("pad-to 2000000000 a"), "Error: The stack a cannot hold 2000000000 x 2000000000 x 1 x 1 samples.\n");
+  EXPECT_EQ(run("pad-to 2000000000 a"),
+            "Error: The stack a cannot hold 2000000000 x 2000000000 x 1 x 1 samples.\n");
   EXPECT_EQ(find_stack("a")->dim.x, 4);
   EXPECT_SAMPLE(at("a", 3, 3, 0, 0), 3003, 0);
 }
@@ -202,7 +205,8 @@ TEST_F(Reorder, SliceTakesEveryNth) {
 
 TEST_F(Reorder, DegenerateStacks) {
   make_stack("a", 1, 1, 1, 1, [](int, int, int, int) { return FCOMPLEX{NAN, 0}; });
-  for (const char *command : {"mirror-left-right a", "mirror-up-down a", "reverse-slice-order a", "pad-2^n a"})
+  for (const char *command :
+       {"mirror-left-right a", "mirror-up-down a", "reverse-slice-order a", "pad-2^n a"})
     EXPECT_EQ(run(command), "") << command;
   EXPECT_TRUE(std::isnan(at("a", 0, 0, 0, 0).real));
   EXPECT_EQ(run("pad-xyz a"), "Stack a was padded from 1 x 1 x 1 to 2 x 2 x 2.\n");

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <string>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "test_support.h"
 
 namespace {
@@ -74,7 +74,8 @@ TEST_F(Registry, FreeStackUnlinksOnlyRegisteredRecords) {
 
 TEST_F(Registry, CheckedInstallRefusesOverflowingSizes) {
   install_stack("keep", nullptr, 1, 1, 1, 1)->SpaceTime.fcData[0] = {7, 8};
-  std::string err = capture_stderr([] { EXPECT_EQ(install_stack_checked("keep", nullptr, 65536, 65536, 2, 1), nullptr); });
+  std::string err =
+      capture_stderr([] { EXPECT_EQ(install_stack_checked("keep", nullptr, 65536, 65536, 2, 1), nullptr); });
   EXPECT_NE(err.find("keep"), std::string::npos);
   EXPECT_FLOAT_EQ(find_stack("keep")->SpaceTime.fcData[0].real, 7.0f);  // untouched
   EXPECT_EQ(install_stack_checked("x", nullptr, 0, 1, 1, 1), nullptr);
@@ -82,7 +83,8 @@ TEST_F(Registry, CheckedInstallRefusesOverflowingSizes) {
   // bits) instead of installing a stack with a wrong count.
   EXPECT_EXIT(install_stack("wrap", nullptr, 65536, 65536, 1, 1), ::testing::ExitedWithCode(1),
               "Fatal Error:\nAllocation error in fcomplex_vector\\(\\).\nProgram aborted.\n");
-  EXPECT_EXIT(install_stack("wrap", nullptr, 2, 2, 1 << 28, 2), ::testing::ExitedWithCode(1), "fcomplex_vector");
+  EXPECT_EXIT(install_stack("wrap", nullptr, 2, 2, 1 << 28, 2), ::testing::ExitedWithCode(1),
+              "fcomplex_vector");
 }
 
 TEST_F(Registry, CopyGathersVolumesInListOrder) {
@@ -205,13 +207,6 @@ TEST_F(Registry, AmplitudesFollowTheStackForm) {
   EXPECT_FLOAT_EQ(volume_phase(&v, 0), 4.0f);
   v.stack = nullptr;  // a node without a stack counts as complex
   EXPECT_FLOAT_EQ(volume_amp(&v, 0), 5.0f);
-}
-
-TEST(RegistryDeath, IndexOutOfBoundsEndsTheProcess) {
-  data_stack s;
-  s.n4d = 10;
-  EXPECT_EXIT(check_stack_index(1, 2, 3, 4, 10, &s), ::testing::ExitedWithCode(1),
-              "");
 }
 
 TEST(Messages, LevelsAndStreams) {

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "kep.h"
 #include "kep-front.h"
 #include "kep-ovl.h"
 #include "kep-stacks.h"
 #include "kep-stats.h"
+#include "kep.h"
 #include "test_support.h"
 
 namespace {

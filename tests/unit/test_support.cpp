@@ -1,12 +1,13 @@
 #include "test_support.h"
-#include "kep-decode.h"
-#include "kep-session.h"
-#include "kep-stacks.h"
-#include "kep-variables.h"
 
 #include <unistd.h>
 
 #include <cstdlib>
+
+#include "kep-decode.h"
+#include "kep-session.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 
 std::string capture_stream(FILE *stream, const std::function<void()> &body) {
   fflush(stream);

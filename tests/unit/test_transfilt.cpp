@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
 #include "kep-stacks.h"
 #include "kep-transfilt.h"
+#include "kep.h"
 #include "test_support.h"
 
 namespace {

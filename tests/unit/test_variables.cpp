@@ -4,11 +4,11 @@
 #include <cstring>
 #include <string>
 
-#include "kep.h"
 #include "kep-front.h"
 #include "kep-ovl.h"
 #include "kep-stats.h"
 #include "kep-variables.h"
+#include "kep.h"
 #include "test_support.h"
 
 namespace {
@@ -90,7 +90,8 @@ TEST_F(Variables, FilterRangeTakesOneTwoOrThreeValues) {
   set_variable(7, "4 5 6");
   EXPECT_EQ(show("filter-range"), "\tfilter-range    4 5 (6)\n");
   std::string err = capture_stderr([] { EXPECT_EQ(set_variable(7, "x"), 1); });
-  EXPECT_EQ(err, "Error: Use a syntax like `set filter-range 1. 1. 1.'\n               or `set filter-range 1.'\n");
+  EXPECT_EQ(
+      err, "Error: Use a syntax like `set filter-range 1. 1. 1.'\n               or `set filter-range 1.'\n");
 }
 
 TEST_F(Variables, ThreeValueFormsStorePartialMatches) {
@@ -136,14 +137,17 @@ TEST(Substitution, WordsSlotsAndErrors) {
   EXPECT_STREQ(line, "add x y run.com\n");
   char beyond[KEP_LINE] = "add $3\n";
   std::string err, out;
-  out = capture_stdout([&] { err = capture_stderr([&] { EXPECT_EQ(replace_passed_arguments(beyond, 4, words), 1); }); });
+  out = capture_stdout(
+      [&] { err = capture_stderr([&] { EXPECT_EQ(replace_passed_arguments(beyond, 4, words), 1); }); });
   EXPECT_EQ(out, "kep > add $3\n");
   EXPECT_EQ(err, "Error: The argument $3 exceeds the number of passed arguments (2).\n");
   char trailing[KEP_LINE] = "add $\n";
-  capture_stdout([&] { err = capture_stderr([&] { EXPECT_EQ(replace_passed_arguments(trailing, 4, words), 1); }); });
+  capture_stdout(
+      [&] { err = capture_stderr([&] { EXPECT_EQ(replace_passed_arguments(trailing, 4, words), 1); }); });
   EXPECT_EQ(err, "Error: The replacement specification is invalid.\n");
   char at_end[KEP_LINE] = "add $";
-  capture_stdout([&] { err = capture_stderr([&] { EXPECT_EQ(replace_passed_arguments(at_end, 4, words), 1); }); });
+  capture_stdout(
+      [&] { err = capture_stderr([&] { EXPECT_EQ(replace_passed_arguments(at_end, 4, words), 1); }); });
   EXPECT_EQ(err, "Error: The replacement specification is invalid.\n");
 }
 
