@@ -18,6 +18,10 @@ struct volume_file {
   int registration = 0;
   int lDOF = 0;
   char description[80]{};
+  // The full voxel-to-world matrix of a stack read from a rotated file;
+  // a NIfTI header then carries it instead of the axis-aligned one.
+  bool rotated = false;
+  mat44 ijk_to_xyz{};
   std::unique_ptr<volume_file> next;
 };
 

@@ -107,6 +107,9 @@ int read_glm_runs_in_place() {
   glm->resolution_t = source.resolution_t;
   glm->origin = source.origin;
   glm->direction = source.direction;
+  glm->ijk_to_xyz = source.ijk_to_xyz;
+  glm->xyz_to_ijk = source.xyz_to_ijk;
+  glm->off_diagonal = source.off_diagonal;
   glm->status = source.status;
   glm->registration = source.registration;
   glm->lDOF = source.lDOF;

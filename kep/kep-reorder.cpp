@@ -76,9 +76,7 @@ int clip_stack(data_stack *stack, int nx, int ny, int nz) {
   origin.x += rx.offset * res.x * dir.x;
   origin.y += ry.offset * res.y * dir.y;
   origin.z += rz.offset * res.z * dir.z;
-  stack->ijk_to_xyz =
-      scale_and_shift_to_mat44(res.x, res.y, res.z, origin.x, origin.y, origin.z, dir.x, dir.y, dir.z);
-  stack->xyz_to_ijk = invert_mat44(stack->ijk_to_xyz);
+  drop_rotation(stack);
   return 0;
 }
 
@@ -124,6 +122,7 @@ int pad_stack(data_stack *stack, int nx, int ny, int nz, int far_y) {
   printf("Stack %s was padded from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y, old.z, nx, ny,
          nz);
   replace_samples(stack, std::move(fresh), nx, ny, nz, stack->nt);
+  if (stack->off_diagonal) drop_rotation(stack);
   return 0;
 }
 

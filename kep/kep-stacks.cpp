@@ -49,6 +49,9 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   if (!checked_product(nx, ny, INT_MAX, &n2d) || !checked_product(n2d, nz, INT_MAX / 2, &n3d) ||
       !checked_product(n3d, nt, INT_MAX, &n4d))
     alloc_error("Allocation error in fcomplex_vector().");
+  // Told before a re-used record (which may be the template) changes.
+  const bool same_grid = template_stack != nullptr && template_stack->dim.x == nx &&
+                         template_stack->dim.y == ny && template_stack->dim.z == nz;
   data_stack *stack = find_stack(name);
   if (stack != nullptr) {
     stack->samples.reset();
@@ -83,7 +86,21 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
     stack->registration = template_stack->registration;
     stack->lDOF = template_stack->lDOF;
     memcpy(stack->description, template_stack->description, sizeof stack->description);
+    // A stack on the template's grid keeps its voxel-to-world matrix (and so
+    // its rotation); on any other grid the matrix would be stale.
+    if (!same_grid) {
+      stack->ijk_to_xyz = mat44{};
+      stack->xyz_to_ijk = mat44{};
+      stack->off_diagonal = 0;
+    } else if (template_stack != stack) {
+      stack->ijk_to_xyz = template_stack->ijk_to_xyz;
+      stack->xyz_to_ijk = template_stack->xyz_to_ijk;
+      stack->off_diagonal = template_stack->off_diagonal;
+    }
   } else {
+    stack->ijk_to_xyz = mat44{};
+    stack->xyz_to_ijk = mat44{};
+    stack->off_diagonal = 0;
     stack->resolution = {1.0f, 1.0f, 1.0f};
     stack->resolution_t = 1.0f;
     stack->origin = {0.0f, 0.0f, 0.0f};

@@ -50,6 +50,11 @@ bool checked_stack_size(const char *name, int64_t nx, int64_t ny, int64_t nz, in
 // Reshapes `stack` in place: its samples become `samples` with the given sizes.
 void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int nx, int ny, int nz, int nt);
 
+// After a reshape that moves the grid in a way its matrix cannot follow: the
+// voxel-to-world matrix becomes the axis-aligned one of the stack's voxel
+// sizes, origin and directions (a rotation read from a file is dropped).
+void drop_rotation(data_stack *stack);
+
 // Creates (or replaces) the stack `name` like install_stack_checked and makes
 // `samples` (n4d of them, computed beforehand so that an input of the same
 // name could still be read) its contents. Null after an error message.
