@@ -162,8 +162,8 @@ void suggest_commands(const char *word) {
   constexpr int limit = 2;
   int best = limit + 1;
   std::vector<const char *> names;
-  for (int i = 0; i <= NUMBER_OF_COMMANDS; i++) {
-    const char *name = i < NUMBER_OF_COMMANDS ? command_name(i) : "reorder-interleaved-slices";
+  for (int i = 0; i < command_word_count(); i++) {
+    const char *name = command_word(i);
     const int d = edit_distance(word, name, limit);
     if (d < best) names.clear(), best = d;
     if (d == best && d <= limit) names.push_back(name);
@@ -219,7 +219,7 @@ int do_command(int is_macro, const char *line) {
   if (rest == nullptr || word[0] == '(') return 0;
   std::string arguments = next_non_white(rest);
   int index = interpret_command(0, word);
-  if (read_loop_running == 1 && strcmp(word, "end-loop") != 0 && strcmp(word, "mode") != 0) {
+  if (read_loop_running == 1 && !command_has(index, RUNS_IN_READ_LOOP)) {
     store_read_loop_command(line);
     return 0;
   }
@@ -227,24 +227,8 @@ int do_command(int is_macro, const char *line) {
   kep_batch_run = from_file ? 1 : 0;
   stack_snapshot before;
   if (is_macro == 0) before.take();
-  if (index == 54 || index == 55) {
-    char name[KEP_LINE];
-    const char *value = next_word(arguments.c_str(), name);
-    if (index == 55) {
-      if (value != nullptr)
-        show_variable(interpret_command(1, name));
-      else
-        show_all_variables();
-      return 0;
-    }
-    int result = 1;
-    if (value == nullptr) {
-      kep_text(2, "Syntax = `set [variable name] [value]'.");
-    } else {
-      std::string text = next_non_white(value);
-      if (from_file && !text.empty() && text.back() == '\n') text.pop_back();
-      result = set_variable(interpret_command(1, name), text.c_str());
-    }
+  if (command_has(index, TAKES_RAW_LINE)) {
+    const int result = run_raw_line_command(index, arguments.c_str());
     settle_command(is_macro, from_file, word, 0, result != 0, before);
     return result;
   }

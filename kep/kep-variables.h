@@ -42,6 +42,9 @@ void set_alignment_value(int index, float value);
 // Every variable of this module to its default.
 void reset_variables();
 
+int variable_count();
+const char *variable_name(int index);
+int find_variable(const char *name);  // the variable's index, or -1
 int set_variable(int index, const char *value);
 int show_variable(int index);
 // `show` without a name: every variable once.

@@ -71,7 +71,16 @@ int act_on_macro(int index, char *arguments);
 extern int last_operation_status;
 int command_count();
 const char *command_name(int index);
-const char *variable_name(int index);
-constexpr int NUMBER_OF_COMMANDS = 115;
-constexpr int NUMBER_OF_VARIABLES = 25;
+// Every word `interpret_command(0, ...)` knows: the commands, then the macros.
+int command_word_count();
+const char *command_word(int index);
 constexpr int MACRO_OFFSET = 150;
+// What the command loop must know of a command before it runs it.
+enum CommandFlag : unsigned {
+  TAKES_RAW_LINE = 1,     // reads the argument text itself and reports its own result (set, show)
+  RUNS_IN_READ_LOOP = 2,  // runs at once inside a read loop instead of being stored (end-loop, mode)
+};
+bool command_has(int index, CommandFlag flag);
+// Runs a TAKES_RAW_LINE command on `arguments`; returns its operation's result.
+int run_raw_line_command(int index, const char *arguments);
+

@@ -29,7 +29,7 @@ TEST_F(Variables, TableHasEveryNameInOrder) {
   EXPECT_EQ(interpret_command(0, "calculate-overlay-overlap"), 110);
   EXPECT_EQ(interpret_command(0, "mirror-left-right"), 0);
   EXPECT_EQ(interpret_command(0, "Add"), -1);
-  for (int i = 0; i < NUMBER_OF_COMMANDS; i++) EXPECT_EQ(interpret_command(0, command_name(i)), i);
+  for (int i = 0; i < command_count(); i++) EXPECT_EQ(interpret_command(0, command_name(i)), i);
 }
 
 TEST_F(Variables, DefaultsShowAsDescribed) {
