@@ -330,12 +330,12 @@ void store(data_stack *out, int volume, long v, float value) {
 
 class Baseline : public VoxelStep {
  public:
-  Baseline(const Frame &f, int kind) : f_(f), kind_(kind) {}
+  Baseline(const Frame &f, BaselineStep kind) : f_(f), kind_(kind) {}
   int voxel(long v, float *data, float *fit, float, bool skipped, float *) override {
     if (!skipped) {
       float mean = 0.0f;
-      int r = kind_ == 0 ? GLM_remove_baseline(0, f_.nt, data, fit)
-                         : GLM_correct_baseline(f_.nt, data, fit, &mean);
+      int r = kind_ == BaselineStep::Remove ? GLM_remove_baseline(0, f_.nt, data, fit)
+                                            : GLM_correct_baseline(f_.nt, data, fit, &mean);
       if (r) return 1;
     }
     for (int k = 0; k < f_.nt; k++) const_cast<FCOMPLEX *>(f_.volume[k])[v] = {data[k], 0.0f};
@@ -344,7 +344,7 @@ class Baseline : public VoxelStep {
 
  private:
   const Frame &f_;
-  int kind_;
+  BaselineStep kind_;
 };
 
 class Residue : public VoxelStep {
@@ -480,7 +480,7 @@ data_stack *glm_create_map(const Frame &f, const char *name, int volumes) {
   return create_map(f, name, volumes);
 }
 
-int glm_remove_or_correct_baseline(int kind) {
+int glm_remove_or_correct_baseline(BaselineStep kind) {
   Frame f;
   if (open_frame(f, false)) return 1;
   Baseline step(f, kind);

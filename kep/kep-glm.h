@@ -3,7 +3,9 @@
 
 #include "kep.h"
 
-int glm_remove_or_correct_baseline(int kind);
+// GLM-remove-baseline and GLM-correct-baseline.
+enum class BaselineStep { Remove = 0, Correct = 1 };
+int glm_remove_or_correct_baseline(BaselineStep kind);
 int glm_create_residue(const char *word, const char *name);
 int glm_fit_events(const char *name);
 int glm_maximal_effect(const char *word, const char *name);

@@ -33,6 +33,9 @@ void clear_output_files();
 
 // Reading and writing volume files (kep-io.cpp, kep-io-write.cpp).
 int read_xdisplay_file(const char *file_name, const char *stack_name, const char *subset);
+// `requested_storage` (STORAGE_SHORT, STORAGE_FLOAT or STORAGE_FROM_NAME, which
+// leaves it to the file name) applies to NIfTI files only.
+constexpr int STORAGE_FROM_NAME = -1;
 int write_output_file(int requested_storage, const char *root);
 int write_slices(const char *root);
 

@@ -108,13 +108,14 @@ int map_snr(const char *name) {
   return 0;
 }
 
-int map_t2(int kind, const char *name) {
+int map_t2(DecayMap kind, const char *name) {
   IPOINT3D dim{0, 0, 0};
   int n = 0;
   if (inconsistent_3d_dimensions(&dim, &n)) return 1;
   if (volume_list_root == nullptr) return 1;
-  const char *what = kind ? "T2" : "ADC";
-  const char *abscissa = kind ? "TE" : "b";
+  const bool t2 = kind == DecayMap::T2;
+  const char *what = t2 ? "T2" : "ADC";
+  const char *abscissa = t2 ? "TE" : "b";
   const bool first_call = !decay_reminder_given;
   if (first_call) {
     decay_reminder_given = true;
@@ -174,7 +175,7 @@ int map_t2(int kind, const char *name) {
   if (!(flags & FLAG_QUIET)) {
     // No fit at all counts as nothing filtered rather than 0/0.
     printf("Of %d fits, %f %c were filtered.\n", fits, fits > 0 ? 100.0 * filtered / fits : 0.0, '%');
-    if (kind)
+    if (t2)
       printf("The map stack contains 3 images in the order R2, T2, S0.\n");
     else
       printf("The map stack contains 3 images in the order ACD, 1/ADC, S0.\n");

@@ -493,7 +493,7 @@ bool write_motion_table(const Group &g) {
 
 }  // namespace
 
-int register_volume([[maybe_unused]] int kind) {
+int register_volume() {
   std::vector<Group> groups = groups_of_list();
   if (groups.empty()) {
     kep_text(2, "register: no volumes are listed.");

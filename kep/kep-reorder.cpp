@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-util.h"
-#include "kep.h"
 #include "numerics.h"
 
 namespace {
@@ -45,8 +45,8 @@ KeptRange kept_range(int old, int fresh) {
 int clip_stack(data_stack *stack, int nx, int ny, int nz) {
   const IPOINT3D old = stack->dim;
   if (nx < 1 || ny < 1 || nz < 1 || nx > old.x || ny > old.y || nz > old.z) {
-    printf("Error: stack %s cannot be clipped from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x,
-           old.y, old.z, nx, ny, nz);
+    printf("Error: stack %s cannot be clipped from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y,
+           old.z, nx, ny, nz);
     return 1;
   }
   int64_t n4d = 0;
@@ -119,8 +119,7 @@ int pad_stack(data_stack *stack, int nx, int ny, int nz, int far_y) {
       o = std::fill_n(o, (ny - oy - old.y) * nx, zero);
     }
   }
-  printf("Stack %s was padded from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y, old.z, nx, ny,
-         nz);
+  printf("Stack %s was padded from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y, old.z, nx, ny, nz);
   replace_samples(stack, std::move(fresh), nx, ny, nz, stack->nt);
   if (stack->off_diagonal) drop_rotation(stack);
   return 0;
@@ -142,17 +141,16 @@ inline void exchange(FCOMPLEX *a, FCOMPLEX *b, float divisor) {
   *b = {t.real / divisor, t.imag / divisor};
 }
 
-void swap_quadrants(volume_list *v, int mirror, int axes, float divide_x, float divide_y) {
+void swap_quadrants(volume_list *v, bool mirror, Axes axes, float divide_x, float divide_y) {
   const long nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
   FCOMPLEX *c = v->SpaceTime.fcData;
-  if (axes == 0 || axes == 2) {
+  if (axes == Axes::X || axes == Axes::XY) {
     for (long r = 0; r < ny * nz; r++) {
       FCOMPLEX *line = c + r * nx;
-      for (long x = 0; x < nx / 2; x++)
-        exchange(line + x, line + (mirror ? nx - 1 - x : x + nx / 2), divide_x);
+      for (long x = 0; x < nx / 2; x++) exchange(line + x, line + (mirror ? nx - 1 - x : x + nx / 2), divide_x);
     }
   }
-  if (axes == 1 || axes == 2) {
+  if (axes == Axes::Y || axes == Axes::XY) {
     // The mirror reflects about row 0 (the Fourier-index convention).
     for (long z = 0; z < nz; z++) {
       FCOMPLEX *plane = c + z * nx * ny;
@@ -167,62 +165,61 @@ void swap_quadrants(volume_list *v, int mirror, int axes, float divide_x, float 
 
 }  // namespace
 
-int swap_quadrants_in_volume_list(int a, int b, int c, int d) {
+int swap_quadrants_in_volume_list(Exchange exchange, Axes axes, int divide_x, int divide_y) {
   for (volume_list *v = volume_list_root; v; v = v->next)
-    swap_quadrants(v, a, b, static_cast<float>(c), static_cast<float>(d));
+    swap_quadrants(v, exchange == Exchange::Mirror, axes, static_cast<float>(divide_x),
+                   static_cast<float>(divide_y));
   return 0;
 }
 
-int clip_stacks(int axis) {
+int clip_stacks(Axes axis) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D n = s->dim;
-    if (axis == 0)
+    if (axis == Axes::X)
       n.x = lower_power(n.x);
-    else if (axis == 1 && n.y != 1)
+    else if (axis == Axes::Y && n.y != 1)
       n.y = lower_power(n.y);
-    else if (axis == 2 && n.z != 1)
+    else if (axis == Axes::Z && n.z != 1)
       n.z = lower_power(n.z);
     if (clip_stack(s, n.x, n.y, n.z)) return 1;
   }
   return 0;
 }
 
-int clip_stacks_to_n(int axis, int n) {
+int clip_stacks_to_n(Axes axis, int n) {
   if (n % 2 != 0) {
     printf("Error: clip only to even numbers!\n");
     return 1;
   }
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D d = s->dim;
-    if (axis == 0)
+    if (axis == Axes::X)
       d.x = n;
-    else if (axis == 1)
+    else if (axis == Axes::Y)
       d.y = n;
-    else
-      d.z = n;
+    else d.z = n;
     if (clip_stack(s, d.x, d.y, d.z)) return 1;
   }
   return 0;
 }
 
-int pad_stacks(int axes) {
+int pad_stacks(Axes axes) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
-    // 0 x, 1 y, 2 z, 3 x and y, anything else all three.
-    const bool all = axes < 0 || axes > 3;
+    const bool all = axes == Axes::XYZ;
     IPOINT3D n = s->dim;
-    if (all || axes == 0 || axes == 3) n.x = upper_power(n.x);
-    if (all || axes == 1 || axes == 3) n.y = upper_power(n.y);
-    if (all || axes == 2) n.z = upper_power(n.z);
+    if (all || axes == Axes::X || axes == Axes::XY) n.x = upper_power(n.x);
+    if (all || axes == Axes::Y || axes == Axes::XY) n.y = upper_power(n.y);
+    if (all || axes == Axes::Z) n.z = upper_power(n.z);
     if (pad_stack(s, n.x, n.y, n.z, 0)) return 1;
   }
   return 0;
 }
 
-int pad_stacks_to_n(int axis, int n) {
+int pad_stacks_to_n(Axes axes, int n) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D d = s->dim;
-    if (axis != 1) d.x = n;
-    if (axis != 0) d.y = n;
+    if (axes != Axes::Y) d.x = n;
+    if (axes != Axes::X) d.y = n;
     if (pad_stack(s, d.x, d.y, d.z, 0)) return 1;
   }
   return 0;
@@ -273,8 +270,7 @@ int reorder_slices() {
   }
   for (int k = 0; k < nslice_order; k++) {
     if (slice_order[static_cast<size_t>(k)] < 0 || slice_order[static_cast<size_t>(k)] >= dim.z) {
-      printf("The `slice-order' array names slice %d; the slices are 0 to %d.\n",
-             slice_order[static_cast<size_t>(k)], dim.z - 1);
+      printf("The `slice-order' array names slice %d; the slices are 0 to %d.\n", slice_order[static_cast<size_t>(k)], dim.z - 1);
       return 1;
     }
   }
@@ -283,8 +279,7 @@ int reorder_slices() {
   for (volume_list *v = volume_list_root; v; v = v->next) {
     std::fill(scratch.get(), scratch.get() + n3d, FCOMPLEX{0.0f, 0.0f});
     for (int k = 0; k < dim.z; k++)
-      memcpy(scratch.get() + slice_order[static_cast<size_t>(k)] * n2d, v->SpaceTime.fcData + k * n2d,
-             sizeof(FCOMPLEX) * n2d);
+      memcpy(scratch.get() + slice_order[static_cast<size_t>(k)] * n2d, v->SpaceTime.fcData + k * n2d, sizeof(FCOMPLEX) * n2d);
     memcpy(v->SpaceTime.fcData, scratch.get(), sizeof(FCOMPLEX) * n3d);
   }
   return 0;
@@ -323,8 +318,8 @@ int shuffle_stacks(const char *name) {
     if (k < f->nt) memcpy(out.get() + (nstacks * k + s) * n3d, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
     k++;
   }
-  if (install_stack_with(name, f, f->dim.x, f->dim.y, f->dim.z, static_cast<int>(nstacks * f->nt),
-                         std::move(out)) == nullptr)
+  if (install_stack_with(name, f, f->dim.x, f->dim.y, f->dim.z, static_cast<int>(nstacks * f->nt), std::move(out)) ==
+      nullptr)
     return 1;
   initialize_volume_list();
   return 0;
@@ -345,15 +340,14 @@ int slice_volumes(const char *name, int n) {
     taken.push_back(v);
   }
   int64_t n4d = 0;
-  if (!checked_stack_size(name, first->dim.x, first->dim.y, first->dim.z, static_cast<int64_t>(taken.size()),
-                          &n4d))
+  if (!checked_stack_size(name, first->dim.x, first->dim.y, first->dim.z, static_cast<int64_t>(taken.size()), &n4d))
     return 1;
   const long n3d = first->n3d;
   std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n4d);
   for (size_t t = 0; t < taken.size(); t++)
     memcpy(out.get() + static_cast<long>(t) * n3d, taken[t]->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
-  if (install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z,
-                         static_cast<int>(taken.size()), std::move(out)) == nullptr)
+  if (install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, static_cast<int>(taken.size()),
+                         std::move(out)) == nullptr)
     return 1;
   initialize_volume_list();
   return 0;
