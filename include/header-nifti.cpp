@@ -156,6 +156,54 @@ double seconds_per_time_unit(int xyzt_units) {
 
 bool report_nifti_method = true;
 
+// Only the first extension is looked at, and only for the degrees of freedom.
+int read_dof_extension(const unsigned char *bytes, size_t size, size_t header_size, XD_HEADER *h) {
+  if (size < header_size + 4 || bytes[header_size] == 0) return 0;
+  const unsigned char *ext = bytes + header_size + 4;
+  if (size < header_size + 8) {
+    printf("Error: A NIFTI1 extension was indicated, but it is missing.\n");
+    return 1;
+  }
+  if (size < header_size + 12) {
+    printf("Error: A NIFTI1 extension was indicated, but the ecode is missing.\n");
+    return 1;
+  }
+  if (int_at(ext + 4) == NIFTI_DOF_ECODE) {
+    if (size < header_size + 16) {
+      printf("Error read degrees of freedom.\n");
+      return 1;
+    }
+    h->lDOF = int_at(ext + 8);
+  }
+  return 0;
+}
+
+// Sets the voxel-to-world matrix; returns the method used.
+int set_nifti_orientation(const nifti_fields &f, XD_HEADER *h) {
+  // The standard's order: the sform when set, else the quaternion, else the
+  // grid alone. Files written with an sform only are the common case.
+  int method;
+  if (f.sform_code > 0) {
+    method = 3;
+    float rows[3][4];
+    for (int r = 0; r < 3; r++)
+      for (int c = 0; c < 4; c++) rows[r][c] = static_cast<float>(f.srow[r][c]);
+    h->ijk_to_xyz = general_affine_to_mat44(rows[0], rows[1], rows[2]);
+  } else if (f.qform_code > 0) {
+    method = 2;
+    h->ijk_to_xyz = nifti_quatern_to_mat44(h->quaternion.x, h->quaternion.y, h->quaternion.z,
+                                           static_cast<float>(f.qoffset[0]), static_cast<float>(f.qoffset[1]),
+                                           static_cast<float>(f.qoffset[2]), h->resolution.x, h->resolution.y,
+                                           h->resolution.z, h->qfac);
+  } else {
+    method = 1;
+    h->origin = {0.0f, 0.0f, 0.0f};
+    h->ijk_to_xyz = scale_and_shift_to_mat44(h->resolution.x, h->resolution.y, h->resolution.z, 0.0f, 0.0f,
+                                             0.0f, h->direction.x, h->direction.y, h->direction.z);
+  }
+  return method;
+}
+
 }  // namespace
 
 void header_parts::set_nifti_method_report(bool on) { report_nifti_method = on; }
@@ -174,25 +222,7 @@ int decode_nifti_header(const unsigned char *bytes, size_t size, const char *hea
            header_name);
     return 1;
   }
-  // Only the first extension is looked at, and only for the degrees of freedom.
-  if (size >= header_size + 4 && bytes[header_size] != 0) {
-    const unsigned char *ext = bytes + header_size + 4;
-    if (size < header_size + 8) {
-      printf("Error: A NIFTI1 extension was indicated, but it is missing.\n");
-      return 1;
-    }
-    if (size < header_size + 12) {
-      printf("Error: A NIFTI1 extension was indicated, but the ecode is missing.\n");
-      return 1;
-    }
-    if (int_at(ext + 4) == NIFTI_DOF_ECODE) {
-      if (size < header_size + 16) {
-        printf("Error read degrees of freedom.\n");
-        return 1;
-      }
-      h->lDOF = int_at(ext + 8);
-    }
-  }
+  if (read_dof_extension(bytes, size, header_size, h)) return 1;
   nifti_fields f;
   if (version2) {
     const bool swap = sizeof_hdr != NIFTI2_HEADER_SIZE;
@@ -254,27 +284,7 @@ int decode_nifti_header(const unsigned char *bytes, size_t size, const char *hea
   // writers left vox_offset 0 there.
   if (h->file_type == FILE_NII && h->voxel_offset < header_size + 4)
     h->voxel_offset = static_cast<float>(header_size + 4);
-  // The standard's order: the sform when set, else the quaternion, else the
-  // grid alone. Files written with an sform only are the common case.
-  int method;
-  if (f.sform_code > 0) {
-    method = 3;
-    float rows[3][4];
-    for (int r = 0; r < 3; r++)
-      for (int c = 0; c < 4; c++) rows[r][c] = static_cast<float>(f.srow[r][c]);
-    h->ijk_to_xyz = general_affine_to_mat44(rows[0], rows[1], rows[2]);
-  } else if (f.qform_code > 0) {
-    method = 2;
-    h->ijk_to_xyz = nifti_quatern_to_mat44(h->quaternion.x, h->quaternion.y, h->quaternion.z,
-                                           static_cast<float>(f.qoffset[0]), static_cast<float>(f.qoffset[1]),
-                                           static_cast<float>(f.qoffset[2]), h->resolution.x, h->resolution.y,
-                                           h->resolution.z, h->qfac);
-  } else {
-    method = 1;
-    h->origin = {0.0f, 0.0f, 0.0f};
-    h->ijk_to_xyz = scale_and_shift_to_mat44(h->resolution.x, h->resolution.y, h->resolution.z, 0.0f, 0.0f,
-                                             0.0f, h->direction.x, h->direction.y, h->direction.z);
-  }
+  const int method = set_nifti_orientation(f, h);
   set_orientation_from_matrix(h);
   static const char *methods[] = {"", "1: the old analyze format", "2: quaternion rotations",
                                   "3: affine transformation of voxel indices"};
