@@ -7,14 +7,11 @@
 #include "types.h"
 #include "util.h"
 
-struct data_stack;
-
 // Matrix and vector algebra. Matrices are row-pointer arrays [row][column].
 int invert_3x3_matrix(float m[3][3]);
 int dInvertSquareMatrix(int n, double **a, int *failing_row);
 int rInvertSquareMatrix(int n, float **a, int *failing_row);
-void Matrix_Product(float **C, int n, int m, float **A, int transpose_a, int p, float **B,
-                    int transpose_b);
+void Matrix_Product(float **C, int n, int m, float **A, int transpose_a, int p, float **B, int transpose_b);
 // The same product summed in double, for callers that keep double matrices.
 void dMatrix_Product(double **C, int n, int m, double **A, int transpose_a, int p, double **B,
                      int transpose_b);
@@ -28,15 +25,17 @@ int is_power_of_2(int n, int *lower, int *upper);
 
 // 4x4 affine matrices and voxel/space conversions.
 mat44 invert_mat44(mat44 m);
-mat44 scale_and_shift_to_mat44(float scale_x, float scale_y, float scale_z, float shift_x,
-                               float shift_y, float shift_z, float factor_x, float factor_y,
-                               float factor_z);
+mat44 scale_and_shift_to_mat44(float scale_x, float scale_y, float scale_z, float shift_x, float shift_y,
+                               float shift_z, float factor_x, float factor_y, float factor_z);
 mat44 general_affine_to_mat44(const float row0[4], const float row1[4], const float row2[4]);
-mat44 centered_ijk_to_xyz(const data_stack &stack);
-mat44 centered_xyz_to_ijk(const data_stack &stack);
-void Convert_Voxel_to_Space(POINT3D *out, int i, int j, int k, const data_stack *stack);
-void Convert_rVoxel_to_Space(POINT3D *out, float i, float j, float k, const data_stack *stack);
-void Convert_Space_to_rVoxel(POINT3D *out, float x, float y, float z, const data_stack *stack);
+// The voxel-to-space matrix of a volume centred on the space origin: voxel i
+// sits at resolution * (i - (dim - 1) / 2); and its inverse.
+mat44 centered_ijk_to_xyz(const POINT3D &resolution, const IPOINT3D &dim);
+mat44 centered_xyz_to_ijk(const POINT3D &resolution, const IPOINT3D &dim);
+// A voxel (whole or fractional) to space through `ijk_to_xyz`, and back.
+void Convert_Voxel_to_Space(POINT3D *out, int i, int j, int k, const mat44 &ijk_to_xyz);
+void Convert_rVoxel_to_Space(POINT3D *out, float i, float j, float k, const mat44 &ijk_to_xyz);
+void Convert_Space_to_rVoxel(POINT3D *out, float x, float y, float z, const mat44 &xyz_to_ijk);
 
 // Regularised incomplete beta function I_x(a, b).
 double ibeta(double a, double b, double x);

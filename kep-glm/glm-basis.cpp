@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "glm-prototypes.h"
-#include "kep-warnings.h"
+#include "messages.h"
+
+bool design_warnings = true;
 
 namespace {
 

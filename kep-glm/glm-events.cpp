@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "glm-prototypes.h"
-#include "kep-warnings.h"
+#include "messages.h"
 
 int GLM_EventNumberFromChar(char c) {
   if (c >= '1' && c <= '9') return c - '0';

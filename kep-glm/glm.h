@@ -189,6 +189,9 @@ void GLM_describe_trial_types();
 
 // Design matrix.
 int GLM_define_basis_functions();
+// False while a command rebuilds a design already built (and warned about) with
+// other time constants, so that each step does not repeat the warnings.
+extern bool design_warnings;
 void GLM_describe_basis_functions();
 
 // Conditions, fitting and statistics.

@@ -8,8 +8,6 @@
 
 #include "kep.h"
 
-bool design_warnings = true;
-
 namespace {
 
 bool starts_with(const char *s, const char *prefix) { return strncmp(s, prefix, strlen(prefix)) == 0; }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "messages.h"
 #include "types.h"
 #include "util.h"
 
@@ -86,10 +87,8 @@ constexpr unsigned FLAG_COMPLEX_OUTPUT = 512;
 
 // Interpreter state.
 extern unsigned int flags;
-extern int fatal_error;
 extern int macro_running;
 extern int read_loop_running;
-extern char error_string[KEP_LINE];
 extern FILE *mode_file1;
 extern FILE *mode_file2;
 extern int com_argc;
@@ -121,10 +120,6 @@ extern float hist_bin_size;
 extern int hist_nbins;
 extern int *histogram;
 
-// Messages (kep-messages.cpp).
-int kep_text(int level, const char *text);
-// Formats into error_string and reports it at `level`.
-int kep_textf(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // Command loop (kep-front.cpp).
 int get_line_with_comment(FILE *file, char *buffer);

@@ -11,8 +11,8 @@ data_stack stack_of(int nx, int ny, int nz, float rx, float ry, float rz) {
   data_stack s;
   s.dim = {nx, ny, nz};
   s.resolution = {rx, ry, rz};
-  s.ijk_to_xyz = centered_ijk_to_xyz(s);
-  s.xyz_to_ijk = centered_xyz_to_ijk(s);
+  s.ijk_to_xyz = centered_ijk_to_xyz(s.resolution, s.dim);
+  s.xyz_to_ijk = centered_xyz_to_ijk(s.resolution, s.dim);
   return s;
 }
 
@@ -37,19 +37,19 @@ TEST(Geometry, GeneralAffineRowsAndLastRow) {
 TEST(Geometry, CentredVoxelsOfA64By64By20Stack) {
   const data_stack s = stack_of(64, 64, 20, 2, 2, 2);
   POINT3D p;
-  Convert_Voxel_to_Space(&p, 0, 0, 0, &s);
+  Convert_Voxel_to_Space(&p, 0, 0, 0, s.ijk_to_xyz);
   EXPECT_EQ(p.x, -63.0f);
   EXPECT_EQ(p.y, -63.0f);
   EXPECT_EQ(p.z, -19.0f);
-  Convert_rVoxel_to_Space(&p, 31.5f, 31.5f, 9.5f, &s);
+  Convert_rVoxel_to_Space(&p, 31.5f, 31.5f, 9.5f, s.ijk_to_xyz);
   EXPECT_EQ(p.x, 0.0f);
   EXPECT_EQ(p.y, 0.0f);
   EXPECT_EQ(p.z, 0.0f);
-  Convert_Space_to_rVoxel(&p, 0, 0, 0, &s);
+  Convert_Space_to_rVoxel(&p, 0, 0, 0, s.xyz_to_ijk);
   EXPECT_FLOAT_EQ(p.x, 31.5f);
   EXPECT_FLOAT_EQ(p.y, 31.5f);
   EXPECT_FLOAT_EQ(p.z, 9.5f);
-  Convert_Space_to_rVoxel(&p, -63, 63, 19, &s);
+  Convert_Space_to_rVoxel(&p, -63, 63, 19, s.xyz_to_ijk);
   EXPECT_NEAR(p.x, 0.0f, 1e-5);
   EXPECT_FLOAT_EQ(p.y, 63.0f);
   EXPECT_FLOAT_EQ(p.z, 19.0f);
@@ -58,16 +58,16 @@ TEST(Geometry, CentredVoxelsOfA64By64By20Stack) {
 TEST(Geometry, OddCentreIsOriginAndDirectionIgnored) {
   data_stack s = stack_of(5, 7, 3, 1.5f, 0.5f, 4);
   POINT3D p;
-  Convert_Voxel_to_Space(&p, 2, 3, 1, &s);
+  Convert_Voxel_to_Space(&p, 2, 3, 1, s.ijk_to_xyz);
   EXPECT_EQ(p.x, 0.0f);
   EXPECT_EQ(p.y, 0.0f);
   EXPECT_EQ(p.z, 0.0f);
-  Convert_Voxel_to_Space(&p, 4, 0, 2, &s);
+  Convert_Voxel_to_Space(&p, 4, 0, 2, s.ijk_to_xyz);
   EXPECT_EQ(p.x, 3.0f);
   EXPECT_EQ(p.y, -1.5f);
   EXPECT_EQ(p.z, 4.0f);
   s.direction = {-1, -1, -1};
-  const mat44 flipped = centered_ijk_to_xyz(s);
+  const mat44 flipped = centered_ijk_to_xyz(s.resolution, s.dim);
   for (int r = 0; r < 4; r++)
     for (int c = 0; c < 4; c++) EXPECT_EQ(flipped.m[r][c], s.ijk_to_xyz.m[r][c]);
 }
@@ -80,11 +80,11 @@ TEST(Geometry, GeneralAffineRoundTrip) {
   s.ijk_to_xyz = general_affine_to_mat44(r0, r1, r2);
   s.xyz_to_ijk = invert_mat44(s.ijk_to_xyz);
   POINT3D p, q;
-  Convert_Voxel_to_Space(&p, 3, 5, 2, &s);
+  Convert_Voxel_to_Space(&p, 3, 5, 2, s.ijk_to_xyz);
   EXPECT_EQ(p.x, 0.0f);
   EXPECT_EQ(p.y, 0.5f);
   EXPECT_EQ(p.z, 13.0f);
-  Convert_Space_to_rVoxel(&q, p.x, p.y, p.z, &s);
+  Convert_Space_to_rVoxel(&q, p.x, p.y, p.z, s.xyz_to_ijk);
   EXPECT_NEAR(q.x, 3.0f, 1e-5);
   EXPECT_NEAR(q.y, 5.0f, 1e-5);
   EXPECT_NEAR(q.z, 2.0f, 1e-5);

@@ -1,9 +1,11 @@
 // The one message routine and its shared buffer.
+#include "messages.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
-#include "kep.h"
+#include "util.h"
 
 char error_string[KEP_LINE];
 int fatal_error = 0;
