@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "fatal.h"
 #include "numerics.h"
 #include "util.h"
 
@@ -10,10 +11,8 @@ mat44 invert_mat44(mat44 m) {
   for (int r = 0; r < 4; r++)
     for (int c = 0; c < 4; c++) a[r][c] = m.m[r][c];
   int failing_row;
-  if (rInvertSquareMatrix(4, a, &failing_row) != 0) {
-    printf("failed on row %d\n", failing_row);
-    kep_exit(1);
-  }
+  if (rInvertSquareMatrix(4, a, &failing_row) != 0)
+    throw_fatal(fatal::on_stdout, "failed on row %d\n", failing_row);
   mat44 out;
   for (int r = 0; r < 4; r++)
     for (int c = 0; c < 4; c++) out.m[r][c] = a[r][c];

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "fatal.h"
 #include "io.h"
 #include "numerics.h"
 #include "util.h"
@@ -289,10 +290,7 @@ int replace_extension(char *name, int *type, const char *new_extension, char *re
   if (get_extension(name, type, extension)) return 1;
   snprintf(result, KEP_LINE, "%s", name);
   char *dot = strrchr(result, '.');
-  if (dot == nullptr) {
-    printf("Programming error in replace_extension.\n");
-    kep_exit(1);
-  }
+  if (dot == nullptr) throw_fatal(fatal::on_stdout, "Programming error in replace_extension.\n");
   size_t room = KEP_LINE - static_cast<size_t>(dot + 1 - result);
   snprintf(dot + 1, room, "%s", new_extension);
   return 0;
@@ -726,8 +724,11 @@ int read_nifti_header(const char *name, XD_HEADER *h) {
              static_cast<long>(NIFTI_HEADER_SIZE));
       return 1;
     }
-    fprintf(stderr, "\nError reading header file %s\n", header_name);
-    kep_exit(1);
+    fatal f;
+    f.text = std::string("\nError reading header file ") + header_name + "\n";
+    f.stream = fatal::on_stderr;
+    f.flush_stdout_first = false;  // as printed here before, ahead of what standard output holds
+    throw f;
   }
   int32_t sizeof_hdr = int_at(bytes), swapped_size = sizeof_hdr;
   swap_32(&swapped_size);
@@ -765,10 +766,9 @@ int decode_freesurfer_header_keyword(const char *line, XD_HEADER *h, float *corn
 
 int read_freesurfer_header(const char *name, XD_HEADER *h) {
   size_t len = strlen(name);
-  if (len == 0 || name[len - 1] != '_') {
-    printf("Programming error: file name should end with '_' in read_freesurfer_header\n");
-    kep_exit(1);
-  }
+  if (len == 0 || name[len - 1] != '_')
+    throw_fatal(fatal::on_stdout,
+                "Programming error: file name should end with '_' in read_freesurfer_header\n");
   h->file_type = FILE_FREESURFER;
   std::string stem(name, len - 1);
   std::string bhdr = stem + ".bhdr";

@@ -13,8 +13,9 @@
 //
 // Messages are printed on standard output; functions return 0 for success and
 // 1 for a reported error. A few conditions end the program (status 1) on
-// purpose: a TR that differs between runs, a NaN in a table, a data length
-// that does not match the model in GLM_fit_data, and inconsistent internal state.
+// purpose, by throwing a `fatal` (fatal.h) that carries the message: a TR that
+// differs between runs, a NaN in a table, a data length that does not match
+// the model in GLM_fit_data, and inconsistent internal state.
 #pragma once
 
 #include <string>

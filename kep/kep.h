@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kep-end.h"
 #include "messages.h"
 #include "types.h"
 #include "util.h"
@@ -120,7 +121,6 @@ extern float hist_bin_size;
 extern int hist_nbins;
 extern int *histogram;
 
-
 // Command loop (kep-front.cpp).
 int get_line_with_comment(FILE *file, char *buffer);
 int get_line(FILE *file, char *buffer);
@@ -153,8 +153,7 @@ int show_variable(int index);
 void show_all_variables();
 
 // Stacks (kep-stacks.cpp).
-data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
-                          int nt);
+data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz, int nt);
 // Same, but refuses sizes that overflow the sample count before touching
 // the registry: returns null after an error message.
 data_stack *install_stack_checked(const char *name, const data_stack *template_stack, long nx, long ny,
@@ -177,9 +176,7 @@ float volume_amp(const volume_list *vol, long n);
 float volume_phase(const volume_list *vol, long n);
 void check_stack_index(int x, int y, int z, int t, long index, const data_stack *stack);
 inline int index2d(int i, int j, const volume_list *vol) { return j * vol->dim.x + i; }
-inline int index3d(int i, int j, int k, const volume_list *vol) {
-  return k * vol->n2d + j * vol->dim.x + i;
-}
+inline int index3d(int i, int j, int k, const volume_list *vol) { return k * vol->n2d + j * vol->dim.x + i; }
 inline int index4d(int i, int j, int k, int t, const data_stack *s) {
   return t * s->n3d + k * s->n2d + j * s->dim.x + i;
 }

@@ -8,6 +8,8 @@
 #include <random>
 #include <string>
 
+#include "kep-end.h"
+
 // A regular expression matching exactly `text` and nothing more.
 inline std::string exactly(const std::string &text) {
   std::string re = "^";
@@ -19,13 +21,18 @@ inline std::string exactly(const std::string &text) {
 }
 
 // Runs `statement` in a child whose standard output is sent to standard
-// error, and expects it to print exactly `text` and end with status 1.
+// error, ending as the command loop ends on a fatal, and expects it to print
+// exactly `text` and end with status 1.
 #define EXPECT_FATAL_STDOUT(statement, text) \
   EXPECT_EXIT(                               \
       {                                      \
         fflush(stdout);                      \
         dup2(2, 1);                          \
-        statement;                           \
+        try {                                \
+          statement;                         \
+        } catch (const fatal &f) {           \
+          end_program(f);                    \
+        }                                    \
       },                                     \
       ::testing::ExitedWithCode(1), exactly(text))
 
