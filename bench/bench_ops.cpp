@@ -11,7 +11,10 @@
 #include <memory>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-front.h"
+#include "kep-session.h"
+#include "kep-stacks.h"
 
 namespace {
 

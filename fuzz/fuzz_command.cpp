@@ -4,7 +4,13 @@
 #include <cstring>
 #include <string>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
+#include "kep-macros.h"
+#include "kep-session.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 
 namespace {
 
@@ -34,12 +40,7 @@ bool allowed(const char *line) {
 }
 
 void reset() {
-  while (stack_root) free_stack(stack_root.get());
-  initialize_volume_list();
   initialize_global_variables();
-  read_loop_running = 0;
-  fatal_error = 0;
-  flags = 0;
   const int sizes[][4] = {{4, 4, 2, 3}, {4, 4, 2, 1}, {1, 1, 1, 1}, {3, 5, 1, 2}};
   const char *names[] = {"a", "b", "one", "odd"};
   for (int s = 0; s < 4; s++) {

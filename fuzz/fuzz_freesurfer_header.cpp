@@ -4,7 +4,9 @@
 
 #include "fuzz_support.h"
 #include "io.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-io.h"
+#include "kep-stacks.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kep_fuzz::in_scratch here;

@@ -9,7 +9,16 @@
 #include "util.h"
 
 char error_string[KEP_LINE];
-int fatal_error = 0;
+
+namespace {
+
+int every_error_fatal = 0;
+
+}  // namespace
+
+const int &fatal_error = every_error_fatal;
+
+void set_fatal_error(int on) { every_error_fatal = on; }
 
 int kep_text(int level, const char *text) {
   if (level < 0) level = 2;

@@ -3,9 +3,10 @@
 
 #include "types.h"
 
-// 1 while a command file runs: an error (level 2) then ends the program as a
-// fatal one does.
-extern int fatal_error;
+// 1 when every error is fatal (a command file named on the process's command
+// line): an error (level 2) then ends the program as a fatal one does.
+extern const int &fatal_error;
+void set_fatal_error(int on);
 // The text of the last kep_textf.
 extern char error_string[KEP_LINE];
 

@@ -9,7 +9,15 @@
 #include "glm-prototypes.h"
 #include "messages.h"
 
-bool design_warnings = true;
+namespace {
+
+bool warn_about_design = true;
+
+}  // namespace
+
+const bool &design_warnings = warn_about_design;
+
+void set_design_warnings(bool on) { warn_about_design = on; }
 
 namespace {
 

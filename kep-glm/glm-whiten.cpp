@@ -351,3 +351,12 @@ void GLM_reset_whitening() {
   for (int t = 0; t < nt; t++) std::memcpy(GLM.X_tc[t], unwhitened[t], sizeof(float) * nc);
   GLMInternal_form_fit_matrices();
 }
+
+void GLM_clear_whitening_caches() {
+  unwhitened = fmatrix{};
+  scratch_inverse = dmatrix{};
+  lagged = LaggedProducts{};
+  for (std::vector<double> *v : {&scratch_xtx, &scratch_copy, &fast_xtx, &fast_b, &fast_acc, &fast_startup,
+                                 &fast_m, &fast_fit, &fast_z, &fast_taps, &fast_y})
+    std::vector<double>().swap(*v);
+}

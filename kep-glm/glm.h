@@ -192,7 +192,8 @@ void GLM_describe_trial_types();
 int GLM_define_basis_functions();
 // False while a command rebuilds a design already built (and warned about) with
 // other time constants, so that each step does not repeat the warnings.
-extern bool design_warnings;
+extern const bool &design_warnings;
+void set_design_warnings(bool on);
 void GLM_describe_basis_functions();
 
 // Conditions, fitting and statistics.
@@ -215,6 +216,8 @@ void GLM_load_block_coefficients(int nvox, const float *beta, int v);
 // Puts the unwhitened design back in use (AR order 0 in effect), as the basis
 // functions left it: a whitened refit leaves the last voxel's filter behind.
 void GLM_reset_whitening();
+// Forgets the calling thread's unwhitened design, lagged products and scratch.
+void GLM_clear_whitening_caches();
 int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
                     float *p_corrected, float *effect, float *effect_error);
 // The part of GLM_calculate_F before any p: F in double precision, the signed

@@ -1,11 +1,16 @@
 // Averages of listed volumes into new stacks, and image-space Gaussian smoothing.
+#include "kep-average.h"
+
 #include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "kep-util.h"
 
 namespace {

@@ -1,15 +1,21 @@
 // Volume lists and the argument decoders of the commands.
+#include "kep-decode.h"
+
 #include <cstdio>
 #include <cstring>
 #include <deque>
 #include <string>
 
-#include "kep-prototypes.h"
-
-volume_list *volume_list_root = nullptr;
-volume_list *comparison_list_root = nullptr;
+#include "kep.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 
 namespace {
+
+volume_list *main_root = nullptr;
+volume_list *comparison_root = nullptr;
+std::vector<int> slice_order_values;
+std::vector<float> map_array_values;
 
 // Node storage of the two lists; deque keeps node addresses stable.
 std::deque<volume_list> main_nodes;
@@ -94,11 +100,20 @@ const char *next_file_word(const char *text, char *word, size_t *quoted) {
   return skip_blanks(p);
 }
 
+volume_list *const &volume_list_root = main_root;
+volume_list *const &comparison_list_root = comparison_root;
+
 void initialize_volume_list() {
   main_nodes.clear();
   comparison_nodes.clear();
-  volume_list_root = nullptr;
-  comparison_list_root = nullptr;
+  main_root = nullptr;
+  comparison_root = nullptr;
+}
+
+void reset_decode() {
+  initialize_volume_list();
+  slice_order_values.clear();
+  map_array_values.clear();
 }
 
 int count_volume_list(const volume_list *root) {
@@ -177,7 +192,7 @@ int decode_subset(const char *subset, int nt, std::vector<int> &numbers) {
 
 int decode_volume_list(int kind, char *text) {
   std::deque<volume_list> &nodes = kind == 0 ? main_nodes : comparison_nodes;
-  volume_list *&root = kind == 0 ? volume_list_root : comparison_list_root;
+  volume_list *&root = kind == 0 ? main_root : comparison_root;
   nodes.clear();
   root = nullptr;
   volume_list *tail = nullptr;
@@ -480,34 +495,31 @@ std::vector<T> leading_numbers(const char *text, const char *format) {
 
 }  // namespace
 
+const std::vector<int> &slice_order = slice_order_values;
+const std::vector<float> &map_array = map_array_values;
+
+void set_slice_order(std::vector<int> order) { slice_order_values = std::move(order); }
+
 int read_slice_order(const char *text) {
-  free_int_vector(slice_order);
-  slice_order = nullptr;
-  nslice_order = 0;
+  slice_order_values.clear();
   std::vector<int> values = leading_numbers<int>(text, "%d");
   if (values.size() < 2) {
     kep_text(0, "Fewer than 2 values were successfully read; slice_order = NULL.");
     return 1;
   }
-  slice_order = int_vector(static_cast<long>(values.size()));
-  for (size_t i = 0; i < values.size(); i++) slice_order[i] = values[i];
-  nslice_order = static_cast<int>(values.size());
-  printf("%d values were read for the slice order.\n", nslice_order);
+  slice_order_values = std::move(values);
+  printf("%d values were read for the slice order.\n", static_cast<int>(slice_order.size()));
   return 0;
 }
 
 int read_map_array(const char *text) {
-  free_float_vector(map_array);
-  map_array = nullptr;
-  nmap_array = 0;
+  map_array_values.clear();
   std::vector<float> values = leading_numbers<float>(text, "%f");
   if (values.size() < 2) {
     kep_text(2, "Fewer than 2 values were successfully read.");
     return 1;
   }
-  map_array = float_vector(static_cast<long>(values.size()));
-  for (size_t i = 0; i < values.size(); i++) map_array[i] = values[i];
-  nmap_array = static_cast<int>(values.size());
-  printf("%d values were read for the map array.\n", nmap_array);
+  map_array_values = std::move(values);
+  printf("%d values were read for the map array.\n", static_cast<int>(map_array.size()));
   return 0;
 }

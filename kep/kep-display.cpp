@@ -7,7 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-ovl.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "kep-util.h"
 
 namespace {

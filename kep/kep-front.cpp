@@ -1,4 +1,6 @@
 // The command loop: reading lines, `$` substitution, command files, dispatch.
+#include "kep-front.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -8,18 +10,20 @@
 
 #include "kep-interrupt.h"
 #include "kep-lineedit.h"
-#include "kep-prototypes.h"
-
-FILE *mode_file1 = nullptr;
-FILE *mode_file2 = nullptr;
-int com_argc = 0;
-static char argv0[KEP_LINE], argv1[KEP_LINE], argv2[KEP_LINE], argv3[KEP_LINE], argv4[KEP_LINE],
-    argv5[KEP_LINE], argv6[KEP_LINE], argv7[KEP_LINE], argv8[KEP_LINE], argv9[KEP_LINE];
-char *com_argv[10] = {argv0, argv1, argv2, argv3, argv4, argv5, argv6, argv7, argv8, argv9};
-int macro_running = 0;
-int read_loop_running = 0;
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-macros.h"
+#include "kep-session.h"
+#include "kep-variables.h"
 
 namespace {
+
+FILE *first_file = nullptr;   // `mode_file1`
+FILE *nested_file = nullptr;  // `mode_file2`
+int passed_count = 0;         // `com_argc`
+char argv0[KEP_LINE], argv1[KEP_LINE], argv2[KEP_LINE], argv3[KEP_LINE], argv4[KEP_LINE], argv5[KEP_LINE],
+    argv6[KEP_LINE], argv7[KEP_LINE], argv8[KEP_LINE], argv9[KEP_LINE];
+int macro_line = 0;  // `macro_running`
 
 // True while the first-level file is the one named on the process's command
 // line, whose `$` words come from the process's own arguments.
@@ -28,6 +32,25 @@ bool process_words = false;
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
+
+FILE *const &mode_file1 = first_file;
+FILE *const &mode_file2 = nested_file;
+const int &com_argc = passed_count;
+char *const com_argv[10] = {argv0, argv1, argv2, argv3, argv4, argv5, argv6, argv7, argv8, argv9};
+const int &macro_running = macro_line;
+
+void set_macro_running(int on) { macro_line = on; }
+
+void reset_front() {
+  if (nested_file != nullptr) fclose(nested_file);
+  if (first_file != nullptr) fclose(first_file);
+  nested_file = first_file = nullptr;
+  set_flag(FLAG_MODE_FILE1, false);
+  set_flag(FLAG_MODE_FILE2, false);
+  passed_count = 0;
+  process_words = false;
+  macro_line = 0;
+}
 
 int get_line(FILE *file, char *buffer) {
   if (fgets(buffer, KEP_LINE, file) == nullptr) {
@@ -48,7 +71,7 @@ const char *next_non_white(const char *text) {
   return text;
 }
 
-int replace_passed_arguments(char *line, int count, char **words) {
+int replace_passed_arguments(char *line, int count, char *const *words) {
   std::string out;
   for (const char *p = line; *p != '\0'; p++) {
     if (*p != '$') {
@@ -75,7 +98,7 @@ int replace_passed_arguments(char *line, int count, char **words) {
 }
 
 void strip_com_arguments(const char *text) {
-  com_argc = 2;
+  passed_count = 2;
   snprintf(com_argv[0], KEP_LINE, "read");
   const char *p = next_file_word(text, com_argv[1]);
   for (int slot = 2; slot < 10; slot++) {
@@ -83,7 +106,7 @@ void strip_com_arguments(const char *text) {
     const char *rest = p ? next_file_word(p, com_argv[slot]) : nullptr;
     if (rest == nullptr) com_argv[slot][0] = '\0';
     p = rest;
-    com_argc++;
+    passed_count++;
   }
 }
 
@@ -98,11 +121,11 @@ int open_command_file(const char *name) {
     return 0;
   }
   if (flags & FLAG_MODE_FILE1) {
-    mode_file2 = file;
-    flags |= FLAG_MODE_FILE2;
+    nested_file = file;
+    set_flag(FLAG_MODE_FILE2, true);
   } else {
-    mode_file1 = file;
-    flags |= FLAG_MODE_FILE1;
+    first_file = file;
+    set_flag(FLAG_MODE_FILE1, true);
     process_words = false;
   }
   return 0;
@@ -138,8 +161,8 @@ void suggest_commands(const char *word) {
   constexpr int limit = 2;
   int best = limit + 1;
   std::vector<const char *> names;
-  for (int i = 0; i <= NUMBER_OF_COMMANDS; i++) {
-    const char *name = i < NUMBER_OF_COMMANDS ? command_name(i) : "reorder-interleaved-slices";
+  for (int i = 0; i < command_word_count(); i++) {
+    const char *name = command_word(i);
     const int d = edit_distance(word, name, limit);
     if (d < best) names.clear(), best = d;
     if (d == best && d <= limit) names.push_back(name);
@@ -186,16 +209,16 @@ int settle_command(int is_macro, bool from_file, const char *word, int decoded, 
 int do_command(int is_macro, const char *line) {
   if (is_macro == 1) {
     printf("macro>> %s", line);
-    macro_running = 1;
+    macro_line = 1;
   } else {
-    macro_running = 0;
+    macro_line = 0;
   }
   char word[KEP_LINE];
   const char *rest = next_word(line, word);
   if (rest == nullptr || word[0] == '(') return 0;
   std::string arguments = next_non_white(rest);
   int index = interpret_command(0, word);
-  if (read_loop_running == 1 && strcmp(word, "end-loop") != 0 && strcmp(word, "mode") != 0) {
+  if (read_loop_running == 1 && !command_has(index, RUNS_IN_READ_LOOP)) {
     store_read_loop_command(line);
     return 0;
   }
@@ -203,24 +226,8 @@ int do_command(int is_macro, const char *line) {
   kep_batch_run = from_file ? 1 : 0;
   stack_snapshot before;
   if (is_macro == 0) before.take();
-  if (index == 54 || index == 55) {
-    char name[KEP_LINE];
-    const char *value = next_word(arguments.c_str(), name);
-    if (index == 55) {
-      if (value != nullptr)
-        show_variable(interpret_command(1, name));
-      else
-        show_all_variables();
-      return 0;
-    }
-    int result = 1;
-    if (value == nullptr) {
-      kep_text(2, "Syntax = `set [variable name] [value]'.");
-    } else {
-      std::string text = next_non_white(value);
-      if (from_file && !text.empty() && text.back() == '\n') text.pop_back();
-      result = set_variable(interpret_command(1, name), text.c_str());
-    }
+  if (command_has(index, TAKES_RAW_LINE)) {
+    const int result = run_raw_line_command(index, arguments.c_str());
     settle_command(is_macro, from_file, word, 0, result != 0, before);
     return result;
   }
@@ -236,10 +243,10 @@ namespace {
   initialize_global_variables();
   install_interrupt_handler();
   if (argc > 1) {
-    fatal_error = 1;
-    mode_file1 = fopen(argv[1], "r");
-    if (mode_file1 == nullptr) kep_textf(3, "I cannot open the kep command file %s.", argv[1]);
-    flags |= FLAG_MODE_FILE1;
+    set_fatal_error(1);
+    first_file = fopen(argv[1], "r");
+    if (first_file == nullptr) kep_textf(3, "I cannot open the kep command file %s.", argv[1]);
+    set_flag(FLAG_MODE_FILE1, true);
     process_words = true;
   }
   char line[KEP_LINE];
@@ -255,17 +262,17 @@ namespace {
     }
     if (flags & FLAG_MODE_FILE2) {
       if (!get_line_with_comment(mode_file2, line)) {
-        fclose(mode_file2);
-        mode_file2 = nullptr;
-        flags &= ~FLAG_MODE_FILE2;
+        fclose(nested_file);
+        nested_file = nullptr;
+        set_flag(FLAG_MODE_FILE2, false);
         continue;
       }
       if (replace_passed_arguments(line, com_argc, com_argv)) continue;
     } else {
       if (!get_line_with_comment(mode_file1, line)) {
-        fclose(mode_file1);
-        mode_file1 = nullptr;
-        flags &= ~FLAG_MODE_FILE1;
+        fclose(first_file);
+        first_file = nullptr;
+        set_flag(FLAG_MODE_FILE1, false);
         process_words = false;
         continue;
       }

@@ -9,7 +9,8 @@
 #include <string>
 
 #include "glm.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
 
 namespace {
 

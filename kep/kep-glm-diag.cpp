@@ -10,7 +10,8 @@
 
 #include "glm.h"
 #include "kep-glm-frame.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-variables.h"
 #include "kep-warnings.h"
 #include "tails.h"
 
@@ -121,9 +122,9 @@ class ResponseTiming {
     for (const auto &[e, tau] : events_)
       if (GLM_set_event_tau(e, factor == 1.0 ? tau : static_cast<float>(tau * factor))) return 1;
     int count = 0;
-    design_warnings = false;
+    set_design_warnings(false);
     const int failed = GLM_define_basis_functions();
-    design_warnings = true;
+    set_design_warnings(true);
     if (failed) return 1;
     return GLM_define_conditions(1, GLM_input.condition_string, &count);
   }

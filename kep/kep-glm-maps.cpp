@@ -11,7 +11,8 @@
 
 #include "glm.h"
 #include "kep-glm-frame.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-variables.h"
 #include "tails.h"
 
 namespace {

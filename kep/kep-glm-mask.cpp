@@ -6,7 +6,9 @@
 #include <cstring>
 
 #include "kep-glm-frame.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 
 namespace {
 

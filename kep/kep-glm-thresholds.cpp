@@ -15,7 +15,9 @@
 #include "kep-glm-frame.h"
 #include "kep-glm-maps.h"
 #include "kep-ovl.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "numerics.h"
 
 namespace {

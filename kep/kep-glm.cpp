@@ -9,6 +9,8 @@
 // autocorrelations, which are smoothed in image space by AR_smooth_mm; the
 // second whitens each voxel with its own smoothed coefficients and refits.
 // All-zero voxels (outside the head) are skipped by both passes and get zeros.
+#include "kep-glm.h"
+
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -20,7 +22,12 @@
 #include "glm.h"
 #include "kep-glm-frame.h"
 #include "kep-interrupt.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-average.h"
+#include "kep-decode.h"
+#include "kep-ovl.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "threads.h"
 
 namespace {
@@ -323,12 +330,12 @@ void store(data_stack *out, int volume, long v, float value) {
 
 class Baseline : public VoxelStep {
  public:
-  Baseline(const Frame &f, int kind) : f_(f), kind_(kind) {}
+  Baseline(const Frame &f, BaselineStep kind) : f_(f), kind_(kind) {}
   int voxel(long v, float *data, float *fit, float, bool skipped, float *) override {
     if (!skipped) {
       float mean = 0.0f;
-      int r = kind_ == 0 ? GLM_remove_baseline(0, f_.nt, data, fit)
-                         : GLM_correct_baseline(f_.nt, data, fit, &mean);
+      int r = kind_ == BaselineStep::Remove ? GLM_remove_baseline(0, f_.nt, data, fit)
+                                            : GLM_correct_baseline(f_.nt, data, fit, &mean);
       if (r) return 1;
     }
     for (int k = 0; k < f_.nt; k++) const_cast<FCOMPLEX *>(f_.volume[k])[v] = {data[k], 0.0f};
@@ -337,7 +344,7 @@ class Baseline : public VoxelStep {
 
  private:
   const Frame &f_;
-  int kind_;
+  BaselineStep kind_;
 };
 
 class Residue : public VoxelStep {
@@ -473,7 +480,7 @@ data_stack *glm_create_map(const Frame &f, const char *name, int volumes) {
   return create_map(f, name, volumes);
 }
 
-int glm_remove_or_correct_baseline(int kind) {
+int glm_remove_or_correct_baseline(BaselineStep kind) {
   Frame f;
   if (open_frame(f, false)) return 1;
   Baseline step(f, kind);
@@ -506,25 +513,16 @@ int glm_fit_events(const char *name) {
 
   long marked = 0;
   for (char m : step.mark) marked += m;
-  free_ipoint3d_vector(overlay.voxel);
-  free_float_vector(overlay.weight);
-  overlay.voxel = nullptr;
-  overlay.weight = nullptr;
-  overlay.nvoxels = 0;
-  if (marked > 0) {
-    overlay.voxel = ipoint3d_vector(marked);
-    overlay.weight = float_vector(marked);
-  }
+  std::vector<IPOINT3D> voxels;
+  voxels.reserve(static_cast<size_t>(marked));
   const long n2d = f.stack->n2d, nx = f.stack->dim.x;
-  long n = 0;
   for (long v = 0; v < f.nvox; v++) {
     if (!step.mark[v]) continue;
     const long z = v / n2d, y = (v - n2d * z) / nx;
-    overlay.voxel[n] = {static_cast<int>(v - n2d * z - nx * y), static_cast<int>(y), static_cast<int>(z)};
-    overlay.weight[n] = 1.0f;
-    n++;
+    voxels.push_back({static_cast<int>(v - n2d * z - nx * y), static_cast<int>(y), static_cast<int>(z)});
   }
-  overlay.nvoxels = static_cast<int>(n);
+  std::vector<float> weights(voxels.size(), 1.0f);
+  set_overlay(std::move(voxels), std::move(weights));
   printf("\nAn overlay of %d voxels was defined.\n", overlay.nvoxels);
   for (int e = 0; e < nevents; e++)
     printf("hist[%d] = %d for event %d%s\n", e, step.hist[e], GLM_get_event_number(e),

@@ -1,4 +1,6 @@
 // The help menu reader and the paged help text.
+#include "kep-help.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -6,7 +8,9 @@
 #include <vector>
 
 #include "kep-interrupt.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
 
 namespace {
 

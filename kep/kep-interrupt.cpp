@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "kep.h"
+#include "kep-stacks.h"
 
 volatile sig_atomic_t kep_interrupt_requested = 0;
 

@@ -18,10 +18,17 @@
 
 #include "io.h"
 #include "kep-io.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "numerics.h"
 
+namespace {
+
 std::unique_ptr<volume_file> output_file_root;
+
+}  // namespace
 
 namespace {
 
@@ -133,7 +140,20 @@ void warn_geometry(const data_stack *s, const volume_file *e, bool exact) {
   }
 }
 
+// A stack whose matrix is rotated and still sits at its origin: a matrix
+// that an operation left behind the grid is never written.
+bool carries_rotation(const data_stack *s) {
+  const mat44 &m = s->ijk_to_xyz;
+  bool off = false;
+  for (int r = 0; r < 3; r++)
+    for (int c = 0; c < 3; c++) off = off || (r != c && m.m[r][c] != 0.0f);
+  return s->off_diagonal && off && m.m[0][3] == s->origin.x && m.m[1][3] == s->origin.y &&
+         m.m[2][3] == s->origin.z;
+}
+
 void take_geometry(volume_file *e, const data_stack *s) {
+  e->rotated = carries_rotation(s);
+  e->ijk_to_xyz = s->ijk_to_xyz;
   e->resolution = s->resolution;
   e->origin = s->origin;
   e->direction = s->direction;
@@ -185,9 +205,10 @@ nifti_1_header nifti_header_for(int format, int storage, const volume_file *e) {
   const bool pairs = complex_output();
   n.datatype = pairs ? NIFTI_COMPLEX64 : storage == STORAGE_FLOAT ? NIFTI_FLOAT32 : NIFTI_INT16;
   n.bitpix = pairs ? 64 : 32;
-  const mat44 m =
-      scale_and_shift_to_mat44(e->resolution.x, e->resolution.y, e->resolution.z, e->origin.x, e->origin.y,
-                               e->origin.z, e->direction.x, e->direction.y, e->direction.z);
+  const mat44 m = e->rotated ? e->ijk_to_xyz
+                             : scale_and_shift_to_mat44(e->resolution.x, e->resolution.y, e->resolution.z,
+                                                        e->origin.x, e->origin.y, e->origin.z, e->direction.x,
+                                                        e->direction.y, e->direction.z);
   float dx, dy, dz, qfac;
   nifti_mat44_to_quatern(m, &n.quatern_b, &n.quatern_c, &n.quatern_d, &n.qoffset_x, &n.qoffset_y,
                          &n.qoffset_z, &dx, &dy, &dz, &qfac);
@@ -201,12 +222,18 @@ nifti_1_header nifti_header_for(int format, int storage, const volume_file *e) {
   memcpy(n.descrip, e->description, sizeof n.descrip);
   n.qform_code = 1;
   n.sform_code = nifti_method == 2 ? 0 : 1;
-  const float sx[4] = {e->resolution.x * e->direction.x, 0.0f, 0.0f, e->origin.x};
-  const float sy[4] = {0.0f, e->resolution.y * e->direction.y, 0.0f, e->origin.y};
-  const float sz[4] = {0.0f, 0.0f, e->resolution.z * e->direction.z, e->origin.z};
-  memcpy(n.srow_x, sx, sizeof sx);
-  memcpy(n.srow_y, sy, sizeof sy);
-  memcpy(n.srow_z, sz, sizeof sz);
+  if (e->rotated) {
+    memcpy(n.srow_x, m.m[0], sizeof n.srow_x);
+    memcpy(n.srow_y, m.m[1], sizeof n.srow_y);
+    memcpy(n.srow_z, m.m[2], sizeof n.srow_z);
+  } else {
+    const float sx[4] = {e->resolution.x * e->direction.x, 0.0f, 0.0f, e->origin.x};
+    const float sy[4] = {0.0f, e->resolution.y * e->direction.y, 0.0f, e->origin.y};
+    const float sz[4] = {0.0f, 0.0f, e->resolution.z * e->direction.z, e->origin.z};
+    memcpy(n.srow_x, sx, sizeof sx);
+    memcpy(n.srow_y, sy, sizeof sy);
+    memcpy(n.srow_z, sz, sizeof sz);
+  }
   memcpy(n.magic, format == FILE_NII ? "n+1" : "ni1", 4);
   return n;
 }

@@ -1,4 +1,6 @@
 // Reading volume files into stacks.
+#include "kep-io.h"
+
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -17,12 +19,14 @@
 
 #include "io.h"
 #include "kep-interrupt.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "kep-read.h"
 
-data_stack registration_distortions;
-
 namespace {
+
+data_stack distortion_fields;
 
 constexpr int STATUS_READ = 4;  // set on every stack made from a file
 
@@ -409,7 +413,12 @@ void set_read_geometry(data_stack *s, const XD_HEADER &h) {
   memcpy(s->description, h.description, sizeof s->description);
 }
 
-void clear_registration_distortions() { registration_distortions = data_stack{}; }
+const data_stack &registration_distortions = distortion_fields;
+
+void reset_io() {
+  distortion_fields = data_stack{};
+  last_packed = packed_stream{};
+}
 
 int read_xdisplay_file(const char *file_name, const char *stack_name, const char *subset) {
   XD_HEADER h;
@@ -473,7 +482,7 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
 
   data_stack *target = nullptr;
   if (distortions) {
-    target = &registration_distortions;
+    target = &distortion_fields;
     snprintf(target->name, sizeof target->name, "%s", stack_name);
     target->dim = h.dim;
     target->nt = count;

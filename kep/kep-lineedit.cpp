@@ -14,6 +14,10 @@
 
 #include "kep-interrupt.h"
 #include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 
 #ifdef KEP_HAVE_READLINE
 #include <readline/history.h>
@@ -59,14 +63,13 @@ char *next_candidate(const char *text, int state) {
   size_t len = strlen(text);
   switch (source) {
     case Source::Commands:
-      while (index < NUMBER_OF_COMMANDS + 1) {
-        const char *name = index < NUMBER_OF_COMMANDS ? command_name(index) : "reorder-interleaved-slices";
-        index++;
+      while (index < command_word_count()) {
+        const char *name = command_word(index++);
         if (strncmp(name, text, len) == 0) return strdup(name);
       }
       return nullptr;
     case Source::Variables:
-      while (index < NUMBER_OF_VARIABLES) {
+      while (index < variable_count()) {
         const char *name = variable_name(index++);
         if (strncmp(name, text, len) == 0) return strdup(name);
       }

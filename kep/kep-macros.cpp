@@ -1,5 +1,7 @@
 // Read loops and macros: features that generate command lines and run them
 // through do_command as macro lines.
+#include "kep-macros.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -8,7 +10,11 @@
 
 #include "glm.h"
 #include "io.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "kep-read.h"
 
 namespace {
@@ -25,6 +31,7 @@ char looplist_name[KEP_LINE];
 int number_time_points = 0;
 int number_bytes_per_point = 0;
 bool loop_defined = false;
+int loop_running = 0;  // `read_loop_running`
 
 // Writes the next chunk's read command into `out` and advances `position`.
 void create_read_command(const std::vector<int> &numbers, int chunk, size_t &position, std::string &out) {
@@ -50,6 +57,18 @@ void create_read_command(const std::vector<int> &numbers, int chunk, size_t &pos
 }
 
 }  // namespace
+
+const int &read_loop_running = loop_running;
+
+void set_read_loop_running(int on) { loop_running = on; }
+
+void reset_macros() {
+  loop_commands.clear();
+  loopfile_name[0] = loopstack_name[0] = looplist_name[0] = '\0';
+  number_time_points = number_bytes_per_point = 0;
+  loop_defined = false;
+  loop_running = 0;
+}
 
 int initialize_read_loop(int, const char *file, const char *stack, const char *subset) {
   loop_commands.clear();

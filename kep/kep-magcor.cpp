@@ -1,9 +1,14 @@
 // Intensity corrections in place: a constant baseline taken from the edges
 // of the field of view, and rescaling to a target maximum or mean amplitude.
+#include "kep-magcor.h"
+
 #include <cmath>
 #include <cstdio>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-ovl.h"
+#include "kep-stacks.h"
 #include "kep-util.h"
 
 namespace {

@@ -1,12 +1,17 @@
 // Parametric maps fitted voxel by voxel over the listed volumes: SNR after a
 // polynomial baseline, and mono-exponential decays (T2, diffusion).
+#include "kep-maps.h"
+
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "kep-util.h"
 #include "numerics.h"
 
@@ -35,6 +40,10 @@ int install_maps(const char *name, const data_stack *template_stack, IPOINT3D di
   geometry_source.resolution_t = template_stack->resolution_t;
   geometry_source.origin = template_stack->origin;
   geometry_source.direction = template_stack->direction;
+  geometry_source.dim = template_stack->dim;
+  geometry_source.ijk_to_xyz = template_stack->ijk_to_xyz;
+  geometry_source.xyz_to_ijk = template_stack->xyz_to_ijk;
+  geometry_source.off_diagonal = template_stack->off_diagonal;
   geometry_source.status = template_stack->status;
   geometry_source.registration = template_stack->registration;
   geometry_source.lDOF = template_stack->lDOF;
@@ -49,7 +58,7 @@ int install_maps(const char *name, const data_stack *template_stack, IPOINT3D di
 
 }  // namespace
 
-void forget_decay_map_reminder() { decay_reminder_given = false; }
+void reset_maps() { decay_reminder_given = false; }
 
 int map_snr(const char *name) {
   IPOINT3D dim{0, 0, 0};
@@ -99,13 +108,14 @@ int map_snr(const char *name) {
   return 0;
 }
 
-int map_t2(int kind, const char *name) {
+int map_t2(DecayMap kind, const char *name) {
   IPOINT3D dim{0, 0, 0};
   int n = 0;
   if (inconsistent_3d_dimensions(&dim, &n)) return 1;
   if (volume_list_root == nullptr) return 1;
-  const char *what = kind ? "T2" : "ADC";
-  const char *abscissa = kind ? "TE" : "b";
+  const bool t2 = kind == DecayMap::T2;
+  const char *what = t2 ? "T2" : "ADC";
+  const char *abscissa = t2 ? "TE" : "b";
   const bool first_call = !decay_reminder_given;
   if (first_call) {
     decay_reminder_given = true;
@@ -115,6 +125,7 @@ int map_t2(int kind, const char *name) {
     return 1;
   }
   // Even the unchecked first call needs a value for every volume.
+  const int nmap_array = static_cast<int>(map_array.size());
   if ((!first_call && n != nmap_array) || n > nmap_array) {
     printf("Error: # of time points (%d) != number of %s values (%d).\n", n, abscissa, nmap_array);
     printf("Use `set map-array ...'\n");
@@ -123,7 +134,7 @@ int map_t2(int kind, const char *name) {
   if (n == 2) printf("The %s map will be calculated (not fit) from 2 points.\n", what);
 
   std::vector<float> x(static_cast<size_t>(n)), y(static_cast<size_t>(n));
-  for (int i = 0; i < n; i++) x[static_cast<size_t>(i)] = map_array[i] * array_scale + array_offset;
+  for (int i = 0; i < n; i++) x[static_cast<size_t>(i)] = map_array[static_cast<size_t>(i)] * array_scale + array_offset;
   const float low = filter_range.x, high = filter_range.y;
   const bool filter_on = high >= low;
 
@@ -163,7 +174,7 @@ int map_t2(int kind, const char *name) {
   if (!(flags & FLAG_QUIET)) {
     // No fit at all counts as nothing filtered rather than 0/0.
     printf("Of %d fits, %f %c were filtered.\n", fits, fits > 0 ? 100.0 * filtered / fits : 0.0, '%');
-    if (kind)
+    if (t2)
       printf("The map stack contains 3 images in the order R2, T2, S0.\n");
     else
       printf("The map stack contains 3 images in the order ACD, 1/ADC, S0.\n");

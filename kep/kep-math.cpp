@@ -1,16 +1,18 @@
 // Voxel-wise arithmetic on the listed volumes: with a constant, with one
 // reference volume, with a whole reference stack; absolute value, arc
 // tangent of a ratio and the fractional blood volume maps.
+#include "kep-math.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "kep-util.h"
 
 namespace {
-
-enum { kSubtract = 0, kAdd = 1, kDivide = 2, kMultiply = 3, kAtanOrLn = 4, kExp = 5 };
 
 bool polar(const data_stack *s) { return s != nullptr && (s->status & STATUS_POLAR) != 0; }
 
@@ -32,19 +34,27 @@ void apply_each(float *p, long count, long stride, Op op) {
   }
 }
 
-void constant_on_volume(int operation, float k, float *p, long floats, long stride) {
+void constant_on_volume(Arithmetic operation, float k, float *p, long floats, long stride) {
   switch (operation) {
-    case kSubtract: apply_each(p, floats, stride, [k](float a) { return a - k; }); break;
-    case kAdd: apply_each(p, floats, stride, [k](float a) { return a + k; }); break;
-    case kDivide: apply_each(p, floats, stride, [k](float a) { return a / k; }); break;
-    case kMultiply: apply_each(p, floats, stride, [k](float a) { return a * k; }); break;
-    case kAtanOrLn:
+    case Arithmetic::Subtract:
+      apply_each(p, floats, stride, [k](float a) { return a - k; });
+      break;
+    case Arithmetic::Add:
+      apply_each(p, floats, stride, [k](float a) { return a + k; });
+      break;
+    case Arithmetic::Divide:
+      apply_each(p, floats, stride, [k](float a) { return a / k; });
+      break;
+    case Arithmetic::Multiply:
+      apply_each(p, floats, stride, [k](float a) { return a * k; });
+      break;
+    case Arithmetic::Ln:
       apply_each(p, floats, stride, [k](float a) {
         long double r = static_cast<long double>(a) / k;
         return r > 0 ? static_cast<float>(logl(r)) : 0.0f;
       });
       break;
-    case kExp:
+    case Arithmetic::Exp:
       apply_each(p, floats, stride, [k](float a) { return static_cast<float>(expl(static_cast<long double>(a) / k)); });
       break;
     default: break;
@@ -77,21 +87,22 @@ void pairwise(FCOMPLEX *__restrict a, const FCOMPLEX *__restrict c, long n, F f)
 
 // Combines n samples of a with those of c in place. `componentwise` selects
 // the per-part product and quotient used for polar data.
-void combine(int operation, bool componentwise, FCOMPLEX *__restrict a, const FCOMPLEX *__restrict c, long n) {
+void combine(Arithmetic operation, bool componentwise, FCOMPLEX *__restrict a, const FCOMPLEX *__restrict c,
+             long n) {
   switch (operation) {
-    case kSubtract:
+    case Arithmetic::Subtract:
       pairwise(a, c, n, [](FCOMPLEX &x, const FCOMPLEX &y) {
         x.real -= y.real;
         x.imag -= y.imag;
       });
       break;
-    case kAdd:
+    case Arithmetic::Add:
       pairwise(a, c, n, [](FCOMPLEX &x, const FCOMPLEX &y) {
         x.real += y.real;
         x.imag += y.imag;
       });
       break;
-    case kMultiply:
+    case Arithmetic::Multiply:
       if (componentwise) {
         pairwise(a, c, n, [](FCOMPLEX &x, const FCOMPLEX &y) {
           x.real *= y.real;
@@ -106,7 +117,7 @@ void combine(int operation, bool componentwise, FCOMPLEX *__restrict a, const FC
         });
       }
       break;
-    case kDivide:
+    case Arithmetic::Divide:
       if (componentwise) {
         pairwise(a, c, n, [](FCOMPLEX &x, const FCOMPLEX &y) {
           x.real = y.real == 0.0f ? 0.0f : x.real / y.real;
@@ -122,8 +133,9 @@ void combine(int operation, bool componentwise, FCOMPLEX *__restrict a, const FC
 
 }  // namespace
 
-int arithmetic_function_constant(int operation, float value) {
-  if ((operation == kDivide || operation == kAtanOrLn || operation == kExp) && value == 0.0f) {
+int arithmetic_function_constant(Arithmetic operation, float value) {
+  if ((operation == Arithmetic::Divide || operation == Arithmetic::Ln || operation == Arithmetic::Exp) &&
+      value == 0.0f) {
     kep_text(2, "You are attempting division by zero.");
     return 1;
   }
@@ -132,7 +144,7 @@ int arithmetic_function_constant(int operation, float value) {
   return 0;
 }
 
-int arithmetic_function(int operation) {
+int arithmetic_function(Arithmetic operation) {
   if (count_volume_list(comparison_list_root) != 1) {
     kep_text(2, "The first argument to an arithmetic function must be a SINGLE volume.");
     return 1;
@@ -154,7 +166,7 @@ int arithmetic_function(int operation) {
   memcpy(c.get(), ref->SpaceTime.fcData, sizeof(FCOMPLEX) * n);
   // One polar test for the whole list, taken from its last node.
   const bool componentwise = polar(last->stack);
-  if (operation == kAtanOrLn) {
+  if (operation == Arithmetic::Atan) {
     const bool ref_real = ref->stack != nullptr && (ref->stack->status & (STATUS_POLAR | STATUS_MAP));
     for (volume_list *v = volume_list_root; v; v = v->next) {
       const bool real = v->stack != nullptr && (v->stack->status & (STATUS_POLAR | STATUS_MAP));
@@ -171,7 +183,7 @@ int arithmetic_function(int operation) {
   return 0;
 }
 
-int arithmetic_function_on_stacks(int operation) {
+int arithmetic_function_on_stacks(Arithmetic operation) {
   if (comparison_list_root == nullptr || volume_list_root == nullptr) return 1;
   const data_stack *ref = comparison_list_root->stack;
   std::vector<data_stack *> stacks = stacks_in_list(volume_list_root);
@@ -191,7 +203,7 @@ int arithmetic_function_on_stacks(int operation) {
       c = copy.get();
     }
     // Products of whole stacks are always complex products.
-    const bool componentwise = operation == kDivide && polar(s);
+    const bool componentwise = operation == Arithmetic::Divide && polar(s);
     combine(operation, componentwise, s->SpaceTime.fcData, c, s->n4d);
   }
   return 0;
@@ -218,13 +230,13 @@ int absolute_value() {
   return 0;
 }
 
-int create_fCBV(int kind, const char *name) {
+int create_fCBV(FcbvVolumes kind, const char *name) {
   IPOINT3D dim{0, 0, 0};
   int count = 0;
   if (inconsistent_3d_dimensions(&dim, &count)) return 1;
-  const int first_series = kind == 0 ? 2 : 3;
+  const int first_series = kind == FcbvVolumes::PrePostSeries ? 2 : 3;
   if (count < first_series + 1) {
-    if (kind == 0) {
+    if (kind == FcbvVolumes::PrePostSeries) {
       kep_text(0, "1) pre-injection, 2) post-injection, 3) functional volume series.");
       kep_text(2, "There should be >= 3 volumes passed to this command.");
     } else {
@@ -237,7 +249,7 @@ int create_fCBV(int kind, const char *name) {
   int64_t n4d = 0;
   if (!checked_stack_size(name, dim.x, dim.y, dim.z, nt, &n4d)) return 1;
   const volume_list *pre = volume_list_root, *post = pre->next;
-  const volume_list *base = kind == 0 ? post : post->next;
+  const volume_list *base = kind == FcbvVolumes::PrePostSeries ? post : post->next;
   const volume_list *series = base->next;
   const long n3d = pre->n3d;
   // Computed aside: the output may replace one of the listed stacks.

@@ -11,7 +11,10 @@
 #include <vector>
 
 #include "io.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
+#include "kep-stacks.h"
 
 namespace {
 
@@ -46,20 +49,23 @@ class voxel_index {
   std::unordered_multimap<uint64_t, int> map_;
 };
 
-void install_overlay(const std::vector<IPOINT3D> &voxels, const std::vector<float> &weights) {
-  const int n = static_cast<int>(voxels.size());
-  IPOINT3D *v = ipoint3d_vector(n);
-  float *w = float_vector(n);
-  if (n > 0) {
-    memcpy(v, voxels.data(), sizeof(IPOINT3D) * static_cast<size_t>(n));
-    memcpy(w, weights.data(), sizeof(float) * static_cast<size_t>(n));
-  }
-  free_ipoint3d_vector(overlay.voxel);
-  free_float_vector(overlay.weight);
-  overlay.voxel = v;
-  overlay.weight = w;
-  overlay.nvoxels = n;
+OVERLAY overlay_state;
+
+}  // namespace
+
+const OVERLAY &overlay = overlay_state;
+
+void set_overlay(std::vector<IPOINT3D> voxels, std::vector<float> weights) {
+  overlay_state.nvoxels = static_cast<int>(voxels.size());
+  overlay_state.voxel = std::move(voxels);
+  overlay_state.weight = std::move(weights);
 }
+
+void set_overlay_logic(int logic) { overlay_state.io_logic = logic; }
+
+void reset_ovl() { overlay_state = OVERLAY{}; }
+
+namespace {
 
 int syntax_error() {
   printf("Error: The syntax in an overlay file can be one of the following:\n");
@@ -105,10 +111,10 @@ int combine_overlay(const std::vector<IPOINT3D> &file_voxels, const std::vector<
       weights = file_weights;
       break;
     case 1: {
-      voxels.assign(overlay.voxel, overlay.voxel + current);
-      weights.assign(overlay.weight, overlay.weight + current);
+      voxels = overlay.voxel;
+      weights = overlay.weight;
       // A voxel in both keeps its place and weight in the current overlay.
-      voxel_index present(overlay.voxel, current);
+      voxel_index present(overlay.voxel.data(), current);
       for (size_t i = 0; i < file_voxels.size(); i++)
         if (present.find(file_voxels[i]) < 0) {
           voxels.push_back(file_voxels[i]);
@@ -117,7 +123,7 @@ int combine_overlay(const std::vector<IPOINT3D> &file_voxels, const std::vector<
       break;
     }
     case 2: {
-      voxel_index present(overlay.voxel, current);
+      voxel_index present(overlay.voxel.data(), current);
       for (size_t i = 0; i < file_voxels.size(); i++) {
         int k = present.find(file_voxels[i]);
         if (k >= 0) {
@@ -140,7 +146,7 @@ int combine_overlay(const std::vector<IPOINT3D> &file_voxels, const std::vector<
       printf("Programming error in function `read_ovl_file'.\n");
       return 1;
   }
-  install_overlay(voxels, weights);
+  set_overlay(std::move(voxels), std::move(weights));
   return 0;
 }
 
@@ -196,13 +202,7 @@ int write_ovl(const char *arguments) {
   return 0;
 }
 
-void delete_overlay() {
-  free_ipoint3d_vector(overlay.voxel);
-  free_float_vector(overlay.weight);
-  overlay.voxel = nullptr;
-  overlay.weight = nullptr;
-  overlay.nvoxels = 0;
-}
+void delete_overlay() { set_overlay({}, {}); }
 
 int create_bitmap_from_overlay(const char *name) {
   if (overlay.nvoxels == 0) {
@@ -281,7 +281,7 @@ int create_overlay_from_bitmap() {
           weights.push_back(value);
         }
       }
-  install_overlay(voxels, weights);
+  set_overlay(std::move(voxels), std::move(weights));
   return 0;
 }
 
@@ -296,8 +296,8 @@ int mirror_overlay_in_x(int nx) {
     kep_text(2, "The mirrored overlay would be too large.");
     return 1;
   }
-  std::vector<IPOINT3D> voxels(overlay.voxel, overlay.voxel + n);
-  std::vector<float> weights(overlay.weight, overlay.weight + n);
+  std::vector<IPOINT3D> voxels = overlay.voxel;
+  std::vector<float> weights = overlay.weight;
   for (int i = 0; i < n; i++) {
     IPOINT3D m = overlay.voxel[i];
     const long x = static_cast<long>(nx) - m.x - 1;
@@ -309,7 +309,7 @@ int mirror_overlay_in_x(int nx) {
     voxels.push_back(m);
     weights.push_back(overlay.weight[i]);
   }
-  install_overlay(voxels, weights);
+  set_overlay(std::move(voxels), std::move(weights));
   printf("%d overlay pixels now in overlay.\n", overlay.nvoxels);
   return 0;
 }

@@ -10,7 +10,12 @@
 
 #include "glm.h"
 #include "kep-interrupt.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
+#include "kep-macros.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "kep-read.h"
 #include "kep-util.h"
 
@@ -82,7 +87,7 @@ int read_glm_runs_in_place() {
     char stack[64];
     snprintf(stack, sizeof stack, "glm_run%d", r);
     printf("macro>> read %s %s\n", GLM_input.run_name[r], stack);
-    macro_running = 1;
+    set_macro_running(1);
     fputs(run.header_text.c_str(), stdout);
     if (read_planned_volumes(run.read, samples.get() + done)) return macro_line_failed();
     // A stack of that name would have been replaced, then deleted.
@@ -102,6 +107,9 @@ int read_glm_runs_in_place() {
   glm->resolution_t = source.resolution_t;
   glm->origin = source.origin;
   glm->direction = source.direction;
+  glm->ijk_to_xyz = source.ijk_to_xyz;
+  glm->xyz_to_ijk = source.xyz_to_ijk;
+  glm->off_diagonal = source.off_diagonal;
   glm->status = source.status;
   glm->registration = source.registration;
   glm->lDOF = source.lDOF;

@@ -10,7 +10,10 @@
 #include <vector>
 
 #include "kep-interp.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 
 namespace {
 
@@ -490,7 +493,7 @@ bool write_motion_table(const Group &g) {
 
 }  // namespace
 
-int register_volume([[maybe_unused]] int kind) {
+int register_volume() {
   std::vector<Group> groups = groups_of_list();
   if (groups.empty()) {
     kep_text(2, "register: no volumes are listed.");
@@ -545,7 +548,7 @@ int register_volume([[maybe_unused]] int kind) {
             "largest slice shift %.4f mm\n",
             g.stack->name, volume_number(v) + io_increment, v->dim.z, m[0], m[1], m[5], largest);
       }
-      for (int a = 0; a < 6; a++) Alignment.value[a] = static_cast<float>(m[a]);
+      for (int a = 0; a < 6; a++) set_alignment_value(a, static_cast<float>(m[a]));
     }
     printf("The motion of %zu volumes of %s was written to %s.motion\n", g.nodes.size(), g.stack->name,
            g.stack->name);

@@ -7,5 +7,4 @@
 // "deck-of-cards", each slice in its own plane. Prints one line per volume,
 // leaves the last estimate in registration-translations and -rotations, and
 // writes the parameters of every volume to the table file "<stack>.motion".
-// `kind` is kept for the command table (0).
-int register_volume(int kind);
+int register_volume();

@@ -1,11 +1,15 @@
 // Reshaping and reordering without new values: centred crops and zero-fill
 // padding of whole stacks, mirrors and half swaps, slice permutations, and
 // new stacks that interleave or thin out the listed volumes.
+#include "kep-reorder.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "kep-util.h"
 #include "numerics.h"
 
@@ -72,8 +76,7 @@ int clip_stack(data_stack *stack, int nx, int ny, int nz) {
   origin.x += rx.offset * res.x * dir.x;
   origin.y += ry.offset * res.y * dir.y;
   origin.z += rz.offset * res.z * dir.z;
-  stack->ijk_to_xyz = scale_and_shift_to_mat44(res.x, res.y, res.z, origin.x, origin.y, origin.z, dir.x, dir.y, dir.z);
-  stack->xyz_to_ijk = invert_mat44(stack->ijk_to_xyz);
+  drop_rotation(stack);
   return 0;
 }
 
@@ -118,6 +121,7 @@ int pad_stack(data_stack *stack, int nx, int ny, int nz, int far_y) {
   }
   printf("Stack %s was padded from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y, old.z, nx, ny, nz);
   replace_samples(stack, std::move(fresh), nx, ny, nz, stack->nt);
+  if (stack->off_diagonal) drop_rotation(stack);
   return 0;
 }
 
@@ -137,16 +141,16 @@ inline void exchange(FCOMPLEX *a, FCOMPLEX *b, float divisor) {
   *b = {t.real / divisor, t.imag / divisor};
 }
 
-void swap_quadrants(volume_list *v, int mirror, int axes, float divide_x, float divide_y) {
+void swap_quadrants(volume_list *v, bool mirror, Axes axes, float divide_x, float divide_y) {
   const long nx = v->dim.x, ny = v->dim.y, nz = v->dim.z;
   FCOMPLEX *c = v->SpaceTime.fcData;
-  if (axes == 0 || axes == 2) {
+  if (axes == Axes::X || axes == Axes::XY) {
     for (long r = 0; r < ny * nz; r++) {
       FCOMPLEX *line = c + r * nx;
       for (long x = 0; x < nx / 2; x++) exchange(line + x, line + (mirror ? nx - 1 - x : x + nx / 2), divide_x);
     }
   }
-  if (axes == 1 || axes == 2) {
+  if (axes == Axes::Y || axes == Axes::XY) {
     // The mirror reflects about row 0 (the Fourier-index convention).
     for (long z = 0; z < nz; z++) {
       FCOMPLEX *plane = c + z * nx * ny;
@@ -161,56 +165,61 @@ void swap_quadrants(volume_list *v, int mirror, int axes, float divide_x, float 
 
 }  // namespace
 
-int swap_quadrants_in_volume_list(int a, int b, int c, int d) {
+int swap_quadrants_in_volume_list(Exchange exchange, Axes axes, int divide_x, int divide_y) {
   for (volume_list *v = volume_list_root; v; v = v->next)
-    swap_quadrants(v, a, b, static_cast<float>(c), static_cast<float>(d));
+    swap_quadrants(v, exchange == Exchange::Mirror, axes, static_cast<float>(divide_x),
+                   static_cast<float>(divide_y));
   return 0;
 }
 
-int clip_stacks(int axis) {
+int clip_stacks(Axes axis) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D n = s->dim;
-    if (axis == 0) n.x = lower_power(n.x);
-    else if (axis == 1 && n.y != 1) n.y = lower_power(n.y);
-    else if (axis == 2 && n.z != 1) n.z = lower_power(n.z);
+    if (axis == Axes::X)
+      n.x = lower_power(n.x);
+    else if (axis == Axes::Y && n.y != 1)
+      n.y = lower_power(n.y);
+    else if (axis == Axes::Z && n.z != 1)
+      n.z = lower_power(n.z);
     if (clip_stack(s, n.x, n.y, n.z)) return 1;
   }
   return 0;
 }
 
-int clip_stacks_to_n(int axis, int n) {
+int clip_stacks_to_n(Axes axis, int n) {
   if (n % 2 != 0) {
     printf("Error: clip only to even numbers!\n");
     return 1;
   }
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D d = s->dim;
-    if (axis == 0) d.x = n;
-    else if (axis == 1) d.y = n;
+    if (axis == Axes::X)
+      d.x = n;
+    else if (axis == Axes::Y)
+      d.y = n;
     else d.z = n;
     if (clip_stack(s, d.x, d.y, d.z)) return 1;
   }
   return 0;
 }
 
-int pad_stacks(int axes) {
+int pad_stacks(Axes axes) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
-    // 0 x, 1 y, 2 z, 3 x and y, anything else all three.
-    const bool all = axes < 0 || axes > 3;
+    const bool all = axes == Axes::XYZ;
     IPOINT3D n = s->dim;
-    if (all || axes == 0 || axes == 3) n.x = upper_power(n.x);
-    if (all || axes == 1 || axes == 3) n.y = upper_power(n.y);
-    if (all || axes == 2) n.z = upper_power(n.z);
+    if (all || axes == Axes::X || axes == Axes::XY) n.x = upper_power(n.x);
+    if (all || axes == Axes::Y || axes == Axes::XY) n.y = upper_power(n.y);
+    if (all || axes == Axes::Z) n.z = upper_power(n.z);
     if (pad_stack(s, n.x, n.y, n.z, 0)) return 1;
   }
   return 0;
 }
 
-int pad_stacks_to_n(int axis, int n) {
+int pad_stacks_to_n(Axes axes, int n) {
   for (data_stack *s : stacks_in_list(volume_list_root)) {
     IPOINT3D d = s->dim;
-    if (axis != 1) d.x = n;
-    if (axis != 0) d.y = n;
+    if (axes != Axes::Y) d.x = n;
+    if (axes != Axes::X) d.y = n;
     if (pad_stack(s, d.x, d.y, d.z, 0)) return 1;
   }
   return 0;
@@ -245,7 +254,8 @@ int reorder_slices() {
   IPOINT3D dim{0, 0, 0};
   int count = 0;
   if (inconsistent_3d_dimensions(&dim, &count) || count == 0) return 1;
-  if (slice_order == nullptr || nslice_order == 0) {
+  const int nslice_order = static_cast<int>(slice_order.size());
+  if (nslice_order == 0) {
     printf("Set the `slice-order' array. You may want to use `reorder-interleaved-slices'\n");
     return 1;
   }
@@ -259,8 +269,8 @@ int reorder_slices() {
     return 0;
   }
   for (int k = 0; k < nslice_order; k++) {
-    if (slice_order[k] < 0 || slice_order[k] >= dim.z) {
-      printf("The `slice-order' array names slice %d; the slices are 0 to %d.\n", slice_order[k], dim.z - 1);
+    if (slice_order[static_cast<size_t>(k)] < 0 || slice_order[static_cast<size_t>(k)] >= dim.z) {
+      printf("The `slice-order' array names slice %d; the slices are 0 to %d.\n", slice_order[static_cast<size_t>(k)], dim.z - 1);
       return 1;
     }
   }
@@ -269,7 +279,7 @@ int reorder_slices() {
   for (volume_list *v = volume_list_root; v; v = v->next) {
     std::fill(scratch.get(), scratch.get() + n3d, FCOMPLEX{0.0f, 0.0f});
     for (int k = 0; k < dim.z; k++)
-      memcpy(scratch.get() + slice_order[k] * n2d, v->SpaceTime.fcData + k * n2d, sizeof(FCOMPLEX) * n2d);
+      memcpy(scratch.get() + slice_order[static_cast<size_t>(k)] * n2d, v->SpaceTime.fcData + k * n2d, sizeof(FCOMPLEX) * n2d);
     memcpy(v->SpaceTime.fcData, scratch.get(), sizeof(FCOMPLEX) * n3d);
   }
   return 0;

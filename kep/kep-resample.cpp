@@ -9,7 +9,8 @@
 #include <memory>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
 #include "kep-util.h"
 #include "numerics.h"
 

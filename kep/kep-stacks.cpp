@@ -1,4 +1,6 @@
 // The registry of named stacks and the operations on whole stacks.
+#include "kep-stacks.h"
+
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -6,15 +8,26 @@
 #include <cstring>
 #include <new>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
 #include "kep-util.h"
 
-std::unique_ptr<data_stack> stack_root;
+namespace {
+
+std::unique_ptr<data_stack> registry;
+
+}  // namespace
+
+const std::unique_ptr<data_stack> &stack_root = registry;
+
+void reset_stacks() {
+  while (registry) free_stack(registry.get());
+}
 
 namespace {
 
 std::unique_ptr<data_stack> *slot_of(const data_stack *stack) {
-  for (std::unique_ptr<data_stack> *slot = &stack_root; *slot; slot = &(*slot)->next)
+  for (std::unique_ptr<data_stack> *slot = &registry; *slot; slot = &(*slot)->next)
     if (slot->get() == stack) return slot;
   return nullptr;
 }
@@ -35,6 +48,9 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   if (!checked_product(nx, ny, INT_MAX, &n2d) || !checked_product(n2d, nz, INT_MAX / 2, &n3d) ||
       !checked_product(n3d, nt, INT_MAX, &n4d))
     alloc_error("Allocation error in fcomplex_vector().");
+  // Told before a re-used record (which may be the template) changes.
+  const bool same_grid = template_stack != nullptr && template_stack->dim.x == nx &&
+                         template_stack->dim.y == ny && template_stack->dim.z == nz;
   data_stack *stack = find_stack(name);
   if (stack != nullptr) {
     stack->samples.reset();
@@ -43,7 +59,7 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
     std::unique_ptr<data_stack> fresh(new (std::nothrow) data_stack);
     if (!fresh) kep_text(3, "Out of memory in routine `install_stack'.");
     snprintf(fresh->name, sizeof fresh->name, "%s", name);
-    std::unique_ptr<data_stack> *slot = &stack_root;
+    std::unique_ptr<data_stack> *slot = &registry;
     while (*slot) slot = &(*slot)->next;
     *slot = std::move(fresh);
     stack = slot->get();
@@ -69,7 +85,21 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
     stack->registration = template_stack->registration;
     stack->lDOF = template_stack->lDOF;
     memcpy(stack->description, template_stack->description, sizeof stack->description);
+    // A stack on the template's grid keeps its voxel-to-world matrix (and so
+    // its rotation); on any other grid the matrix would be stale.
+    if (!same_grid) {
+      stack->ijk_to_xyz = mat44{};
+      stack->xyz_to_ijk = mat44{};
+      stack->off_diagonal = 0;
+    } else if (template_stack != stack) {
+      stack->ijk_to_xyz = template_stack->ijk_to_xyz;
+      stack->xyz_to_ijk = template_stack->xyz_to_ijk;
+      stack->off_diagonal = template_stack->off_diagonal;
+    }
   } else {
+    stack->ijk_to_xyz = mat44{};
+    stack->xyz_to_ijk = mat44{};
+    stack->off_diagonal = 0;
     stack->resolution = {1.0f, 1.0f, 1.0f};
     stack->resolution_t = 1.0f;
     stack->origin = {0.0f, 0.0f, 0.0f};
@@ -165,8 +195,12 @@ void check_stack_index(int x, int y, int z, int t, long index, const data_stack 
 }
 
 int show_stacks() {
-  printf("stack name\r\t\t# x\r\t\t\t# y\r\t\t\t\t# z\r\t\t\t\t\t# t\r\t\t\t\t\t\ttype\r\t\t\t\t\t\t\t\trange\n");
-  printf("__________\r\t\t___\r\t\t\t___\r\t\t\t\t___\r\t\t\t\t\t___\r\t\t\t\t\t\t____\r\t\t\t\t\t\t\t\t_____\n");
+  printf(
+      "stack name\r\t\t# x\r\t\t\t# y\r\t\t\t\t# z\r\t\t\t\t\t# "
+      "t\r\t\t\t\t\t\ttype\r\t\t\t\t\t\t\t\trange\n");
+  printf(
+      "__________\r\t\t___\r\t\t\t___\r\t\t\t\t___\r\t\t\t\t\t___\r\t\t\t\t\t\t____\r\t\t\t\t\t\t\t\t_____"
+      "\n");
   const data_stack *previous = nullptr;
   for (volume_list *v = volume_list_root; v; v = v->next) {
     const data_stack *s = v->stack;

@@ -3,8 +3,31 @@
 #include <cstdio>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-ovl.h"
+#include "kep-stacks.h"
+#include "kep-stats.h"
 #include "numerics.h"
+
+namespace {
+
+HISTOGRAM hist;
+
+}  // namespace
+
+const HISTOGRAM &histogram = hist;
+
+void define_histogram(float start, float end, float bin_size, int nbins) {
+  hist.start = start;
+  hist.end = end;
+  hist.bin_size = bin_size;
+  hist.nbins = nbins;
+  hist.counts.assign(static_cast<size_t>(nbins), 0);
+  printf("Allocate histogram: %g %g %g (%d bins)\n", hist.start, hist.end, hist.bin_size, hist.nbins);
+}
+
+void reset_stats() { hist = HISTOGRAM{}; }
 
 namespace {
 
@@ -43,26 +66,26 @@ int fill_histogram() {
   IPOINT3D dim{0, 0, 0};
   int count = 0;
   if (inconsistent_3d_dimensions(&dim, &count)) return 1;
-  if (histogram == nullptr || hist_nbins < 1) {
+  if (hist.counts.empty() || hist.nbins < 1) {
     printf("Error: no histogram is defined.\n");
     return 1;
   }
   std::vector<unsigned char> mask = overlay_mask(dim);
-  for (int i = 0; i < hist_nbins; i++) histogram[i] = 0;
+  for (int i = 0; i < hist.nbins; i++) hist.counts[i] = 0;
   const long n3d = static_cast<long>(mask.size());
-  const float last = static_cast<float>(hist_nbins - 1);
+  const float last = static_cast<float>(hist.nbins - 1);
   int entries = 0;
   for (const volume_list *v = volume_list_root; v; v = v->next)
     for (long n = 0; n < n3d; n++) {
       if (!mask[static_cast<size_t>(n)]) continue;
       // Out-of-range values (and NaN) pile up in the first and last bins.
-      const float position = (volume_amp(v, n) - hist_start) / hist_bin_size;
+      const float position = (volume_amp(v, n) - hist.start) / hist.bin_size;
       int bin = 0;
       if (position >= last)
-        bin = hist_nbins - 1;
+        bin = hist.nbins - 1;
       else if (position > 0.0f)
         bin = static_cast<int>(position);
-      histogram[bin]++;
+      hist.counts[bin]++;
       entries++;
     }
 
@@ -70,11 +93,11 @@ int fill_histogram() {
   if (file == nullptr) return 1;
   fprintf(file, "x y\n");
   float weighted = 0.0f, total = 0.0f;
-  for (int i = 0; i < hist_nbins; i++) {
-    const float centre = hist_start + hist_bin_size / 2 + static_cast<float>(i) * hist_bin_size;
-    fprintf(file, "%g %d\n", centre, histogram[i]);
-    weighted += centre * static_cast<float>(histogram[i]);
-    total += static_cast<float>(histogram[i]);
+  for (int i = 0; i < hist.nbins; i++) {
+    const float centre = hist.start + hist.bin_size / 2 + static_cast<float>(i) * hist.bin_size;
+    fprintf(file, "%g %d\n", centre, hist.counts[i]);
+    weighted += centre * static_cast<float>(hist.counts[i]);
+    total += static_cast<float>(hist.counts[i]);
   }
   fclose(file);
   printf("Output of %d entries to file hist.dat\n", entries);
@@ -87,14 +110,7 @@ int fill_weighted_histogram() {
   int count = 0;
   if (inconsistent_3d_dimensions(&dim, &count)) return 1;
   // One bin per listed volume, centred on its position in the list from 1.
-  hist_nbins = count;
-  hist_start = 0.5f;
-  hist_end = static_cast<float>(count) + 0.5f;
-  hist_bin_size = 1.0f;
-  free_int_vector(histogram);
-  histogram = int_vector(count > 0 ? count : 1);
-  for (int i = 0; i < count; i++) histogram[i] = 0;
-  printf("Allocate histogram: %g %g %g (%d bins)\n", hist_start, hist_end, hist_bin_size, hist_nbins);
+  define_histogram(0.5f, static_cast<float>(count) + 0.5f, 1.0f, count);
 
   std::vector<unsigned char> mask = overlay_mask(dim);
   printf("# voxels = %d\n", overlay.nvoxels);
@@ -114,7 +130,7 @@ int fill_weighted_histogram() {
   fprintf(file, "x y\n");
   float weighted = 0.0f, total = 0.0f;
   for (int k = 0; k < count; k++) {
-    const float centre = hist_start + hist_bin_size / 2 + static_cast<float>(k) * hist_bin_size;
+    const float centre = hist.start + hist.bin_size / 2 + static_cast<float>(k) * hist.bin_size;
     fprintf(file, "%g %f\n", centre, value[static_cast<size_t>(k)]);
     weighted += centre * value[static_cast<size_t>(k)];
     total += value[static_cast<size_t>(k)];

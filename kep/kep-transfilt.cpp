@@ -1,6 +1,8 @@
 // Fourier transforms along x, y, z and t, and the filters that act on the
 // complex samples: Gaussian smoothing in k-space, Hamming window,
 // exponential weighting along x and the edge filter.
+#include "kep-transfilt.h"
+
 #include <fftw3.h>
 
 #include <algorithm>
@@ -13,7 +15,9 @@
 #include <vector>
 
 #include "kep-interrupt.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "threads.h"
 
 namespace {
@@ -244,7 +248,7 @@ void swap_x(FCOMPLEX *line, int n, int shift) {
   for (int i = 0; i < n; i++) line[(i + offset) % n] = copy[i];
 }
 
-int ft_1d(int axis, int direction) {
+int ft_1d(FourierAxis axis, FourierDirection direction) {
   const data_stack *previous = nullptr;
   for (volume_list *v = volume_list_root; v; v = v->next) {
     data_stack *s = v->stack;
@@ -252,7 +256,7 @@ int ft_1d(int axis, int direction) {
     previous = s;
     if (kep_interrupted()) return 1;
     rewriting(s);
-    transform_along(s->SpaceTime.fcData, s->dim, s->nt, axis, direction);
+    transform_along(s->SpaceTime.fcData, s->dim, s->nt, static_cast<int>(axis), static_cast<int>(direction));
   }
   return kep_interrupted() ? 1 : 0;
 }
@@ -305,9 +309,9 @@ int fft_volumes(int dimension, int direction) {
 }
 
 int smooth_in_kspace(float fwhm, int dimensions) {
-  ft_1d(1, 1);
-  ft_1d(2, 1);
-  if (dimensions == 3) ft_1d(3, 1);
+  ft_1d(FourierAxis::X, FourierDirection::Inverse);
+  ft_1d(FourierAxis::Y, FourierDirection::Inverse);
+  if (dimensions == 3) ft_1d(FourierAxis::Z, FourierDirection::Inverse);
 
   // 2 ln 2 / pi^2 over the squared width, divided in double and kept as a float.
   const float c = static_cast<float>(0.1404824543408127 / static_cast<double>(fwhm * fwhm));
@@ -348,13 +352,13 @@ int smooth_in_kspace(float fwhm, int dimensions) {
     if (count > 10 && i >= 1 && (4 * i) % count == 0) printf("%d percent done\n", 100 * i / count);
   }
 
-  ft_1d(1, -1);
-  ft_1d(2, -1);
-  if (dimensions == 3) ft_1d(3, -1);
+  ft_1d(FourierAxis::X, FourierDirection::Forward);
+  ft_1d(FourierAxis::Y, FourierDirection::Forward);
+  if (dimensions == 3) ft_1d(FourierAxis::Z, FourierDirection::Forward);
   return kep_interrupted() ? 1 : 0;
 }
 
-int hamming_window(int kind) {
+int hamming_window(WindowAxes axes) {
   // The window runs from 0.08 at index 0 through 1 in the middle to 0.08 at
   // n - 1; a line of one sample divides 0 by 0.
   auto axis_weights = [](std::vector<double> &w, int n) {
@@ -373,7 +377,7 @@ int hamming_window(int kind) {
     const int nx = st->dim.x, ny = st->dim.y, nz = st->dim.z;
     axis_weights(wx, nx);
     axis_weights(wy, ny);
-    if (kind != 0)
+    if (axes == WindowAxes::XYZ)
       axis_weights(wz, nz);
     else
       wz.assign(static_cast<size_t>(nz), 1.0);

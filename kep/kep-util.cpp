@@ -8,7 +8,10 @@
 #include <cmath>
 #include <cstdio>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "numerics.h"
 
 namespace {
 
@@ -148,6 +151,14 @@ void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int
   stack->n4d = stack->n3d * nt;
   // After a reshape this field counts the floats of the whole stack.
   stack->npts_volume = 2 * stack->n4d;
+}
+
+void drop_rotation(data_stack *stack) {
+  const POINT3D &res = stack->resolution, &origin = stack->origin, &dir = stack->direction;
+  stack->ijk_to_xyz =
+      scale_and_shift_to_mat44(res.x, res.y, res.z, origin.x, origin.y, origin.z, dir.x, dir.y, dir.z);
+  stack->xyz_to_ijk = invert_mat44(stack->ijk_to_xyz);
+  stack->off_diagonal = 0;
 }
 
 data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,

@@ -50,8 +50,19 @@ bool checked_stack_size(const char *name, int64_t nx, int64_t ny, int64_t nz, in
 // Reshapes `stack` in place: its samples become `samples` with the given sizes.
 void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int nx, int ny, int nz, int nt);
 
+// After a reshape that moves the grid in a way its matrix cannot follow: the
+// voxel-to-world matrix becomes the axis-aligned one of the stack's voxel
+// sizes, origin and directions (a rotation read from a file is dropped).
+void drop_rotation(data_stack *stack);
+
 // Creates (or replaces) the stack `name` like install_stack_checked and makes
 // `samples` (n4d of them, computed beforehand so that an input of the same
 // name could still be read) its contents. Null after an error message.
 data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
                                int nt, std::unique_ptr<FCOMPLEX[]> samples);
+
+// Complex forms (kep-util.cpp).
+void polar_from_complex(float re, float im, float *amp, float *phase);
+int convert_complex();
+int convert_to_real();
+int convert_complex_stack(data_stack *stack);

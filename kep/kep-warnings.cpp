@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kep.h"
+#include "kep-decode.h"
 
 namespace {
 

@@ -13,7 +13,13 @@
 #include <vector>
 
 #include "glm.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-glm.h"
+#include "kep-macros.h"
+#include "kep-session.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "numerics.h"
 
 namespace {
@@ -89,7 +95,7 @@ int pvalues() {
 // The whole interpreter path: runs, the stack "glm", the fit with its AR passes.
 int study_p(const char *control, const char *out_file) {
   initialize_global_variables();
-  flags |= FLAG_QUIET;
+  set_flag(FLAG_QUIET, true);
   if (macro_read_glm_control_file(control)) return 1;
   initialize_volume_list();
   char glm[KEP_LINE] = "glm";

@@ -9,6 +9,12 @@ SOURCE = Path(os.environ.get("KEP_SOURCE", Path(__file__).resolve().parents[2]))
 KEP = Path(os.environ.get("KEP", SOURCE / "build" / "kep"))
 
 
+def command_words():
+    """Every command word kep knows (commands, then macros), as it lists them."""
+    out = subprocess.run([str(KEP), "--list-commands"], capture_output=True, check=True, timeout=60)
+    return out.stdout.decode().split()
+
+
 class Result:
     def __init__(self, proc):
         self.returncode = proc.returncode

@@ -3,11 +3,10 @@ paged text parses and can be reached and walked from the menu."""
 import re
 import subprocess
 
-from conftest import KEP, SOURCE
+from conftest import KEP, SOURCE, command_words
 
 MENU = SOURCE / "documentation" / "kep-menu.txt"
 PAGES = SOURCE / "documentation" / "kep-pages.txt"
-MACROS = ["reorder-interleaved-slices"]
 UNAVAILABLE = set()
 FOOTER = ("----------------------------------------------\n"
           "--- choose item: 0 = main menu, return = back \n"
@@ -17,11 +16,6 @@ PAGE_FOOTER = ("             ___________________________________________________
                "            |__________________________<return> = next________________|\n"
                "volume help >>")
 ITEM_LINE = re.compile(r"^\s+(\d+)\s{2,}(\S.*?)(?:\s{2,}\S.*)?$")
-
-
-def table_commands():
-    text = (SOURCE / "kep" / "kep-table.cpp").read_text()
-    return re.findall(r'\{"([^"]+)", Form::', text)
 
 
 def sections(path, fields):
@@ -59,8 +53,8 @@ def run_help(answers):
 
 
 def test_every_command_and_macro_has_a_menu_item():
-    names = table_commands()
-    assert len(names) == 115 and len(set(names)) == 115
+    names = command_words()
+    assert len(set(names)) == len(names) and "reorder-interleaved-slices" in names
     menu = menu_sections()
     titled = {}
     for (m, i), lines in menu.items():
@@ -78,9 +72,18 @@ def test_every_command_and_macro_has_a_menu_item():
             return False
         return unavailable or any(line.startswith("Example") for line in text)
 
-    for name in names + MACROS:
+    for name in names:
         assert name in titled, f"{name} has no menu item"
         assert any(documents(name, text) for text in titled[name]), name
+
+
+def test_every_variable_is_in_the_menu():
+    names = subprocess.run([str(KEP), "--list-variables"], capture_output=True, check=True,
+                           timeout=60).stdout.decode().split()
+    text = MENU.read_text()
+    assert "threads" in names
+    for name in names:
+        assert re.search(r"(?<![\w-])" + re.escape(name) + r"(?![\w-])", text), name
 
 
 def test_menu_pages_list_exactly_their_items_and_lines_are_short():

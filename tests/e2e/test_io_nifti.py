@@ -214,6 +214,54 @@ def test_rotated_matrix_warns_and_keeps_signs(kep):
     assert [float(v) for v in fields["origin"]] == pytest.approx([11, -7, 2.5])
 
 
+ROTATED_SCAN = NIBABEL_DATA / "example4d.nii.gz"  # a real scan with a rotated, sform-and-qform header
+
+
+def corner_moves(affine, truth, shape):
+    """Largest displacement (mm) of the eight corners of the voxel grid between two affines."""
+    c = np.array([[i, j, k, 1] for i in (0, shape[0] - 1) for j in (0, shape[1] - 1) for k in (0, shape[2] - 1)]).T
+    return float(np.linalg.norm(affine @ c - truth @ c, axis=0).max())
+
+
+# (commands after `read <scan> v`, stack written, how the written grid relates to the scan's)
+ROTATION_CASES = {
+    "read": ("", "v", "same"),
+    "copy": ("copy w v\n", "w", "same"),
+    "arithmetic result": ("copy w v>0\nmultiply w v\n", "v", "same"),
+    "nifti-method 2": ("set nifti-method 2\n", "v", "same"),
+    "down-sample": ("down-sample v\n", "v", "halved"),
+    "clip-x-to": ("clip-x-to 64 v\n", "v", "dropped"),
+    "pad-z": ("pad-z v\n", "v", "dropped"),
+}
+
+
+@pytest.mark.skipif(not ROTATED_SCAN.exists(), reason="nibabel's test data are not installed")
+@pytest.mark.parametrize("case,suffix", [(c, ".nii") for c in ROTATION_CASES] +
+                         [(c, s) for c in ("read", "down-sample") for s in (".nii.gz", ".img")])
+def test_rotated_scan_is_written_with_its_rotation(kep, case, suffix):
+    commands, stack, grid = ROTATION_CASES[case]
+    scan = nib.load(str(ROTATED_SCAN))
+    r = kep.stdin(f"read {ROTATED_SCAN} v\n{commands}write-float out{suffix} {stack}\nquit\n")
+    out = nib.load(str(kep.dir / f"out{suffix}"))
+    # new voxel (i, j) of a halved grid covers old voxels 2i..2i+1, 2j..2j+1
+    grid_change = np.array([[2, 0, 0, 0.5], [0, 2, 0, 0.5], [0, 0, 1, 0], [0, 0, 0, 1]]) if grid == "halved" else np.eye(4)
+    if grid == "dropped":
+        m = out.affine[:3, :3]
+        assert np.count_nonzero(m - np.diag(np.diag(m))) == 0, r
+        return
+    if case == "nifti-method 2":
+        assert int(out.header["sform_code"]) == 0
+    else:
+        assert corner_moves(out.header.get_sform(), scan.affine @ grid_change, out.shape) <= 0.01, r
+    # the quaternion (float32, so only as close as the scan's own) for readers that take the qform
+    assert corner_moves(out.header.get_qform(), scan.header.get_qform() @ grid_change, out.shape) <= 0.01
+    if grid == "same":
+        expected = np.asanyarray(scan.dataobj).astype(np.float64)
+        if case == "arithmetic result":
+            expected = expected * expected[..., :1]
+        np.testing.assert_allclose(np.asanyarray(out.dataobj), expected, rtol=1e-6)
+
+
 def test_unsigned_char_subset_reads_from_the_first_volume(kep):
     data = np.stack([np.full((2, 2, 2), v, dtype=np.uint8) for v in (10, 20, 30, 40)], axis=-1)
     nibabel_file(kep.dir / "u.nii", data, np.uint8)

@@ -3,23 +3,15 @@
 The only acceptable outcomes are messages and results; never a signal, a
 sanitizer report or a hang.
 """
-import re
 import subprocess
 
 import numpy as np
 import pytest
 
-from conftest import KEP, SOURCE
+from conftest import KEP, SOURCE, command_words
 
 
-def command_names():
-    table = (SOURCE / "kep" / "kep-table.cpp").read_text()
-    names = re.findall(r'^\s*\{"([^"]+)", Form::', table, re.M)
-    assert len(names) == 115
-    return names + ["reorder-interleaved-slices"]
-
-
-COMMANDS = command_names()
+COMMANDS = command_words()
 ARGUMENTS = ["", "nosuch", "one", "nanst", "empty", "0 one", "-1 small", "1e30 small", "abc small",
              "x y small", "nan small>0", "3 out small>n-0", "small>1,,2", "glm", "2147483647 big small"]
 # Stacks and files the commands can act on; the overlay starts empty.

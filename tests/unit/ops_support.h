@@ -6,7 +6,10 @@
 #include <functional>
 #include <string>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
+#include "kep-stacks.h"
 #include "test_support.h"
 
 // A stack whose sample (x, y, z, t) is fill(x, y, z, t).

@@ -5,7 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 #include "test_support.h"
 #include "util.h"
 
@@ -87,7 +90,7 @@ TEST_F(Decode, SubsetLimitIsCheckedAfterTheWholeText) {
 
 TEST_F(Decode, IoIncrementShiftsEveryNumber) {
   std::vector<int> n;
-  io_increment = 1;
+  set_variable(2, "1");  // io-increment
   ASSERT_EQ(decode_subset("0-2", 10, n), 0);
   EXPECT_EQ(n, (std::vector<int>{1, 2, 3}));
   std::string err = capture_stderr([&] { EXPECT_EQ(decode_subset("n", 10, n), 1); });
@@ -198,12 +201,11 @@ TEST_F(Decode, ReadArgumentKindsAndDefaults) {
 TEST_F(Decode, SliceOrderAndMapArray) {
   std::string out = capture_stdout([&] { EXPECT_EQ(read_slice_order(" 0 2 4 1 3 x 5"), 0); });
   EXPECT_EQ(out, "5 values were read for the slice order.\n");
-  EXPECT_EQ(nslice_order, 5);
+  EXPECT_EQ(slice_order.size(), 5u);
   EXPECT_EQ(slice_order[4], 3);
   out = capture_stdout([&] { EXPECT_EQ(read_slice_order("7"), 1); });
   EXPECT_EQ(out, "Fewer than 2 values were successfully read; slice_order = NULL.\n");
-  EXPECT_EQ(nslice_order, 0);
-  EXPECT_EQ(slice_order, nullptr);
+  EXPECT_TRUE(slice_order.empty());
   std::string err = capture_stderr([&] { EXPECT_EQ(read_map_array("1.5"), 1); });
   EXPECT_EQ(err, "Error: Fewer than 2 values were successfully read.\n");
   out = capture_stdout([&] { EXPECT_EQ(read_map_array("10 20 40"), 0); });

@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "glm_test_support.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-front.h"
+#include "kep-stacks.h"
 
 namespace {
 

@@ -11,7 +11,8 @@
 #include <vector>
 
 #include "io.h"
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-stacks.h"
 #include "test_support.h"
 
 namespace {

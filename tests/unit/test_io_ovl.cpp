@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "kep-ovl.h"
-#include "kep-prototypes.h"
+#include "kep.h"
 #include "test_support.h"
 
 namespace {
@@ -38,7 +38,7 @@ std::string listing() {
 void set_overlay(const char *text, int logic = 0) {
   Decoded d = decode(text);
   ASSERT_EQ(d.result, 0);
-  overlay.io_logic = logic;
+  set_overlay_logic(logic);
   ASSERT_EQ(combine_overlay(d.voxels, d.weights), 0);
 }
 
@@ -90,7 +90,7 @@ TEST_F(IoOvl, IntersectionUsesTheFirstOfRepeatedVoxels) {
 TEST_F(IoOvl, UnknownLogicKeepsTheOverlay) {
   set_overlay("1 1 1\n");
   Decoded d = decode("2 2 2\n");
-  overlay.io_logic = 7;
+  set_overlay_logic(7);
   std::string out = capture_stdout([&] { EXPECT_EQ(combine_overlay(d.voxels, d.weights), 1); });
   EXPECT_EQ(out, "Programming error in function `read_ovl_file'.\n");
   EXPECT_EQ(listing(), "1 1 1 1;");

@@ -4,7 +4,10 @@
 #include <cstdio>
 #include <string>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-io.h"
+#include "kep-session.h"
+#include "kep-stacks.h"
 #include "test_support.h"
 
 namespace {

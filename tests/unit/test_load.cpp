@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-front.h"
+#include "kep-stacks.h"
 #include "test_support.h"
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -3,6 +3,8 @@
 #include <vector>
 
 #include "ops_support.h"
+#include "kep-average.h"
+#include "kep-stacks.h"
 
 namespace {
 

@@ -2,6 +2,9 @@
 #include <cmath>
 
 #include "ops_support.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
+#include "kep-util.h"
 
 namespace {
 

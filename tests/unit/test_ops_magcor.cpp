@@ -2,16 +2,15 @@
 #include <cmath>
 
 #include "ops_support.h"
+#include "kep-magcor.h"
+#include "kep-ovl.h"
 
 namespace {
 
 class Intensity : public KepTest {
  protected:
   void set_overlay(std::initializer_list<IPOINT3D> voxels) {
-    overlay.nvoxels = static_cast<int>(voxels.size());
-    overlay.voxel = ipoint3d_vector(overlay.nvoxels);
-    int i = 0;
-    for (IPOINT3D p : voxels) overlay.voxel[i++] = p;
+    ::set_overlay(voxels, std::vector<float>(voxels.size(), 0.0f));
   }
 };
 
@@ -109,7 +108,7 @@ TEST_F(Intensity, OverlayFailuresChangeNothing) {
   ASSERT_EQ(select_list("a"), 0);
   capture_stderr([] { EXPECT_EQ(scale_volumes(1), 1); });
   EXPECT_SAMPLE(at("a", 2, 0, 0, 0), 3, 0);
-  overlay.nvoxels = 0;  // without an overlay different shapes are fine
+  delete_overlay();  // without an overlay different shapes are fine
   EXPECT_EQ(run("scale 6 a b"), "Scaling factor = 2.000000\n");
 }
 

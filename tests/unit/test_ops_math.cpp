@@ -2,6 +2,8 @@
 #include <cmath>
 
 #include "ops_support.h"
+#include "kep-math.h"
+#include "kep-stacks.h"
 
 namespace {
 
@@ -105,7 +107,7 @@ TEST_F(Arithmetic, ReferenceMustBeOneVolumeOfTheSameShape) {
   EXPECT_EQ(run("add r>0 a b"), "Error: Stacks b and r have different dimensions.\n");
   EXPECT_SAMPLE(at("a", 1, 1, 0, 0), 3, 3);  // nothing changed, not even the matching stack
   ASSERT_EQ(select_comparison("r a"), 0);
-  capture_stderr([] { EXPECT_EQ(arithmetic_function(1), 1); });
+  capture_stderr([] { EXPECT_EQ(arithmetic_function(::Arithmetic::Add), 1); });
 }
 
 TEST_F(Arithmetic, WholeStacks) {

@@ -3,6 +3,8 @@
 #include <cmath>
 
 #include "ops_support.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 
 namespace {
 
@@ -159,10 +161,7 @@ TEST_F(Reorder, SliceOrderCommands) {
   run("set slice-order 0 2 5 1 3");
   EXPECT_EQ(run("reorder-slices a>0"), "The `slice-order' array names slice 5; the slices are 0 to 4.\n");
   make_stack("b", 2, 1, 1, 1, code);
-  free_int_vector(slice_order);  // `set' wants two values; the variable itself can hold one
-  slice_order = int_vector(1);
-  slice_order[0] = 0;
-  nslice_order = 1;
+  set_slice_order({0});  // `set' wants two values; the variable itself can hold one
   EXPECT_EQ(run("reorder-slices b"), "Only 1 slice; nothing done.\n");
 }
 

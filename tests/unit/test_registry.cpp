@@ -5,7 +5,9 @@
 #include <cstring>
 #include <string>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-stacks.h"
 #include "test_support.h"
 
 namespace {
@@ -214,7 +216,7 @@ TEST(RegistryDeath, IndexOutOfBoundsEndsTheProcess) {
 }
 
 TEST(Messages, LevelsAndStreams) {
-  fatal_error = 0;
+  reset_interpreter();
   std::string out = capture_stdout([] { kep_text(0, "hello"); });
   EXPECT_EQ(out, "hello\n");
   std::string err = capture_stderr([] { kep_text(1, "careful\n"); });
@@ -225,7 +227,7 @@ TEST(Messages, LevelsAndStreams) {
               "Fatal error: gone\nProgram aborted.\n");
   EXPECT_EXIT(
       {
-        fatal_error = 1;
+        set_fatal_error(1);
         KEP_AS_LOOP(kep_text(2, "now fatal"));
       },
       ::testing::ExitedWithCode(1), "Fatal error: now fatal\nProgram aborted.\n");

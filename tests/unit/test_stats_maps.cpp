@@ -11,7 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-front.h"
+#include "kep-ovl.h"
+#include "kep-stacks.h"
+#include "kep-stats.h"
 #include "test_support.h"
 
 namespace {
@@ -37,7 +41,6 @@ class InTempDir : public KepTest {
     ASSERT_NE(mkdtemp(pattern), nullptr);
     dir_ = pattern;
     ASSERT_EQ(chdir(dir_.c_str()), 0);
-    forget_decay_map_reminder();
   }
   void TearDown() override {
     set_overlay({});
@@ -47,15 +50,9 @@ class InTempDir : public KepTest {
     KepTest::TearDown();
   }
   void set_overlay(const std::vector<IPOINT3D> &voxels) {
-    voxels_ = voxels;
-    weights_.assign(voxels.size(), 1.0f);
-    overlay.nvoxels = static_cast<int>(voxels.size());
-    overlay.voxel = voxels_.empty() ? nullptr : voxels_.data();
-    overlay.weight = weights_.empty() ? nullptr : weights_.data();
+    ::set_overlay(voxels, std::vector<float>(voxels.size(), 1.0f));
   }
   std::string old_dir_, dir_;
-  std::vector<IPOINT3D> voxels_;
-  std::vector<float> weights_;
 };
 
 // A stack whose volume t holds the given real values (imaginary part 0).
@@ -88,7 +85,7 @@ TEST_F(Histograms, CountsOverlayAmplitudesWithClampedBins) {
   EXPECT_EQ(slurp("hist.dat"), "x y\n1.5 1\n2.5 1\n3.5 0\n4.5 0\n5.5 1\n6.5 0\n7.5 0\n8.5 1\n");
   out = capture_stdout([] { run("histogram a"); });  // every listed volume counts
   EXPECT_EQ(out, "Output of 8 entries to file hist.dat\nAverage value = 3\n");
-  EXPECT_EQ(histogram[0], 5);
+  EXPECT_EQ(histogram.counts[0], 5);
 }
 
 TEST_F(Histograms, OverlayVoxelOutsideTheVolumeEndsTheProgram) {

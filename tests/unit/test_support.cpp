@@ -1,4 +1,8 @@
 #include "test_support.h"
+#include "kep-decode.h"
+#include "kep-session.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 
 #include <unistd.h>
 
@@ -23,10 +27,4 @@ std::string capture_stream(FILE *stream, const std::function<void()> &body) {
   return text;
 }
 
-void reset_interpreter() {
-  while (stack_root) free_stack(stack_root.get());
-  initialize_volume_list();
-  initialize_global_variables();
-  fatal_error = 0;
-  flags = 0;
-}
+void reset_interpreter() { initialize_global_variables(); }

@@ -7,7 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-decode.h"
+#include "kep-front.h"
+#include "kep-stacks.h"
+#include "kep-transfilt.h"
 #include "test_support.h"
 
 namespace {

@@ -4,7 +4,11 @@
 #include <cstring>
 #include <string>
 
-#include "kep-prototypes.h"
+#include "kep.h"
+#include "kep-front.h"
+#include "kep-ovl.h"
+#include "kep-stats.h"
+#include "kep-variables.h"
 #include "test_support.h"
 
 namespace {
@@ -25,7 +29,7 @@ TEST_F(Variables, TableHasEveryNameInOrder) {
   EXPECT_EQ(interpret_command(0, "calculate-overlay-overlap"), 110);
   EXPECT_EQ(interpret_command(0, "mirror-left-right"), 0);
   EXPECT_EQ(interpret_command(0, "Add"), -1);
-  for (int i = 0; i < NUMBER_OF_COMMANDS; i++) EXPECT_EQ(interpret_command(0, command_name(i)), i);
+  for (int i = 0; i < command_count(); i++) EXPECT_EQ(interpret_command(0, command_name(i)), i);
 }
 
 TEST_F(Variables, DefaultsShowAsDescribed) {
@@ -72,7 +76,7 @@ TEST_F(Variables, IntegerValuesAndResets) {
   EXPECT_EQ(err, "Error: Syntax = `set io-increment <number>'.\n");
   set_variable(2, "12abc");
   EXPECT_EQ(io_increment, 12);
-  nifti_method = 2;
+  set_variable(21, "2");
   err = capture_stderr([] { EXPECT_EQ(set_variable(21, "1"), 1); });
   EXPECT_EQ(err, "Error: 1 is an invalid value for `nifti-method'; use 2 or 3.\n");
   EXPECT_EQ(nifti_method, 3);
@@ -106,16 +110,16 @@ TEST_F(Variables, ThreeValueFormsStorePartialMatches) {
 TEST_F(Variables, HistogramAllocatesCeilingBins) {
   std::string out = capture_stdout([] { EXPECT_EQ(set_variable(22, "0 10 3"), 0); });
   EXPECT_EQ(out, "Allocate histogram: 0 10 3 (4 bins)\n");
-  EXPECT_EQ(hist_nbins, 4);
-  ASSERT_NE(histogram, nullptr);
+  EXPECT_EQ(histogram.nbins, 4);
+  ASSERT_EQ(histogram.counts.size(), 4u);
   for (const char *bad : {"10 0 1", "0 10 0", "0 10", "0 nan 1"}) {
     std::string err = capture_stderr([&] { EXPECT_EQ(set_variable(22, bad), 1); });
     EXPECT_EQ(err, "Error: Use a syntax like `set histogram <start> <end> <bin size>'.\n") << bad;
   }
-  EXPECT_EQ(hist_nbins, 4);
+  EXPECT_EQ(histogram.nbins, 4);
   std::string err = capture_stderr([] { EXPECT_EQ(set_variable(22, "0 1e30 1e-30"), 1); });
   EXPECT_FALSE(err.empty());
-  EXPECT_EQ(hist_nbins, 4);
+  EXPECT_EQ(histogram.nbins, 4);
 }
 
 TEST_F(Variables, UnknownNameIsReported) {
@@ -124,7 +128,7 @@ TEST_F(Variables, UnknownNameIsReported) {
 }
 
 TEST(Substitution, WordsSlotsAndErrors) {
-  fatal_error = 0;
+  reset_interpreter();
   char w0[] = "kep", w1[] = "run.com", w2[] = "x", w3[] = "y";
   char *words[] = {w0, w1, w2, w3};
   char line[KEP_LINE] = "add $1 $2 $0\n";

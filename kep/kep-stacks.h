@@ -1,0 +1,44 @@
+// The registry of named stacks (kep-stacks.cpp alone changes it) and the
+// operations on whole stacks.
+#pragma once
+
+#include <memory>
+
+#include "kep.h"
+
+// The first stack of the registry; the chain continues through `next`.
+extern const std::unique_ptr<data_stack> &stack_root;
+// Frees every stack.
+void reset_stacks();
+
+data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
+                          int nt);
+// Same, but refuses sizes that overflow the sample count before touching
+// the registry: returns null after an error message.
+data_stack *install_stack_checked(const char *name, const data_stack *template_stack, long nx, long ny,
+                                  long nz, long nt);
+// Same, for samples already gathered (n4d of them, sizes already checked):
+// the stack takes them over instead of allocating its own.
+data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
+                                       std::unique_ptr<FCOMPLEX[]> samples);
+void free_stack(data_stack *stack);
+data_stack *find_stack(const char *name);
+int delete_stacks();
+int show_stacks();
+int copy_volumes(const char *name);
+// While on, copy_volumes gives each source stack's memory back once its volumes are
+// copied (its samples then read as zero): for sources that are deleted right after.
+void set_copy_releases_sources(bool on);
+int inconsistent_3d_dimensions(IPOINT3D *dims, int *count);
+float stack_amp(const data_stack *stack, long n);
+float volume_amp(const volume_list *vol, long n);
+float volume_phase(const volume_list *vol, long n);
+void check_stack_index(int x, int y, int z, int t, long index, const data_stack *stack);
+// index2d and index3d have no caller today; the system offers them beside index4d.
+inline int index2d(int i, int j, const volume_list *vol) { return j * vol->dim.x + i; }
+inline int index3d(int i, int j, int k, const volume_list *vol) {
+  return k * vol->n2d + j * vol->dim.x + i;
+}
+inline int index4d(int i, int j, int k, int t, const data_stack *s) {
+  return t * s->n3d + k * s->n2d + j * s->dim.x + i;
+}
