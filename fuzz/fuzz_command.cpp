@@ -4,13 +4,13 @@
 #include <cstring>
 #include <string>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
 #include "kep-macros.h"
 #include "kep-session.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 

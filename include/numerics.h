@@ -8,13 +8,12 @@
 #include "util.h"
 
 // Matrix and vector algebra. Matrices are row-pointer arrays [row][column].
+// Several (Matrix_Vector_Product, Trace_of_Matrix, the FC helpers) have no
+// caller in the program today: the library offers them.
 int invert_3x3_matrix(float m[3][3]);
 int dInvertSquareMatrix(int n, double **a, int *failing_row);
 int rInvertSquareMatrix(int n, float **a, int *failing_row);
 void Matrix_Product(float **C, int n, int m, float **A, int transpose_a, int p, float **B, int transpose_b);
-// The same product summed in double, for callers that keep double matrices.
-void dMatrix_Product(double **C, int n, int m, double **A, int transpose_a, int p, double **B,
-                     int transpose_b);
 void Matrix_Vector_Product(float *y, int n, float **A, int transpose, int p, const float *x);
 void Matrix_PseudoInverse(float **X, int t, int c, float **out);
 float Trace_of_Matrix(int n, float **A);
@@ -65,6 +64,7 @@ void reset_linear_fits();
 int PolynomialDefineGLM(int order, int npts, const int *use);
 int PolynomialFitGLM(int npts, const float *data, float *fit);
 int PolynomialRemoveGLM(int first, int npts, float *data, float *fit);
+// The general fits have no caller today: the library offers them beside the polynomial ones.
 int GeneralDefineGLM(int ncoef, int npts, const int *use, float **design);
 int GeneralFitGLM(int npts, const float *data, float *fit);
 int GeneralRemoveGLM(int first, int npts, float *data, float *fit);

@@ -15,6 +15,7 @@ extern int kep_batch_run;
 [[noreturn]] void alloc_error(const char *text);
 
 // Vectors: storage for n elements (not cleared); free with the matching free_*.
+// Most pairs below have no caller today: the library offers the whole set.
 char *char_vector(long n);
 unsigned char *unsigned_char_vector(long n);
 float *float_vector(long n);

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 #include "test_support.h"
 #include "util.h"
 
@@ -23,32 +23,37 @@ std::vector<int> volumes_of(const volume_list *root) {
 
 class Decode : public KepTest {};
 
-TEST_F(Decode, SubsetRangesAndLetters) {
-  std::vector<int> n;
-  ASSERT_EQ(decode_subset("3-1", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{3, 2, 1}));
-  ASSERT_EQ(decode_subset("1-3-5", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{1, 2, 3, 4, 5}));
-  ASSERT_EQ(decode_subset("5,2,n", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{5, 2, 9}));
-  ASSERT_EQ(decode_subset("Z,y,X", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{9, 8, 7}));
-  ASSERT_EQ(decode_subset("", 3, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{0, 1, 2}));
-  ASSERT_EQ(decode_subset("2abc", 3, n), 0);  // "%d" reads the leading number
-  EXPECT_EQ(n, (std::vector<int>{2}));
-}
-
-TEST_F(Decode, SubsetErrors) {
-  std::vector<int> n;
-  std::string err = capture_stderr([&] { EXPECT_EQ(decode_subset("0,,1", 10, n), 1); });
-  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
-  err = capture_stderr([&] { EXPECT_EQ(decode_subset("1,", 10, n), 1); });
-  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
-  err = capture_stderr([&] { EXPECT_EQ(decode_subset("10", 10, n), 1); });
-  EXPECT_EQ(err, "Error: The list contains a number which is out of range.\n");
-  err = capture_stderr([&] { EXPECT_EQ(decode_subset("-1", 10, n), 1); });
-  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
+// Subsets: ranges either way, letters counted from the end, "%d" reading of
+// numbers, the io-increment shift, and the syntax and range errors.
+TEST_F(Decode, SubsetTable) {
+  const std::string syntax = "Error: A bad syntax was used in the list string.\n",
+                    range = "Error: The list contains a number which is out of range.\n";
+  struct Case {
+    const char *subset;
+    int n, increment;
+    std::vector<int> volumes;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"3-1", 10, 0, {3, 2, 1}, ""},   {"1-3-5", 10, 0, {1, 2, 3, 4, 5}, ""},
+      {"5,2,n", 10, 0, {5, 2, 9}, ""}, {"Z,y,X", 10, 0, {9, 8, 7}, ""},
+      {"", 3, 0, {0, 1, 2}, ""},       {"2abc", 3, 0, {2}, ""},
+      {"0-2", 10, 1, {1, 2, 3}, ""},   {"", 3, 1, {0, 1, 2}, ""},  // an empty subset is not shifted
+      {"0,,1", 10, 0, {}, syntax},     {"1,", 10, 0, {}, syntax},
+      {"-1", 10, 0, {}, syntax},       {"10", 10, 0, {}, range},
+      {"n", 10, 1, {}, range},
+  };
+  for (const Case &c : cases) {
+    set_variable(2, c.increment ? "1" : "0");  // io-increment
+    std::vector<int> n;
+    int result = -1;
+    std::string err = capture_stderr([&] { result = decode_subset(c.subset, c.n, n); });
+    EXPECT_EQ(result, c.error.empty() ? 0 : 1) << c.subset;
+    EXPECT_EQ(err, c.error) << c.subset;
+    if (c.error.empty()) {
+      EXPECT_EQ(n, c.volumes) << c.subset;
+    }
+  }
 }
 
 // The volume limit is judged on the whole subset: a syntax error anywhere in
@@ -86,17 +91,6 @@ TEST_F(Decode, SubsetLimitIsCheckedAfterTheWholeText) {
       EXPECT_EQ(err, c.message) << c.subset;
     }
   }
-}
-
-TEST_F(Decode, IoIncrementShiftsEveryNumber) {
-  std::vector<int> n;
-  set_variable(2, "1");  // io-increment
-  ASSERT_EQ(decode_subset("0-2", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{1, 2, 3}));
-  std::string err = capture_stderr([&] { EXPECT_EQ(decode_subset("n", 10, n), 1); });
-  EXPECT_EQ(err, "Error: The list contains a number which is out of range.\n");
-  ASSERT_EQ(decode_subset("", 3, n), 0);  // an empty subset is not shifted
-  EXPECT_EQ(n, (std::vector<int>{0, 1, 2}));
 }
 
 TEST_F(Decode, VolumeListNamesAndSubsets) {
