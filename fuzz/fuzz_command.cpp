@@ -1,17 +1,16 @@
 // Feeds random command lines to the interpreter with a few stacks installed.
-#include <csetjmp>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
 #include "kep-macros.h"
 #include "kep-session.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 
@@ -20,9 +19,20 @@ namespace {
 bool allowed(const char *line) {
   char word[KEP_LINE];
   if (next_word(line, word) == nullptr) return true;
-  static const char *const skipped[] = {"help", "mode", "read", "read-loop", "end-loop", "write", "write-short",
-                                        "write-float", "write-slices", "write-overlay", "read-GLM",
-                                        "histogram", "weighted-histogram", "scatter-plot"};
+  static const char *const skipped[] = {"help",
+                                        "mode",
+                                        "read",
+                                        "read-loop",
+                                        "end-loop",
+                                        "write",
+                                        "write-short",
+                                        "write-float",
+                                        "write-slices",
+                                        "write-overlay",
+                                        "read-GLM",
+                                        "histogram",
+                                        "weighted-histogram",
+                                        "scatter-plot"};
   for (const char *s : skipped)
     if (strcmp(word, s) == 0) return false;
   if (strcmp(word, "set") == 0 && strstr(line, "registration-distortions") != nullptr) return false;
@@ -46,8 +56,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   (void)quiet;
   reset();
   std::string input(reinterpret_cast<const char *>(data), size);
-  jmp_buf trap;
-  kep_exit_trap = &trap;
   size_t start = 0;
   while (start < input.size()) {
     size_t end = input.find('\n', start);
@@ -55,9 +63,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     start = end == std::string::npos ? input.size() : end + 1;
     if (line.size() >= KEP_LINE) line.resize(KEP_LINE - 1);
     if (!allowed(line.c_str())) continue;
-    if (setjmp(trap) != 0) break;  // a fatal message or an exit: the input is done
-    do_command(0, line.c_str());
+    try {
+      do_command(0, line.c_str());
+    } catch (const fatal &) {
+      break;  // a fatal message or an exit: the input is done
+    }
   }
-  kep_exit_trap = nullptr;
   return 0;
 }

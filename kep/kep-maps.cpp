@@ -8,11 +8,11 @@
 #include <cstdio>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
-#include "kep-variables.h"
 #include "kep-util.h"
+#include "kep-variables.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {
@@ -36,14 +36,8 @@ int install_maps(const char *name, const data_stack *template_stack, IPOINT3D di
                  const std::vector<float> &maps) {
   // Copy what the stack record offers before a re-used name releases it.
   data_stack geometry_source;
-  geometry_source.resolution = template_stack->resolution;
-  geometry_source.resolution_t = template_stack->resolution_t;
-  geometry_source.origin = template_stack->origin;
-  geometry_source.direction = template_stack->direction;
+  static_cast<volume_geometry &>(geometry_source) = *template_stack;
   geometry_source.dim = template_stack->dim;
-  geometry_source.ijk_to_xyz = template_stack->ijk_to_xyz;
-  geometry_source.xyz_to_ijk = template_stack->xyz_to_ijk;
-  geometry_source.off_diagonal = template_stack->off_diagonal;
   geometry_source.status = template_stack->status;
   geometry_source.registration = template_stack->registration;
   geometry_source.lDOF = template_stack->lDOF;
@@ -134,7 +128,8 @@ int map_t2(DecayMap kind, const char *name) {
   if (n == 2) printf("The %s map will be calculated (not fit) from 2 points.\n", what);
 
   std::vector<float> x(static_cast<size_t>(n)), y(static_cast<size_t>(n));
-  for (int i = 0; i < n; i++) x[static_cast<size_t>(i)] = map_array[static_cast<size_t>(i)] * array_scale + array_offset;
+  for (int i = 0; i < n; i++)
+    x[static_cast<size_t>(i)] = map_array[static_cast<size_t>(i)] * array_scale + array_offset;
   const float low = filter_range.x, high = filter_range.y;
   const bool filter_on = high >= low;
 

@@ -6,18 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
-
-namespace {
-
-bool warn_about_design = true;
-
-}  // namespace
-
-const bool &design_warnings = warn_about_design;
-
-void set_design_warnings(bool on) { warn_about_design = on; }
+#include "kep.h"
 
 namespace {
 

@@ -2,9 +2,6 @@
 //   glm_driver design <control>                       design matrix and model summary
 //   glm_driver fit <control> <data> <nvox> <conditions>  per-voxel fits, statistics, block check
 //   glm_driver pvalues                                 "F dof nc" lines on stdin -> p
-//   glm_driver study-p <control> <out>                 read-GLM of the control file, then the p of
-//                                                      the first condition at every voxel of "glm"
-//                                                      as the stack commands fit it (float32 to out)
 // Data files hold nvox series of float32, one series after another.
 #include <cstdio>
 #include <cstdlib>
@@ -13,13 +10,6 @@
 #include <vector>
 
 #include "glm.h"
-#include "kep.h"
-#include "kep-decode.h"
-#include "kep-glm.h"
-#include "kep-macros.h"
-#include "kep-session.h"
-#include "kep-stacks.h"
-#include "kep-variables.h"
 #include "numerics.h"
 
 namespace {
@@ -92,30 +82,12 @@ int pvalues() {
   return 0;
 }
 
-// The whole interpreter path: runs, the stack "glm", the fit with its AR passes.
-int study_p(const char *control, const char *out_file) {
-  initialize_global_variables();
-  set_flag(FLAG_QUIET, true);
-  if (macro_read_glm_control_file(control)) return 1;
-  initialize_volume_list();
-  char glm[KEP_LINE] = "glm";
-  if (decode_volume_list(0, glm)) return 1;
-  const data_stack *s = find_stack("glm");
-  if (s == nullptr) return 1;
-  std::vector<float> p(static_cast<size_t>(s->n3d), -1.0f);
-  if (glm_p_values(p.data())) return 1;
-  FILE *f = fopen(out_file, "wb");
-  if (!f || fwrite(p.data(), sizeof(float), p.size(), f) != p.size()) return 1;
-  return fclose(f) != 0;
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
   if (argc >= 3 && strcmp(argv[1], "design") == 0) return design(argv[2]);
   if (argc >= 6 && strcmp(argv[1], "fit") == 0) return fit(argv[2], argv[3], atoi(argv[4]), argv[5]);
   if (argc >= 2 && strcmp(argv[1], "pvalues") == 0) return pvalues();
-  if (argc >= 4 && strcmp(argv[1], "study-p") == 0) return study_p(argv[2], argv[3]);
-  fprintf(stderr, "usage: glm_driver design|fit|pvalues|study-p ...\n");
+  fprintf(stderr, "usage: glm_driver design|fit|pvalues ...\n");
   return 2;
 }

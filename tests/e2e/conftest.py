@@ -1,12 +1,18 @@
-"""Shared helpers for the end-to-end tests: run build/kep in a temporary directory."""
+"""Shared helpers for the end-to-end tests: run build/kep in a temporary directory, and make and
+read the volume files it works on."""
 import os
+import re
+import shutil
 import subprocess
+import tempfile
 from pathlib import Path
 
+import numpy as np
 import pytest
 
 SOURCE = Path(os.environ.get("KEP_SOURCE", Path(__file__).resolve().parents[2]))
 KEP = Path(os.environ.get("KEP", SOURCE / "build" / "kep"))
+XD_TYPES = {"bshort": "<i2", "bfloat": "<f4", "blong": "<i4", "ushort": "<u2"}
 
 
 def command_words():
@@ -55,5 +61,171 @@ class Kep:
 
 
 @pytest.fixture
-def kep(tmp_path):
-    return Kep(tmp_path)
+def kep():
+    """A fresh working directory that an unprivileged user may enter too (pytest's own are
+    private to their owner), removed afterwards."""
+    path = Path(tempfile.mkdtemp(prefix="kep-test-"))
+    path.chmod(0o755)
+    yield Kep(path)
+    shutil.rmtree(path, ignore_errors=True)
+
+
+def write_xdisplay(directory: Path, name: str, data, dtype="<f4", header_lines=(), byte_order=1, pairs=None):
+    """Writes data (x, y, z, t) as an xdisplay file `name` with its ".hdr" (x fastest); complex data
+    (or pairs=True) go as (real, imaginary) pairs with "data-type complex"."""
+    data = np.asarray(data)
+    if data.ndim == 3:
+        data = data[..., np.newaxis]
+    x, y, z, t = data.shape
+    pairs = np.iscomplexobj(data) if pairs is None else pairs
+    dt = np.dtype(dtype).newbyteorder("<" if byte_order == 1 else ">")
+    if pairs:
+        flat = np.empty((2 * x, y, z, t), dtype=dt)
+        flat[0::2] = data.real
+        flat[1::2] = data.imag
+        data = flat
+    (directory / name).write_bytes(data.astype(dt).tobytes(order="F"))
+    stem = name.rsplit(".", 1)[0] if "." in Path(name).name else name
+    lines = [f"x {x}", f"y {y}", f"z {z}", f"t {t}", f"byte-order {byte_order}", *header_lines]
+    if pairs and not any(line.startswith("data-type") for line in header_lines):
+        lines.append("data-type complex")
+    (directory / (stem + ".hdr")).write_text("\n".join(lines) + "\n")
+
+
+def write_complex(path, data, resolution=(1.0, 1.0, 1.0)):
+    """Writes data[t, z, y, x] as a ".bfloat": complex pairs when x is even, else real (x odd
+    is refused for complex files, so such data must be real)."""
+    data = np.asarray(data).transpose(3, 2, 1, 0)
+    if data.shape[0] % 2:
+        assert np.all(np.imag(data) == 0), "complex files need an even x"
+        data = np.real(data)
+    write_xdisplay(path.parent, path.name, data, "<f4", [f"resolution {' '.join(map(str, resolution))}"],
+                   pairs=np.iscomplexobj(data))
+
+
+def read_header(path: Path):
+    """The keyword lines of an xdisplay ".hdr" as a dict of word lists."""
+    fields = {}
+    for line in path.read_text().splitlines():
+        line = line.split("#")[0].split()
+        if line:
+            fields[line[0]] = line[1:]
+    return fields
+
+
+def read_xdisplay(directory: Path, stem: str, ext="bfloat"):
+    """Reads an xdisplay file written by kep: (array x, y, z, t; header dict)."""
+    fields = read_header(directory / (stem + ".hdr"))
+    x, y, z, t = (int(fields[k][0]) for k in "xyzt")
+    dt = np.dtype(XD_TYPES[ext]).newbyteorder("<" if fields["byte-order"][0] == "1" else ">")
+    raw = np.frombuffer((directory / f"{stem}.{ext}").read_bytes(), dtype=dt)
+    if fields.get("data-type", [""])[0] == "complex":
+        pairs = raw.reshape((2 * x, y, z, t), order="F").astype(np.float64)
+        return pairs[0::2] + 1j * pairs[1::2], fields
+    return raw.reshape((x, y, z, t), order="F").astype(np.float64), fields
+
+
+def read_complex(path, shape=None):
+    """Reads a ".bfloat" written with complex output on as data[t, z, y, x]."""
+    data, fields = read_xdisplay(path.parent, path.stem)
+    assert shape is None or tuple(shape) == data.shape[::-1], (shape, data.shape)
+    return data.transpose(3, 2, 1, 0)
+
+
+def kep_values(kep, source, subset="", complex_output=False):
+    """Reads `source` into kep and writes it back as floats: the values kep holds."""
+    file_word = source + (">" + subset if subset else "")
+    lines = ["set complex-output on"] if complex_output else []
+    lines += [f"read {file_word} v", "write-float kepvalues.bfloat v", "quit"]
+    r = kep.stdin("\n".join(lines) + "\n")
+    assert (kep.dir / "kepvalues.bfloat").exists(), r
+    data, fields = read_xdisplay(kep.dir, "kepvalues")
+    return data, fields, r
+
+
+def stack_line(stdout: str, name: str):
+    """The first show-stacks line of stack `name`: (x, y, z, t, type, low)."""
+    for line in stdout.split("\n"):
+        parts = re.split(r"[\r\t]+", line.replace("kep > ", ""))
+        if parts and parts[0] == name:
+            return parts[1:]
+    return None
+
+
+def random_stack(shape, seed, zeros=0.0):
+    """Samples in (-1, 1) + i(-1, 1) for shape [t, z, y, x]; real when x is odd; a fraction
+    `zeros` of them exactly 0."""
+    rng = np.random.default_rng(seed)
+    real = rng.uniform(-1, 1, shape)
+    data = (real + 1j * rng.uniform(-1, 1, shape) if shape[-1] % 2 == 0 else real + 0j).astype(np.complex64)
+    if zeros:
+        data[rng.uniform(0, 1, shape) < zeros] = 0
+    return data
+
+
+def run_ops(kep, inputs, commands, outputs, setup="", resolution=(1.0, 1.0, 1.0), script=False):
+    """`inputs`: stack name -> array [t, z, y, x]; `commands`: the lines to run; `outputs`: stack
+    names to write. Returns (result, {name: array [t, z, y, x]}). A command file (`script`) makes
+    every error fatal; otherwise the lines go to standard input."""
+    lines = ["set complex-output on"] + ([setup] if setup else [])
+    for name, data in inputs.items():
+        write_complex(kep.path(f"in_{name}.bfloat"), np.asarray(data, dtype=np.complex64), resolution)
+        lines.append(f"read in_{name}.bfloat {name}")
+    lines += [commands] + [f"write out_{name}.bfloat {name}" for name in outputs]
+    text = "\n".join(lines) + "\n"
+    result = kep.script(text) if script else kep.stdin(text + "quit\n")
+    written = {}
+    for name in outputs:
+        assert kep.path(f"out_{name}.hdr").exists(), result
+        written[name] = read_complex(kep.path(f"out_{name}.bfloat"))
+    return result, written
+
+
+def run_on_stack(kep, data, commands, resolution=(1.0, 1.0, 1.0), setup="", interactive=False):
+    """Reads `data` into stack a from a command file (stdin when `interactive`), runs the lines,
+    returns (result, stack a as written)."""
+    result, written = run_ops(kep, {"a": data}, commands, ["a"], setup, resolution, script=not interactive)
+    if not interactive:
+        assert result.returncode == 1, result  # the process ends with its input
+    return result, written["a"]
+
+
+def assert_close(actual, expected, rtol=2e-6, atol=2e-6):
+    actual, expected = np.asarray(actual), np.asarray(expected)
+    assert actual.shape == expected.shape, (actual.shape, expected.shape)
+    np.testing.assert_allclose(actual.real, expected.real, rtol=rtol, atol=atol)
+    np.testing.assert_allclose(actual.imag, expected.imag, rtol=rtol, atol=atol)
+
+
+def assert_single_precision(actual, expected, factor=4.0):
+    """Equal up to a few single-precision roundings of the largest value."""
+    scale = max(float(np.max(np.abs(expected))), 1e-30)
+    worst = float(np.max(np.abs(actual - expected)))
+    assert worst <= factor * 1.2e-7 * scale * max(1.0, np.log2(expected.size)), (worst, scale)
+
+
+class KepSession:
+    """One kep process fed line by line, so that files can be changed between its commands."""
+
+    def __init__(self, directory: Path, kep_binary: str, preexec_fn=None, argv_prefix=()):
+        self.proc = subprocess.Popen([*argv_prefix, kep_binary], cwd=directory, stdin=subprocess.PIPE,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, preexec_fn=preexec_fn)
+        self.prompts = 1  # kep prompts once before the first line and again after each line
+
+    def send(self, text):
+        """Sends lines and returns what kep printed once it has prompted after the last of them."""
+        self.proc.stdin.write(text.encode())
+        self.proc.stdin.flush()
+        self.prompts += text.count("\n")
+        out = b""
+        while out.count(b"kep > ") < self.prompts:
+            chunk = self.proc.stdout.read1(65536)
+            assert chunk, (out, self.proc.poll())
+            out += chunk
+        self.prompts = 0
+        return out.decode()
+
+    def finish(self, text="quit\n"):
+        """Sends the last lines; returns (stdout, stderr, exit status)."""
+        out, err = self.proc.communicate(text.encode(), timeout=300)
+        return out.decode(), err.decode(), self.proc.returncode

@@ -11,7 +11,6 @@ import numpy as np
 
 TR = 2.0
 RES = (3.0, 3.0, 4.0)
-CENTRES = {0: 0.0, 1: 0.5, 2: float(np.float32(0.33333334)), 3: 0.25}
 
 
 def event_char(n):
@@ -61,7 +60,9 @@ class Study:
         return inc
 
     def design(self):
-        """Event columns (peak 1) then baseline columns grouped by term; excluded rows zero."""
+        """Event columns (peak 1) then baseline columns grouped by term; excluded rows zero. The
+        baseline columns are the powers of the run's time; kep centres them, which changes only
+        the baseline coefficients, not the column space nor anything of the events."""
         n = self.ntime
         t = np.arange(n) * TR
         cols = []
@@ -77,7 +78,7 @@ class Study:
                 x = np.zeros(n)
                 u = np.arange(self.nimg)
                 d = self.nimg - 1
-                x[r * self.nimg:(r + 1) * self.nimg] = (u / d) ** k - CENTRES[k] if k else 1.0
+                x[r * self.nimg:(r + 1) * self.nimg] = (u / d) ** k
                 cols.append(x)
         X = np.array(cols).T
         X[~self.include()] = 0

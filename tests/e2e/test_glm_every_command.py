@@ -2,8 +2,10 @@
 import re
 
 import numpy as np
+import pytest
 
 import glm_model as gm
+from conftest import write_xdisplay
 
 
 def run(kep, study, volume, commands):
@@ -112,3 +114,24 @@ def test_a_response_function_too_fine_to_convolve_is_refused(kep):
     r = kep.script("read-GLM study.glm\n", timeout=60)
     assert ("Error: the IRF of 300000 samples of 0.0001 seconds is too fine to convolve with "
             "1200000 paradigm samples.\n") in r.stdout, r
+
+
+def test_commands_need_glm_and_events(kep):
+    r = kep.stdin("GLM-fit-events x\nGLM-remove-baseline\nquit\n")
+    assert r.stderr.count("Error: Stack glm does not exist.\n") == 2
+
+
+NAME_MISSING = "Error: A name for the volume to create is mandatory here.\n"
+
+
+@pytest.mark.parametrize("line", ["GLM-fit-events", "GLM-residual-variance", "GLM-map-AR",
+                                  "GLM-residue", "GLM-residue 1-2", "GLM-find-maximal-effect",
+                                  "GLM-find-maximal-effect 1-2", "GLM-vary-tau", "GLM-vary-tau 3"])
+@pytest.mark.parametrize("other_stack", [False, True])
+def test_missing_own_word_is_reported_before_the_glm_list(kep, line, other_stack):
+    setup = ""
+    if other_stack:
+        write_xdisplay(kep.dir, "a.bfloat", np.ones((2, 2, 1, 1)), "<f4")
+        setup = "read a.bfloat\n"
+    r = kep.stdin(setup + line + "\nquit\n")
+    assert r.stderr == NAME_MISSING, r

@@ -2,7 +2,8 @@
 import numpy as np
 import pytest
 
-from io_files import read_xdisplay, write_xdisplay
+from conftest import read_xdisplay, write_xdisplay
+
 
 SYNTAX = ("Error: The syntax in an overlay file can be one of the following:\n"
           "1)  x y z         (voxel indices), OR\n"
@@ -39,17 +40,31 @@ def test_a_bad_line_fails_the_whole_file(kep, line, message):
     assert lines == ["1 1 1 0.25"]
 
 
-@pytest.mark.parametrize("logic,expected", [
-    ("replace", ["2 2 2 0.5", "5 5 5 1"]),
-    ("or", ["1 1 1 0.4", "2 2 2 0.4", "5 5 5 1"]),
-    ("and", ["2 2 2 0.2"]),
-    ("not", ["1 1 1 0.4"]),
-])
-def test_overlay_logic(kep, logic, expected):
-    (kep.dir / "cur.ovl").write_text("1 1 1 0.4\n2 2 2 0.4\n")
+def combined(logic, current, new):
+    """The overlay after reading `new` over `current` (lists of (voxel, weight)): the new one
+    replaces, `or` adds the new voxels not yet there, `and` keeps the shared ones with the
+    product of their weights, `not` keeps the current ones that are not in the new."""
+    shared = dict(new)
+    if logic == "replace":
+        return new
+    if logic == "or":
+        return current + [(v, w) for v, w in new if v not in dict(current)]
+    if logic == "and":
+        return [(v, w * shared[v]) for v, w in current if v in shared]
+    return [(v, w) for v, w in current if v not in shared]
+
+
+@pytest.mark.parametrize("logic", ["replace", "or", "and", "not"])
+@pytest.mark.parametrize("shared_first", [False, True])
+def test_overlay_logic(kep, logic, shared_first):
+    current = [("1 1 1", 0.4), ("2 2 2", 0.4)][::-1 if shared_first else 1]
+    new = [("2 2 2", 0.5), ("5 5 5", 1.0)]
+    (kep.dir / "cur.ovl").write_text("".join(f"{v} {w}\n" for v, w in current))
     (kep.dir / "new.ovl").write_text("2 2 2 0.5\n5 5 5\n")
     r, lines = overlay_lines(kep, f"read cur.ovl\nset overlay-logic {logic}\nread new.ovl")
-    assert lines == expected
+    expected = combined(logic, current, new)
+    assert [line.split()[:3] for line in lines] == [v.split() for v, _ in expected]
+    np.testing.assert_allclose([float(line.split()[3]) for line in lines], [w for _, w in expected], rtol=1e-6)
     assert f"{len(expected)} overlay pixels read from file.\n" in r.stdout
 
 

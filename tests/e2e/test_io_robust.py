@@ -6,7 +6,7 @@ import nibabel as nib
 import numpy as np
 import pytest
 
-from io_files import stack_line, write_xdisplay
+from conftest import stack_line, write_xdisplay
 
 
 def nifti_bytes(dims=(2, 2, 2), datatype=16, bitpix=32, vox_offset=352.0, endian="<", extender=b"\0\0\0\0"):
@@ -41,14 +41,6 @@ def test_bad_nifti_dimensions(kep, dims, message):
     (kep.dir / "n.nii").write_bytes(nifti_bytes(dims) + bytes(64))
     r = run_read(kep, "n.nii")
     assert message in r.stdout
-
-
-def test_enormous_xdisplay_dimensions(kep):
-    (kep.dir / "e.bfloat").write_bytes(bytes(16))
-    (kep.dir / "e.hdr").write_text("x 100000\ny 100000\nz 100000\nt 1000\n")
-    r = run_read(kep, "e.bfloat")
-    assert ("Error: the dimensions 100000 x 100000 x 100000 x 1000 in file 'e.bfloat' hold more samples than kep "
-            "can store.\n") in r.stdout
 
 
 def test_large_header_over_a_short_file(kep):
@@ -122,13 +114,3 @@ def test_garbage_header_lines(kep):
     (kep.dir / "g.hdr").write_bytes(b"\x00\xff\xfe binary\n\x01\x02\n")
     r = run_read(kep, "g.bfloat")
     assert "Error reading the 1st line of the xds header file 'g.hdr'.\n" in r.stdout
-
-
-def test_nifti_write_to_a_full_device(kep):
-    write_xdisplay(kep.dir, "good.bfloat", np.ones((2, 2, 2, 1)), np.float32)
-    (kep.dir / "full.nii").symlink_to("/dev/full")
-    (kep.dir / "full.img").symlink_to("/dev/full")
-    r = kep.stdin("read good.bfloat s\nwrite full.nii s\nwrite full.img s\nquit\n")
-    assert "Error writing the NIFTI header into file full.nii\n" in r.stdout
-    assert "Error writing the output file full.img.\n" in r.stdout
-    assert "were written" not in r.stdout

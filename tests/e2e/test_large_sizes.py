@@ -3,7 +3,7 @@ anything is allocated, and the stacks already held stay as they were."""
 import numpy as np
 import pytest
 
-from io_files import stack_line, write_xdisplay
+from conftest import stack_line, write_xdisplay
 
 
 def held_stack_survives(kep, commands, before="read good.bfloat s\n"):

@@ -5,8 +5,7 @@ import subprocess
 
 import numpy as np
 
-from conftest import KEP, SOURCE
-from io_files import write_xdisplay
+from conftest import KEP, SOURCE, write_xdisplay
 
 
 def run_measured(kep, command_file, env=None):

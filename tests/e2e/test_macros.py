@@ -1,17 +1,13 @@
 """Read loops and the reorder-interleaved-slices macro."""
 import numpy as np
 
-
-def write_xdisplay(path, data):
-    nx, ny, nz, nt = data.shape
-    data.transpose(3, 2, 1, 0).astype("<f4").tofile(path.with_suffix(".bfloat"))
-    path.with_suffix(".hdr").write_text(f"x {nx}\ny {ny}\nz {nz}\nt {nt}\nstorage-type float\nbyte-order 1\n")
+from conftest import write_xdisplay
 
 
 def test_read_loop_reads_in_chunks_and_runs_the_stored_lines(kep):
     # 128 x 80 x 8 voxels of 8 bytes: 655360 bytes per volume, so chunks of 20
     data = np.arange(128 * 80 * 8 * 45, dtype=np.float32).reshape(45, 8, 80, 128).transpose(3, 2, 1, 0)
-    write_xdisplay(kep.path("f"), data)
+    write_xdisplay(kep.dir, "f.bfloat", data)
     r = kep.stdin("read-loop f.bfloat>0-44 s\nshow-stacks s\nend-loop\nquit\n")
     assert r.stdout.count("macro>> read f.bfloat>0-19 s\n") == 1
     assert "macro>> read f.bfloat>20-39 s\n" in r.stdout
@@ -23,7 +19,7 @@ def test_read_loop_reads_in_chunks_and_runs_the_stored_lines(kep):
 
 
 def test_read_loop_with_a_scattered_subset_and_io_increment(kep):
-    write_xdisplay(kep.path("g"), np.zeros((2, 2, 2, 10)))
+    write_xdisplay(kep.dir, "g.bfloat", np.zeros((2, 2, 2, 10)))
     r = kep.stdin("read-loop g.bfloat>0,2,4 s\nend-loop\nset io-increment 1\nread-loop g.bfloat>0-2 t\nend-loop\n"
                   "show-stacks t\nquit\n")
     assert "macro>> read g.bfloat>0,2,4 s\n" in r.stdout
@@ -48,7 +44,7 @@ def test_end_loop_without_a_loop_does_nothing(kep):
 
 
 def test_failing_stored_line_stops_the_loop_in_a_command_file(kep):
-    write_xdisplay(kep.path("h"), np.zeros((2, 2, 1, 3)))
+    write_xdisplay(kep.dir, "h.bfloat", np.zeros((2, 2, 1, 3)))
     r = kep.script("read-loop h.bfloat s\nshow-stacks nosuch\nend-loop\nshow io-increment\n")
     assert "macro>> show-stacks nosuch\n" in r.stdout
     assert "io-increment" not in r.stdout.split("end-loop")[-1]
@@ -58,7 +54,7 @@ def test_failing_stored_line_stops_the_loop_in_a_command_file(kep):
 def test_reorder_interleaved_slices(kep):
     data = np.zeros((1, 1, 4, 1))
     data[0, 0, :, 0] = [10, 11, 12, 13]
-    write_xdisplay(kep.path("a"), data)
+    write_xdisplay(kep.dir, "a.bfloat", data)
     r = kep.stdin("read a.bfloat a\nreorder-interleaved-slices 1 a\nshow slice-order\n"
                   "reorder-interleaved-slices 2 a\nquit\n")
     assert "macro>> set slice-order  1 3 0 2 \n" in r.stdout

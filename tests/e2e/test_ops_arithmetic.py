@@ -2,15 +2,10 @@
 import numpy as np
 import pytest
 
-from fft_files import skip_without_volume_files
-from ops_files import assert_close, random_stack, run_ops
+from conftest import assert_close, random_stack, run_ops
+
 
 SHAPE = (3, 2, 5, 4)  # t, z, y, x
-
-
-@pytest.fixture(autouse=True)
-def _needs_files(kep):
-    skip_without_volume_files(kep)
 
 
 def parts(data, op):

@@ -2,13 +2,7 @@
 import numpy as np
 import pytest
 
-from fft_files import skip_without_volume_files
-from ops_files import assert_close, random_stack, run_ops
-
-
-@pytest.fixture(autouse=True)
-def _needs_files(kep):
-    skip_without_volume_files(kep)
+from conftest import assert_close, random_stack, run_ops
 
 
 def band(n, fraction, far_inclusive):

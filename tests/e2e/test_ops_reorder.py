@@ -2,16 +2,10 @@
 import numpy as np
 import pytest
 
-from fft_files import skip_without_volume_files
-from io_files import read_header
-from ops_files import assert_close, random_stack, run_ops
+from conftest import assert_close, random_stack, read_header, run_ops
+
 
 SHAPE = (2, 4, 6, 8)  # t, z, y, x
-
-
-@pytest.fixture(autouse=True)
-def _needs_files(kep):
-    skip_without_volume_files(kep)
 
 
 def pad_axes(x, sizes):

@@ -6,7 +6,8 @@ import nibabel as nib
 import numpy as np
 import pytest
 
-from io_files import read_xdisplay, stack_line, write_xdisplay
+from conftest import read_xdisplay, stack_line, write_xdisplay
+
 
 SHAPE = (7, 5, 3)
 EVENTS = "1 {nt}\n\n1\n2 6\n"

@@ -7,10 +7,8 @@ import numpy as np
 import pytest
 from scipy import ndimage
 from scipy.spatial.transform import Rotation
+from conftest import assert_close, random_stack, read_complex, read_header, run_ops, write_complex
 
-from fft_files import read_complex, write_complex
-from io_files import read_header
-from ops_files import assert_close, random_stack, run_ops
 
 SCAN = "/usr/lib/python3/dist-packages/nipy/testing/anatomical.nii.gz"
 

@@ -13,9 +13,7 @@ import numpy as np
 import pytest
 
 import glm_model as gm
-import test_lineedit as tty
-from conftest import KEP, SOURCE
-from io_files import KepSession, stack_line
+from conftest import KEP, KepSession, SOURCE, stack_line
 
 
 def save(path, data, dtype=np.float32, zooms=(2.0, 3.0, 4.0)):
@@ -161,41 +159,6 @@ def test_ctrl_c_stops_a_glm_fit_and_removes_the_map_it_was_creating(kep):
     assert rc == 1 and err == "Error: interrupted.\n"
 
 
-def test_ctrl_c_stops_a_read_loop_and_removes_what_it_created(kep, monkeypatch):
-    monkeypatch.setenv("KEP_HOME", str(SOURCE))
-    save(kep.path("a.nii"), np.ones((3, 3, 2, 4)))
-    s = session(kep, "read a.nii keep\n")
-    # the stored help waits for an answer: Ctrl-C comes while the loop runs
-    s.proc.stdin.write(b"read-loop a.nii chunk\nhelp\nend-loop\n")
-    s.proc.stdin.flush()
-    read_until(s.proc, b"help > ")
-    s.proc.send_signal(signal.SIGINT)
-    s.prompts = 1
-    out = s.send("show-stacks\n")
-    assert stack_line(out, "keep") and stack_line(out, "chunk") is None
-    out, err, rc = s.finish()
-    assert rc == 1 and err == "Error: interrupted.\n"
-
-
-def test_ctrl_c_ends_a_command_file(kep):
-    rng = np.random.default_rng(5)
-    save(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
-    save(kep.path("b.nii"), rng.random((64, 64, 16, 2)))
-    kep.path("run.com").write_text("read a.nii a\nread b.nii b\ntransform-xyz" + " a b" * 250 +
-                                   "\nwrite-float out.nii a\n")
-    proc = subprocess.Popen([str(KEP), "run.com"], cwd=kep.dir, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE, preexec_fn=low_priority)
-    end = time.time() + 300
-    while cpu_ticks(proc.pid) < 2:
-        assert time.time() < end and proc.poll() is None
-        time.sleep(0.001)
-    proc.send_signal(signal.SIGINT)
-    out, err = proc.communicate(timeout=300)
-    assert proc.returncode == 1
-    assert err.decode() == "Fatal error: interrupted.\nProgram aborted.\n"
-    assert not kep.path("out.nii").exists()
-
-
 @pytest.mark.parametrize("word,suggestion", [
     ("raed", "Did you mean `read'?\n"),
     ("smooth3d", "Did you mean `smooth-3d'?\n"),
@@ -250,20 +213,6 @@ def test_quoted_file_names_keep_their_blanks(kep):
     assert "Fatal" not in r.stderr, r
     got = np.asanyarray(nib.load(kep.path("out two.nii")).dataobj)
     np.testing.assert_array_equal(got, data.astype(np.float32))
-
-
-def test_ctrl_c_at_a_terminal_discards_the_line_being_typed(tmp_path):
-    pid, fd = tty.spawn(tmp_path)
-    tty.read_until(fd, b"kep > ")
-    os.write(fd, b"show nifti-meth")
-    tty.read_until(fd, b"nifti-meth")
-    os.write(fd, b"\x03")
-    tty.read_until(fd, b"kep > ")
-    # kept, the typed text would now make "show nifti-method"
-    os.write(fd, b"od\r")
-    out = tty.read_until(fd, b"found.")
-    assert b"Error: The command was not found." in out and b"nifti-method    3" not in out
-    assert tty.finish(pid, fd) == 1
 
 
 def patch_pixdim(path, index, value):

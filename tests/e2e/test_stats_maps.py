@@ -4,23 +4,16 @@ import re
 import numpy as np
 import pytest
 
-from fft_files import (random_complex, read_complex, skip_without_overlay_files, skip_without_volume_files,
-                       write_complex)
-
-
-@pytest.fixture(autouse=True)
-def volume_files(kep):
-    skip_without_volume_files(kep)
+from conftest import random_stack, read_complex, write_complex
 
 
 def write_overlay(kep, voxels):
-    skip_without_overlay_files(kep)
     kep.path("roi.ovl").write_text("".join(f"{x} {y} {z}\n" for x, y, z in voxels))
 
 
 def overlay_case(kep, shape, seed):
     rng = np.random.default_rng(seed)
-    data = (random_complex(shape, seed) * 3).astype(np.complex64)
+    data = (random_stack(shape, seed) * 3).astype(np.complex64)
     nt, nz, ny, nx = shape
     cells = [(x, y, z) for z in range(nz) for y in range(ny) for x in range(nx)]
     chosen = [cells[i] for i in sorted(rng.choice(len(cells), size=len(cells) // 3, replace=False))]
@@ -67,7 +60,7 @@ def test_weighted_histogram_holds_overlay_means(kep):
 
 
 def test_histogram_of_an_empty_overlay(kep):
-    write_complex(kep.path("in.bfloat"), random_complex((1, 1, 2, 2), 3))
+    write_complex(kep.path("in.bfloat"), random_stack((1, 1, 2, 2), 3))
     result = kep.stdin("set histogram 0 2 1\nread in.bfloat a\nhistogram a\n")
     assert "Output of 0 entries to file hist.dat\nHistogram is empty!\n" in result.stdout
     assert kep.path("hist.dat").read_text() == "x y\n0.5 0\n1.5 0\n"
@@ -108,7 +101,7 @@ def test_overlap_of_two_sparse_volumes_matches_numpy(kep):
 
 
 def test_overlap_of_a_volume_with_itself_is_half(kep):
-    write_complex(kep.path("in.bfloat"), random_complex((1, 2, 3, 3), 5))
+    write_complex(kep.path("in.bfloat"), random_stack((1, 2, 3, 3), 5))
     result = kep.script("read in.bfloat a\ncalculate-overlay-overlap 4 a a\n")
     assert "fractional overlap = 0.5\n" in result.stdout
 

@@ -6,8 +6,7 @@ import sys
 import numpy as np
 import pytest
 
-from conftest import SOURCE
-from fft_files import write_complex
+from conftest import SOURCE, write_complex
 
 GLM_COMMANDS = ("read-GLM study.glm\nGLM-fit-events eff\nwrite-float eff.nii eff\n"
                 "GLM-residual-variance var\nwrite-float var.nii var\nGLM-map-AR ar\nwrite-float ar.nii ar\n"

@@ -8,7 +8,7 @@ import subprocess
 import numpy as np
 import pytest
 
-from conftest import KEP, SOURCE, command_words
+from conftest import KEP, SOURCE, command_words, write_xdisplay
 
 
 COMMANDS = command_words()
@@ -19,19 +19,13 @@ SETUP = ("read one.bfloat one\nread nanst.bfloat nanst\nread small.bfloat small\
          "read small.bfloat empty\n")
 
 
-def write_xdisplay(path, data):
-    nx, ny, nz, nt = data.shape
-    data.transpose(3, 2, 1, 0).astype("<f4").tofile(path.with_suffix(".bfloat"))
-    path.with_suffix(".hdr").write_text(f"x {nx}\ny {ny}\nz {nz}\nt {nt}\nstorage-type float\nbyte-order 1\n")
-
-
 @pytest.fixture(scope="module")
 def workdir(tmp_path_factory):
     d = tmp_path_factory.mktemp("torture")
-    write_xdisplay(d / "one", np.ones((1, 1, 1, 1)))
-    write_xdisplay(d / "nanst", np.full((3, 2, 2, 3), np.nan))
+    write_xdisplay(d, "one.bfloat", np.ones((1, 1, 1, 1)))
+    write_xdisplay(d, "nanst.bfloat", np.full((3, 2, 2, 3), np.nan))
     rng = np.random.default_rng(1)
-    write_xdisplay(d / "small", rng.normal(size=(4, 4, 3, 5)))
+    write_xdisplay(d, "small.bfloat", rng.normal(size=(4, 4, 3, 5)))
     (d / "empty.ovl").write_text("")
     return d
 

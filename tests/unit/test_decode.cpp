@@ -1,15 +1,15 @@
 // Volume-list grammar and the argument decoders.
 #include <gtest/gtest.h>
 
-#include <csetjmp>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "kep.h"
+#include "io.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 #include "test_support.h"
 #include "util.h"
 
@@ -24,32 +24,37 @@ std::vector<int> volumes_of(const volume_list *root) {
 
 class Decode : public KepTest {};
 
-TEST_F(Decode, SubsetRangesAndLetters) {
-  std::vector<int> n;
-  ASSERT_EQ(decode_subset("3-1", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{3, 2, 1}));
-  ASSERT_EQ(decode_subset("1-3-5", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{1, 2, 3, 4, 5}));
-  ASSERT_EQ(decode_subset("5,2,n", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{5, 2, 9}));
-  ASSERT_EQ(decode_subset("Z,y,X", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{9, 8, 7}));
-  ASSERT_EQ(decode_subset("", 3, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{0, 1, 2}));
-  ASSERT_EQ(decode_subset("2abc", 3, n), 0);  // "%d" reads the leading number
-  EXPECT_EQ(n, (std::vector<int>{2}));
-}
-
-TEST_F(Decode, SubsetErrors) {
-  std::vector<int> n;
-  std::string err = capture_stderr([&] { EXPECT_EQ(decode_subset("0,,1", 10, n), 1); });
-  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
-  err = capture_stderr([&] { EXPECT_EQ(decode_subset("1,", 10, n), 1); });
-  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
-  err = capture_stderr([&] { EXPECT_EQ(decode_subset("10", 10, n), 1); });
-  EXPECT_EQ(err, "Error: The list contains a number which is out of range.\n");
-  err = capture_stderr([&] { EXPECT_EQ(decode_subset("-1", 10, n), 1); });
-  EXPECT_EQ(err, "Error: A bad syntax was used in the list string.\n");
+// Subsets: ranges either way, letters counted from the end, "%d" reading of
+// numbers, the io-increment shift, and the syntax and range errors.
+TEST_F(Decode, SubsetTable) {
+  const std::string syntax = "Error: A bad syntax was used in the list string.\n",
+                    range = "Error: The list contains a number which is out of range.\n";
+  struct Case {
+    const char *subset;
+    int n, increment;
+    std::vector<int> volumes;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"3-1", 10, 0, {3, 2, 1}, ""},   {"1-3-5", 10, 0, {1, 2, 3, 4, 5}, ""},
+      {"5,2,n", 10, 0, {5, 2, 9}, ""}, {"Z,y,X", 10, 0, {9, 8, 7}, ""},
+      {"", 3, 0, {0, 1, 2}, ""},       {"2abc", 3, 0, {2}, ""},
+      {"0-2", 10, 1, {1, 2, 3}, ""},   {"", 3, 1, {0, 1, 2}, ""},  // an empty subset is not shifted
+      {"0,,1", 10, 0, {}, syntax},     {"1,", 10, 0, {}, syntax},
+      {"-1", 10, 0, {}, syntax},       {"10", 10, 0, {}, range},
+      {"n", 10, 1, {}, range},
+  };
+  for (const Case &c : cases) {
+    set_variable(2, c.increment ? "1" : "0");  // io-increment
+    std::vector<int> n;
+    int result = -1;
+    std::string err = capture_stderr([&] { result = decode_subset(c.subset, c.n, n); });
+    EXPECT_EQ(result, c.error.empty() ? 0 : 1) << c.subset;
+    EXPECT_EQ(err, c.error) << c.subset;
+    if (c.error.empty()) {
+      EXPECT_EQ(n, c.volumes) << c.subset;
+    }
+  }
 }
 
 // The volume limit is judged on the whole subset: a syntax error anywhere in
@@ -70,12 +75,13 @@ TEST_F(Decode, SubsetLimitIsCheckedAfterTheWholeText) {
   };
   for (const Case &c : cases) {
     std::vector<int> n;
-    jmp_buf trap;
     int result = -1;
     std::string err = capture_stderr([&] {
-      kep_exit_trap = &trap;
-      if (setjmp(trap) == 0) result = decode_subset(c.subset, 500000, n);
-      kep_exit_trap = nullptr;
+      try {
+        result = decode_subset(c.subset, 500000, n);
+      } catch (const fatal &f) {
+        print_fatal(f);
+      }
     });
     if (c.message == nullptr) {
       EXPECT_EQ(result, 0) << c.subset;
@@ -86,17 +92,6 @@ TEST_F(Decode, SubsetLimitIsCheckedAfterTheWholeText) {
       EXPECT_EQ(err, c.message) << c.subset;
     }
   }
-}
-
-TEST_F(Decode, IoIncrementShiftsEveryNumber) {
-  std::vector<int> n;
-  set_variable(2, "1");  // io-increment
-  ASSERT_EQ(decode_subset("0-2", 10, n), 0);
-  EXPECT_EQ(n, (std::vector<int>{1, 2, 3}));
-  std::string err = capture_stderr([&] { EXPECT_EQ(decode_subset("n", 10, n), 1); });
-  EXPECT_EQ(err, "Error: The list contains a number which is out of range.\n");
-  ASSERT_EQ(decode_subset("", 3, n), 0);  // an empty subset is not shifted
-  EXPECT_EQ(n, (std::vector<int>{0, 1, 2}));
 }
 
 TEST_F(Decode, VolumeListNamesAndSubsets) {
@@ -183,14 +178,9 @@ TEST_F(Decode, ReadArgumentKindsAndDefaults) {
   EXPECT_EQ(kind, 6);
   EXPECT_STREQ(stack, "s");
   EXPECT_EQ(number, 7);
-  struct {
-    const char *name;
-    int kind;
-  } kinds[] = {{"a.com", 0}, {"a.bfloat", 2}, {"a.blong", 3}, {"a.ushort", 4}, {"a.img", 7},
-               {"slices_", 8}, {"a.ovl", 9},  {"a.txt", -1},   {"plain", -1},  {"a.nii.gz", 6}};
-  for (const auto &k : kinds) EXPECT_EQ(file_kind(k.name), k.kind) << k.name;
   char t3[KEP_LINE] = "a.nii x>y";
-  std::string err = capture_stderr([&] { EXPECT_EQ(decode_read_argument(t3, file, &kind, stack, subset, &number), 1); });
+  std::string err =
+      capture_stderr([&] { EXPECT_EQ(decode_read_argument(t3, file, &kind, stack, subset, &number), 1); });
   EXPECT_EQ(err, "Error: Do not use > in a stack name.\n");
   char t4[KEP_LINE] = "\n";
   err = capture_stderr([&] { EXPECT_EQ(decode_read_argument(t4, file, &kind, stack, subset, &number), 1); });
@@ -213,3 +203,40 @@ TEST_F(Decode, SliceOrderAndMapArray) {
 }
 
 }  // namespace
+
+// One classifier for every use of a name: the kind `read` acts on, where the
+// samples are, what a write to the name produces, and the suffix cut from it.
+TEST(FileNames, OneClassifierForReadingAndWriting) {
+  struct Case {
+    const char *name;
+    int kind;
+    volume_format::layout data;
+    int written_as;
+    const char *suffix;
+  } cases[] = {
+      {"a.com", FILE_COMMANDS, volume_format::one_file, FILE_UNKNOWN, ".com"},
+      {"a.bshort", FILE_BSHORT, volume_format::one_file, FILE_BSHORT, ".bshort"},
+      {"a.bfloat", FILE_BFLOAT, volume_format::one_file, FILE_BFLOAT, ".bfloat"},
+      {"a.blong", FILE_BLONG, volume_format::one_file, FILE_UNKNOWN, ".blong"},
+      {"a.ushort", FILE_USHORT, volume_format::one_file, FILE_USHORT, ".ushort"},
+      {"dir.x/a.nii", FILE_NII, volume_format::one_file, FILE_NII, ".nii"},
+      {"a.nii.gz", FILE_NII, volume_format::compressed_file, FILE_NII, ".nii.gz"},
+      {"d/.nii.gz", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"a.img", FILE_IMG, volume_format::one_file, FILE_IMG, ".img"},
+      {"slices_", FILE_FREESURFER, volume_format::slice_files, FILE_UNKNOWN, "_"},
+      {"a.bfloat_", FILE_FREESURFER, volume_format::slice_files, FILE_UNKNOWN, "_"},
+      {"a.ovl", FILE_OVERLAY, volume_format::one_file, FILE_UNKNOWN, ".ovl"},
+      {"a.hdr", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"plain", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"dir.v2/plain", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+  };
+  for (const Case &c : cases) {
+    const volume_format &f = classify_file_name(c.name);
+    EXPECT_EQ(f.kind, c.kind) << c.name;
+    EXPECT_EQ(f.data, c.data) << c.name;
+    EXPECT_EQ(f.written_as, c.written_as) << c.name;
+    EXPECT_STREQ(f.suffix, c.suffix) << c.name;
+  }
+  // An unknown extension's ".hdr" replaces the extension; a bare name's is appended.
+  EXPECT_NE(classify_file_name("a.hdr").read_header, classify_file_name("plain").read_header);
+}

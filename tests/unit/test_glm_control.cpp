@@ -1,7 +1,7 @@
 // The GLM control file: keywords, run lines, limits and writing back.
 #include <cmath>
 
-#include "glm_test_support.h"
+#include "test_support.h"
 
 namespace {
 
@@ -84,21 +84,6 @@ TEST_F(GlmControl, BadKeywordArgumentsReportLineAndFormat) {
   }
 }
 
-TEST_F(GlmControl, FormatTextIsPrintedAsWritten) {
-  std::string out = capture_stdout([] { GLMInternal_describe_glm_format(); });
-  EXPECT_EQ(out,
-            "\nExample glm input file:\n"
-            "notify                # optional; turn on output information\n"
-            "baseline-terms 3      # optional; allowed options are 1-4 (default = 2)\n"
-            "normalize-BOLD        # optional; normalize raw signal for BOLD\n"
-            "IRF BOLD.irf          # optional; use an I.R.F. for F.I.R. analyses\n"
-            "convolve-table 8 9    # optional; convolve table events 8 & 9 with IRF\n"
-            "conditions 1 2 12 1-2 # mandatory; Statistical tests MUST be included\n"
-            "runs:                 # mandatory; This means that runs follow.\n"
-            "../fMRI-run1.bshort run1.glm table1.dat # start listing runs, tables optional\n"
-            "../fMRI-run2.bshort run2.glm            # ... and so on ...\n\n");
-}
-
 TEST_F(GlmControl, RunLines) {
   file("run1.glm", "2 20\n\n1\n2 6\n");
   std::string out;
@@ -136,19 +121,6 @@ TEST_F(GlmControl, FiftyRunsAreReadAndAFiftyFirstIsRefused) {
   EXPECT_EQ(GLM.initialized, 0);
 }
 
-TEST_F(GlmControl, NotifySurvivesTheNextRead) {
-  std::string quiet, told;
-  ASSERT_EQ(read_control(control_with(""), &quiet), 0);
-  ASSERT_EQ(read_control(control_with("notify\n"), &told), 0);
-  EXPECT_EQ(GLM_input.notify, 1);
-  ASSERT_EQ(read_control(control_with("")), 0);
-  EXPECT_EQ(GLM_input.notify, 1);
-  // notify prints what the verbose flag prints: the stimulus summary.
-  EXPECT_EQ(quiet, "");
-  EXPECT_NE(told, "");
-  EXPECT_EQ(told, capture_stdout([] { GLM_describe_stimuli(); }));
-}
-
 TEST_F(GlmControl, ConvolveTableChecks) {
   std::string out;
   // Event 1 is square, not a table.
@@ -179,84 +151,42 @@ TEST_F(GlmControl, AbuttingStimuliAreSeparatedWithAResponseFunction) {
   EXPECT_FLOAT_EQ(GLM.stim_off[0][0], 6.0f);
 }
 
-TEST_F(GlmControl, DescribeInputFiles) {
-  file("run1.glm", "2 20\n\n1\n2 6\n");
-  ASSERT_EQ(read_control(file("c.txt", "runs:\nd1 " + path("run1.glm") + "\nd2 " + path("run1.glm") + "\n")),
-            0);
-  std::string out = capture_stdout([] { GLM_describe_input_files(); });
-  EXPECT_EQ(out,
-            "\nFiles: FMRI (mandatory), GLM (mandatory), TABLE (optional)\n"
-            "---------------------------------------------------------\n"
-            "1 d1 " +
-                path("run1.glm") + " \n2 d2 " + path("run1.glm") + " \n\n");
-}
-
-TEST_F(GlmControl, WritingBackReadsIntoTheSameModel) {
-  std::string table = "motion\n";
-  for (int i = 0; i < 15; i++) table += std::to_string(i % 4) + "\n";
-  file("t1.dat", table);
-  file("r1.glm", "2 30\n\n1\n2 6\n10 14 2\n\n2 gamma 4\n3 1.5\n\nx table 0\n\n-1\n3 4\n");
-  file("r2.glm", "2 30\n\n3 drug-IRF 5 2\n0 8 3\n\n1 square\n20 22\n\n4 sine 12\n1 9\n\n,\n0 0\n");
-  std::string c = file("c.txt",
-                       "baseline-terms 2\nnormalize-BOLD\noutput-format nifti\nconditions 1 2,3\n"
-                       "runs:\nd1 " +
-                           path("r1.glm") + " " + path("t1.dat") + "\nd2 " + path("r2.glm") + "\n");
-  ASSERT_EQ(read_control(c), 0);
-  ASSERT_EQ(capture_stdout([] { GLM_define_basis_functions(); }), "");
-  // Copy the model's stimuli before writing over it.
-  glm_struct before;
-  before.nevents = GLM.nevents;
-  for (int e = 0; e < GLM.nevents; e++) {
-    before.event_number[e] = GLM.event_number[e];
-    before.event_shape[e] = GLM.event_shape[e];
-    before.stim_on[e] = GLM.stim_on[e];
-    before.stim_off[e] = GLM.stim_off[e];
-    before.stim_mag[e] = GLM.stim_mag[e];
+// The table and response-function files a control file names: each malformed
+// one is refused with its message ('@' stands for the file's path).
+TEST_F(GlmControl, TableAndResponseFileErrors) {
+  struct Case {
+    bool table;
+    std::string text, message;
+  };
+  const Case cases[] = {
+      {true, "a b\n1 2\n3 x\n", "Error reading line 3 of TABLE file @\n"},
+      {true, "a b\n1 2\n3\n", "Error reading line 3 of TABLE file @\n"},
+      {true, "a b\n1 2\n", "Error: the # of points (1) must be >= 2.\n"},  // too short for its baseline
+      {true, "a b\n", "Error: the # of points (0) must be >= 2.\n"},
+      {false, "30 0.5\n", "Error reading the 1st line of the IRF file @.\n"},
+      {false, "30 0.5 2\n6\n", "Error reading the 2nd line of the IRF file @.\n"},
+      {false, "30 0.5 2\n6 1\nx\n", "Error reading the 3rd line of the IRF file @.\n"},
+      {false, "30 0.5 2\n6 1\n", ""},
+  };
+  for (const Case &c : cases) {
+    std::string name = file(c.table ? "t.dat" : "r.irf", c.text), expected = c.message;
+    if (size_t at = expected.find('@'); at != std::string::npos) expected.replace(at, 1, name);
+    std::string out = capture_stdout([&] {
+      EXPECT_EQ(c.table ? GLM_read_table_file(name.c_str(), 0) : GLM_read_hrf_file(0, name.c_str()), 1)
+          << c.text;
+    });
+    EXPECT_EQ(out, expected) << c.text;
   }
-  std::vector<int> excl_start = GLM.exclude_start, excl_end = GLM.exclude_end;
-
+  std::string wide;
+  for (int c = 0; c < 21; c++) wide += "c" + std::to_string(c) + " ";
   std::string out =
-      capture_stdout([&] { EXPECT_EQ(GLM_write_glm_files(path("w.txt").c_str(), path("exp").c_str()), 0); });
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(slurp(path("w.txt")),
-            "#notify             # output GLM information\n"
-            "baseline-terms 2   # poly. order of baseline (0-3)\n"
-            "normalize-BOLD    # adjust each run for av. signal before fit\n"
-            "output-format nifti # use .nii output format for P-x, T-x, S-x files\n"
-            "conditions 1 2,3\n"
-            "runs:\n"
-            "d1 " +
-                path("exp1.glm") + "\nd2 " + path("exp2.glm") + "\n");
-  EXPECT_EQ(slurp(path("exp1.glm")),
-            "2 30\n\n1 square\n2 6\n10 14 2\n\n2 gamma 4.000000\n3 1.5\n\nx table 0\n\n-1\n3 4\n");
-  EXPECT_EQ(
-      slurp(path("exp2.glm")),
-      "2 30\n\n1 square\n20 22\n\n3 drug-IRF 5.000000 2.000000\n0 8 3\n\n4 sine 12.000000\n1 9\n\n-1\n0 0\n");
-
-  // The table file is not written back, so give the new control file a table-free event file.
-  std::string text = slurp(path("exp1.glm"));
-  text.replace(text.find("\nx table 0\n"), 11, "");
-  file("exp1.glm", text);
-  ASSERT_EQ(read_control(path("w.txt")), 0);
-  EXPECT_EQ(GLM_input.nbaseline_terms, 2);
-  EXPECT_EQ(GLM_input.normalize_runs, 1);
-  EXPECT_EQ(GLM.ntime, 30);
-  EXPECT_EQ(GLM.exclude_start, excl_start);
-  EXPECT_EQ(GLM.exclude_end, excl_end);
-  for (int e = 0; e < before.nevents; e++) {
-    if (before.event_shape[e] == GLM_TABLE) continue;
-    int g = GLMInternal_event_index(before.event_number[e]);
-    ASSERT_GE(g, 0);
-    EXPECT_EQ(GLM.event_shape[g], before.event_shape[e]);
-    EXPECT_EQ(GLM.stim_on[g], before.stim_on[e]);
-    EXPECT_EQ(GLM.stim_off[g], before.stim_off[e]);
-    EXPECT_EQ(GLM.stim_mag[g], before.stim_mag[e]);
-  }
-}
-
-TEST_F(GlmControl, WritingNeedsAModel) {
-  std::string out = capture_stdout([&] { EXPECT_EQ(GLM_write_glm_files(path("w.txt").c_str(), "exp"), 1); });
-  EXPECT_EQ(out, "Error: GLM not defined in GLM_write_glm_files.\n");
+      capture_stdout([&] { EXPECT_EQ(GLM_read_table_file(file("w.dat", wide).c_str(), 0), 1); });
+  EXPECT_NE(out.find("more than 20 columns"), std::string::npos);
+  EXPECT_EQ(capture_stdout([] { EXPECT_EQ(GLM_read_hrf_file(0, "/nonexistent.irf"), 1); }),
+            "Error attempting to open the IRF file /nonexistent.irf.\n");
+  out = capture_stdout(
+      [&] { EXPECT_EQ(GLM_read_hrf_file(0, file("tiny.irf", "1e9 1e-9 1\n2 1\n3 1\n").c_str()), 1); });
+  EXPECT_NE(out.find("cannot be sampled"), std::string::npos);
 }
 
 }  // namespace

@@ -1,15 +1,11 @@
-// The fast whitened refit against the whitened-model formulas, and the stack
-// commands' block and autoregressive passes against voxel-by-voxel fits.
+// The fast whitened refit against the straightforward whitened-model fit.
 #include <algorithm>
 #include <cmath>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "glm_test_support.h"
-#include "kep.h"
-#include "kep-front.h"
-#include "kep-stacks.h"
+#include "test_support.h"
 
 namespace {
 
@@ -28,8 +24,9 @@ class GlmWhitened : public GlmTest {
     const std::string length = std::to_string(images);
     file("r1.glm", "1 " + length + "\n\n1\n5 12\n25 32\n\n2 gamma 5\n15\n33\n\n3\n40 44\n\n-1\n0 2\n");
     file("r2.glm", "1 " + length + "\n\n2 gamma 5\n8\n30\n\n1\n16 22\n\n3\n3 6\n");
-    std::string control = "AR " + std::to_string(order) + " 0\nbaseline-terms 3\nconditions 1 2 1-2 1,2,3\nruns:\n" +
-                          "d1 " + path("r1.glm") + "\nd2 " + path("r2.glm") + "\n";
+    std::string control = "AR " + std::to_string(order) +
+                          " 0\nbaseline-terms 3\nconditions 1 2 1-2 1,2,3\nruns:\n" + "d1 " + path("r1.glm") +
+                          "\nd2 " + path("r2.glm") + "\n";
     ASSERT_EQ(read_control(file("c.txt", control)), 0);
     capture_stdout([] { EXPECT_EQ(GLM_define_basis_functions(), 0); });  // progress of the AR matrix
     int n = 0;
@@ -45,7 +42,8 @@ class GlmWhitened : public GlmTest {
     for (int t = 0; t < GLM.ntime; t++) {
       e = phi * e + 2.0 * g(rng);
       double v = 500.0 + e;
-      for (int c = 0; c < GLM.ncoeff; c++) v += GLM.Xorig_tc[t][c] * (c < GLM.nevents ? 3.0 + c + seed % 5 : 1.0);
+      for (int c = 0; c < GLM.ncoeff; c++)
+        v += GLM.Xorig_tc[t][c] * (c < GLM.nevents ? 3.0 + c + seed % 5 : 1.0);
       d[t] = static_cast<float>(v);
     }
     return d;
@@ -82,7 +80,8 @@ class GlmWhitened : public GlmTest {
     ASSERT_EQ(a.size(), b.size()) << what;
     double scale = 0.0;
     for (float x : b) scale = std::max(scale, std::fabs(static_cast<double>(x)));
-    for (size_t i = 0; i < a.size(); i++) EXPECT_NEAR(a[i], b[i], tolerance * (scale + 1e-30)) << what << " " << i;
+    for (size_t i = 0; i < a.size(); i++)
+      EXPECT_NEAR(a[i], b[i], tolerance * (scale + 1e-30)) << what << " " << i;
   }
   static void expect_same_fit(const Fitted &fast, const Fitted &slow) {
     EXPECT_EQ(fast.order, slow.order);
@@ -175,88 +174,6 @@ TEST_F(GlmWhitened, NewDesignRenewsTheLaggedProducts) {
   EXPECT_EQ(f1, f2);
   EXPECT_EQ(v1, v2);
   EXPECT_NE(first.beta, fast.beta);
-}
-
-// The stack commands over a stack "glm" of 7 x 5 x 3 voxels, some all zero.
-class GlmStackPasses : public GlmWhitened {
- protected:
-  void make_stack(unsigned seed) {
-    data_stack *s = install_stack("glm", nullptr, 7, 5, 3, GLM.ntime);
-    ASSERT_NE(s, nullptr);
-    s->status |= STATUS_POLAR | STATUS_MAP;
-    voxels.clear();
-    for (long v = 0; v < s->n3d; v++) {
-      // Zero voxels alone, in runs, and at both ends of the volume.
-      bool zero = v < 3 || v % 7 == 4 || (v >= 40 && v < 52) || v == s->n3d - 1;
-      std::vector<float> d = zero ? std::vector<float>(GLM.ntime, 0.0f) : series(seed + v, 0.1 * (v % 6));
-      for (int t = 0; t < GLM.ntime; t++) s->SpaceTime.fcData[t * s->n3d + v] = {d[t], 0.0f};
-      voxels.push_back(d);
-    }
-  }
-  // Runs a command quietly; the printout is returned.
-  std::string run(const std::string &line) {
-    std::string out = capture_stdout([&] { EXPECT_EQ(do_command(0, (line + "\n").c_str()), 0) << line; });
-    return out;
-  }
-  std::vector<std::vector<float>> voxels;
-};
-
-TEST_F(GlmStackPasses, BlockPassHandsEveryVoxelItsOwnFit) {
-  GLM_reset_all();
-  file("r.glm", "1 50\n\n1\n5 12\n25 32\n\n2 gamma 5\n15\n33\n");
-  ASSERT_EQ(read_control(file("c.txt", "baseline-terms 2\nconditions 1 2\nruns:\nd " + path("r.glm") + "\n")), 0);
-  ASSERT_EQ(capture_stdout([] { EXPECT_EQ(GLM_define_basis_functions(), 0); }), "");
-  make_stack(7);
-  run("GLM-fit-events eff");
-  run("GLM-residual-variance var");
-  const data_stack *eff = find_stack("eff"), *var = find_stack("var");
-  ASSERT_NE(eff, nullptr);
-  ASSERT_NE(var, nullptr);
-  int zeros = 0;
-  for (size_t v = 0; v < voxels.size(); v++) {
-    std::vector<float> d = voxels[v], f(d.size());
-    float variance;
-    ASSERT_EQ(GLM_fit_data(GLM.ntime, d.data(), f.data(), &variance), 0);
-    for (int e = 0; e < 2; e++) EXPECT_EQ(eff->SpaceTime.fcData[e * eff->n3d + v].real, GLM.Beta_c[e]) << v;
-    float ss = 0.0f;
-    for (int t = 0; t < GLM.ntime; t++) {
-      double r = static_cast<double>(d[t]) - f[t];
-      ss = static_cast<float>(ss + r * r);
-    }
-    EXPECT_FLOAT_EQ(var->SpaceTime.fcData[v].real, ss / GLM.dof) << v;
-    zeros += voxels[v][0] == 0.0f;
-  }
-  EXPECT_GT(zeros, 10);
-}
-
-TEST_F(GlmStackPasses, AutoregressivePassesMatchVoxelByVoxelRefits) {
-  GLM_reset_all();
-  model(2, 60);
-  make_stack(3);
-  run("GLM-fit-events eff");
-  const data_stack *eff = find_stack("eff");
-  ASSERT_NE(eff, nullptr);
-  const int nt = GLM.ntime;
-  for (size_t v = 0; v < voxels.size(); v++) {
-    SCOPED_TRACE(v);
-    bool zero = std::all_of(voxels[v].begin(), voxels[v].end(), [](float x) { return x == 0.0f; });
-    if (zero) {
-      for (int e = 0; e < GLM.nevents; e++) EXPECT_EQ(eff->SpaceTime.fcData[e * eff->n3d + v].real, 0.0f);
-      continue;
-    }
-    // Without smoothing each voxel is whitened with its own residual's
-    // autocorrelations, then refitted with the whitened model.
-    std::vector<float> d = voxels[v], f(nt), rho(3);
-    float variance;
-    GLM.AR_order = 0;
-    GLMInternal_whiten_model(0);
-    ASSERT_EQ(GLM_fit_data(nt, d.data(), f.data(), &variance), 0);
-    ASSERT_EQ(GLM_calculate_AR_coefficient(nt, voxels[v].data(), 2, rho.data()), 0);
-    Fitted slow = fit(voxels[v], rho, false);
-    for (int e = 0; e < GLM.nevents; e++)
-      EXPECT_NEAR(eff->SpaceTime.fcData[e * eff->n3d + v].real, slow.beta[e], 1e-4 * (1 + std::fabs(slow.beta[e])))
-          << e;
-  }
 }
 
 }  // namespace

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "kep.h"
 #include "kep-front.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "test_support.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -28,30 +28,18 @@ size_t bytes_in_use() {
 #endif
 }
 
-class Load : public KepTest {
+class Load : public ScratchTest {
  protected:
   void SetUp() override {
-    KepTest::SetUp();
-    char pattern[] = "/tmp/kep-load-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
+    ScratchTest::SetUp();
     // A 16 x 16 x 4 float file of 3 volumes.
-    FILE *f = fopen((dir_ + "/d.bfloat").c_str(), "wb");
-    ASSERT_NE(f, nullptr);
+    std::string samples;
     for (int i = 0; i < 16 * 16 * 4 * 3; i++) {
       float v = static_cast<float>(i % 37) - 5.0f;
-      fwrite(&v, sizeof v, 1, f);
+      samples.append(reinterpret_cast<const char *>(&v), sizeof v);
     }
-    fclose(f);
-    f = fopen((dir_ + "/d.hdr").c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fprintf(f, "x 16\ny 16\nz 4\nt 3\n");
-    fclose(f);
-  }
-  void TearDown() override {
-    KepTest::TearDown();
-    std::string command = "rm -rf " + dir_;
-    ASSERT_EQ(system(command.c_str()), 0);
+    file("d.bfloat", samples);
+    file("d.hdr", "x 16\ny 16\nz 4\nt 3\n");
   }
   // One cycle; false when the stack was not read or is left behind.
   bool cycle(const char *file) {
@@ -64,7 +52,6 @@ class Load : public KepTest {
       if (do_command(0, line) != 0) return false;
     return stack_root == nullptr;
   }
-  std::string dir_;
 };
 
 TEST_F(Load, ReadTransformDeleteCyclesHoldNoMemory) {
@@ -90,13 +77,8 @@ TEST_F(Load, ReadTransformDeleteCyclesHoldNoMemory) {
 TEST_F(Load, FailedReadsInACycleHoldNoMemory) {
   // The failing paths (missing file, bad subset, overflowing header) release
   // what they took as well.
-  FILE *f = fopen((dir_ + "/big.hdr").c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  fprintf(f, "x 65536\ny 65536\nz 1\nt 1\n");
-  fclose(f);
-  f = fopen((dir_ + "/big.bfloat").c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  fclose(f);
+  file("big.hdr", "x 65536\ny 65536\nz 1\nt 1\n");
+  file("big.bfloat", "");
   const std::string lines[] = {"read " + dir_ + "/missing.bfloat a\n", "read " + dir_ + "/d.bfloat>7 a\n",
                                "read " + dir_ + "/big.bfloat a\n"};
   size_t warm = 0, after = 0;

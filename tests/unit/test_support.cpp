@@ -1,12 +1,13 @@
 #include "test_support.h"
-#include "kep-decode.h"
-#include "kep-session.h"
-#include "kep-stacks.h"
-#include "kep-variables.h"
 
 #include <unistd.h>
 
 #include <cstdlib>
+
+#include "kep-decode.h"
+#include "kep-session.h"
+#include "kep-stacks.h"
+#include "kep-variables.h"
 
 std::string capture_stream(FILE *stream, const std::function<void()> &body) {
   fflush(stream);
@@ -28,3 +29,11 @@ std::string capture_stream(FILE *stream, const std::function<void()> &body) {
 }
 
 void reset_interpreter() { initialize_global_variables(); }
+std::string exactly(const std::string &text) {
+  std::string re = "^";
+  for (char c : text) {
+    if (std::string(".[]{}()\\*+?^$|").find(c) != std::string::npos) re += '\\';
+    re += c;
+  }
+  return re + "$";
+}

@@ -1,12 +1,17 @@
-// Shared fixture: every test starts with a clean interpreter state.
+// Shared fixtures: every test starts with a clean interpreter (and GLM) state;
+// the ones that need files get one scratch directory.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 
+#include "glm-prototypes.h"
 #include "kep.h"
 
 // Runs `body` with stdout (or stderr) redirected to a temporary file and
@@ -15,7 +20,16 @@ std::string capture_stream(FILE *stream, const std::function<void()> &body);
 inline std::string capture_stdout(const std::function<void()> &body) { return capture_stream(stdout, body); }
 inline std::string capture_stderr(const std::function<void()> &body) { return capture_stream(stderr, body); }
 
-// Frees every stack and resets the variables.
+// Runs `statement` as the command loop runs a command: a fatal that leaves it
+// is printed and ends the process with its status (for death tests).
+#define KEP_AS_LOOP(statement)        \
+  try {                               \
+    statement;                        \
+  } catch (const fatal &loop_fatal) { \
+    end_program(loop_fatal);          \
+  }
+
+// Frees every stack and resets the variables and the GLM engine.
 void reset_interpreter();
 
 class KepTest : public ::testing::Test {
@@ -23,3 +37,51 @@ class KepTest : public ::testing::Test {
   void SetUp() override { reset_interpreter(); }
   void TearDown() override { reset_interpreter(); }
 };
+
+// A clean state and a scratch directory removed afterwards.
+class ScratchTest : public KepTest {
+ protected:
+  void SetUp() override {
+    KepTest::SetUp();
+    char pattern[] = "/tmp/kep-test-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+    KepTest::TearDown();
+  }
+  // Writes `text` to a file of the scratch directory and returns its path.
+  std::string file(const std::string &name, const std::string &text) {
+    std::string p = path(name);
+    std::ofstream(p, std::ios::binary) << text;
+    return p;
+  }
+  std::string path(const std::string &name) const { return dir_ + "/" + name; }
+  std::string dir_;
+};
+
+// The GLM readers: a control file read with its printout returned.
+class GlmTest : public ScratchTest {
+ protected:
+  int read_control(const std::string &control, std::string *out = nullptr, int verbose = 0) {
+    int result = -1;
+    std::string text = capture_stdout([&] { result = GLM_read_control_file(control.c_str(), verbose); });
+    if (out) *out = text;
+    return result;
+  }
+};
+
+// Runs `statement` in a child whose standard output is sent to standard
+// error, ending as the command loop ends on a fatal, and expects it to print
+// exactly `text` and end with status 1.
+std::string exactly(const std::string &text);
+#define EXPECT_FATAL_STDOUT(statement, text) \
+  EXPECT_EXIT(                               \
+      {                                      \
+        fflush(stdout);                      \
+        dup2(2, 1);                          \
+        KEP_AS_LOOP(statement);              \
+      },                                     \
+      ::testing::ExitedWithCode(1), exactly(text))
