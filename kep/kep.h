@@ -57,7 +57,7 @@ struct volume_list {
 extern const int &fatal_error;
 void set_fatal_error(int on);
 // The shared buffer kep_textf formats into.
-extern char error_string[KEP_LINE];
+extern const char (&error_string)[KEP_LINE];
 int kep_text(int level, const char *text);
 // Formats into error_string and reports it at `level`.
 int kep_textf(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
