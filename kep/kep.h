@@ -83,4 +83,3 @@ enum CommandFlag : unsigned {
 bool command_has(int index, CommandFlag flag);
 // Runs a TAKES_RAW_LINE command on `arguments`; returns its operation's result.
 int run_raw_line_command(int index, const char *arguments);
-
