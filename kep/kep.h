@@ -6,25 +6,21 @@
 #include <string>
 #include <vector>
 
+#include "kep-end.h"
+#include "messages.h"
 #include "types.h"
 #include "util.h"
 
 // One image stack: a 4-D array of complex samples with its geometry.
-struct data_stack {
+struct data_stack : volume_geometry {
+  data_stack() { resolution_t = 1.0f; }  // a stack counts time in steps of 1 until told
   IPOINT3D dim{0, 0, 0};
-  POINT3D resolution{1.0f, 1.0f, 1.0f};
-  POINT3D origin{0.0f, 0.0f, 0.0f};
-  POINT3D direction{1.0f, 1.0f, 1.0f};
   POINT3D fov{0.0f, 0.0f, 0.0f};
-  float resolution_t = 1.0f;
   int nt = 0;
   int n2d = 0;
   int n3d = 0;
   int n4d = 0;
   int npts_volume = 0;
-  mat44 ijk_to_xyz{};
-  mat44 xyz_to_ijk{};
-  int off_diagonal = 0;
   int registration = 0;
   int status = 0;  // bit 1: polar form; bit 2: map
   int data_type = 1;
@@ -52,15 +48,6 @@ struct volume_list {
   volume_list *next = nullptr;
 };
 
-// Messages (kep-messages.cpp).
-// 1 when every error is fatal (a command file named on the process's command line).
-extern const int &fatal_error;
-void set_fatal_error(int on);
-// The shared buffer kep_textf formats into.
-extern const char (&error_string)[KEP_LINE];
-int kep_text(int level, const char *text);
-// Formats into error_string and reports it at `level`.
-int kep_textf(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // Command table (kep-table.cpp).
 int interpret_command(int kind, const char *word);
@@ -83,3 +70,4 @@ enum CommandFlag : unsigned {
 bool command_has(int index, CommandFlag flag);
 // Runs a TAKES_RAW_LINE command on `arguments`; returns its operation's result.
 int run_raw_line_command(int index, const char *arguments);
+
