@@ -4,17 +4,17 @@
 // command runs on a fresh copy of the stack; the copy is not timed. Prints
 // "command seconds" lines (best of the repetitions, process CPU time, which
 // stays steady on a shared machine) on standard error.
-#include <ctime>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <vector>
 
-#include "kep.h"
 #include "kep-front.h"
 #include "kep-session.h"
 #include "kep-stacks.h"
+#include "kep.h"
 
 namespace {
 
@@ -31,7 +31,8 @@ void fresh_stack(const FCOMPLEX *pristine, int nx, int ny, int nz, int nt) {
   memcpy(r->SpaceTime.fcData, pristine, sizeof(FCOMPLEX) * r->n4d);
 }
 
-double time_command(const char *line, const FCOMPLEX *pristine, int nx, int ny, int nz, int nt, int repetitions) {
+double time_command(const char *line, const FCOMPLEX *pristine, int nx, int ny, int nz, int nt,
+                    int repetitions) {
   double best = 1e30;
   for (int i = 0; i < repetitions; i++) {
     fresh_stack(pristine, nx, ny, nz, nt);
@@ -61,7 +62,8 @@ int main(int argc, char **argv) {
   }
   fclose(f);
   initialize_global_variables();
-  std::vector<const char *> commands = {"add-constant 5 a", "multiply r a", "average m a", "pad-xy a", "clip-x a"};
+  std::vector<const char *> commands = {"add-constant 5 a", "multiply r a", "average m a", "pad-xy a",
+                                        "clip-x a"};
   if (argc > 7) commands.assign(argv + 7, argv + argc);
   for (const char *line : commands) {
     const double seconds = time_command(line, pristine.get(), nx, ny, nz, nt, repetitions);

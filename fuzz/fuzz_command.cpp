@@ -5,13 +5,13 @@
 #include <cstring>
 #include <string>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
 #include "kep-macros.h"
 #include "kep-session.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 
@@ -20,9 +20,20 @@ namespace {
 bool allowed(const char *line) {
   char word[KEP_LINE];
   if (next_word(line, word) == nullptr) return true;
-  static const char *const skipped[] = {"help", "mode", "read", "read-loop", "end-loop", "write", "write-short",
-                                        "write-float", "write-slices", "write-overlay", "read-GLM",
-                                        "histogram", "weighted-histogram", "scatter-plot"};
+  static const char *const skipped[] = {"help",
+                                        "mode",
+                                        "read",
+                                        "read-loop",
+                                        "end-loop",
+                                        "write",
+                                        "write-short",
+                                        "write-float",
+                                        "write-slices",
+                                        "write-overlay",
+                                        "read-GLM",
+                                        "histogram",
+                                        "weighted-histogram",
+                                        "scatter-plot"};
   for (const char *s : skipped)
     if (strcmp(word, s) == 0) return false;
   if (strcmp(word, "set") == 0 && strstr(line, "registration-distortions") != nullptr) return false;

@@ -5,9 +5,9 @@
 
 #include "fuzz_support.h"
 #include "io.h"
-#include "kep.h"
 #include "kep-io.h"
-#include "kep-stacks.h"
+#include "kep-session.h"
+#include "kep.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kep_fuzz::in_scratch here;
@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kep_fuzz::write(std::string("fs_000.") + extension, part[2]);
   kep_fuzz::write(std::string("fs_001.") + extension, part[2]);
 
-  while (stack_root) free_stack(stack_root.get());
+  initialize_global_variables();
   jmp_buf trap;
   kep_exit_trap = &trap;
   if (setjmp(trap) == 0) {

@@ -6,8 +6,8 @@
 #include <cstdlib>
 
 #include "fuzz_support.h"
-#include "kep.h"
 #include "kep-help.h"
+#include "kep.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kep_fuzz::in_scratch here;

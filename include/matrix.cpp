@@ -204,11 +204,6 @@ void Matrix_Product(float **C, int n, int m, float **A, int transpose_a, int p, 
   product(C, n, m, A, transpose_a, p, B, transpose_b);
 }
 
-void dMatrix_Product(double **C, int n, int m, double **A, int transpose_a, int p, double **B,
-                     int transpose_b) {
-  product(C, n, m, A, transpose_a, p, B, transpose_b);
-}
-
 void Matrix_Vector_Product(float *y, int n, float **A, int transpose, int p, const float *x) {
   for (int i = 0; i < n; i++) {
     double s = 0.0;

@@ -10,14 +10,12 @@
 struct data_stack;
 
 // Matrix and vector algebra. Matrices are row-pointer arrays [row][column].
+// Several (Matrix_Vector_Product, Trace_of_Matrix, the FC helpers) have no
+// caller in the program today: the library offers them.
 int invert_3x3_matrix(float m[3][3]);
 int dInvertSquareMatrix(int n, double **a, int *failing_row);
 int rInvertSquareMatrix(int n, float **a, int *failing_row);
-void Matrix_Product(float **C, int n, int m, float **A, int transpose_a, int p, float **B,
-                    int transpose_b);
-// The same product summed in double, for callers that keep double matrices.
-void dMatrix_Product(double **C, int n, int m, double **A, int transpose_a, int p, double **B,
-                     int transpose_b);
+void Matrix_Product(float **C, int n, int m, float **A, int transpose_a, int p, float **B, int transpose_b);
 void Matrix_Vector_Product(float *y, int n, float **A, int transpose, int p, const float *x);
 void Matrix_PseudoInverse(float **X, int t, int c, float **out);
 float Trace_of_Matrix(int n, float **A);
@@ -28,9 +26,8 @@ int is_power_of_2(int n, int *lower, int *upper);
 
 // 4x4 affine matrices and voxel/space conversions.
 mat44 invert_mat44(mat44 m);
-mat44 scale_and_shift_to_mat44(float scale_x, float scale_y, float scale_z, float shift_x,
-                               float shift_y, float shift_z, float factor_x, float factor_y,
-                               float factor_z);
+mat44 scale_and_shift_to_mat44(float scale_x, float scale_y, float scale_z, float shift_x, float shift_y,
+                               float shift_z, float factor_x, float factor_y, float factor_z);
 mat44 general_affine_to_mat44(const float row0[4], const float row1[4], const float row2[4]);
 mat44 centered_ijk_to_xyz(const data_stack &stack);
 mat44 centered_xyz_to_ijk(const data_stack &stack);
@@ -66,6 +63,7 @@ void reset_linear_fits();
 int PolynomialDefineGLM(int order, int npts, const int *use);
 int PolynomialFitGLM(int npts, const float *data, float *fit);
 int PolynomialRemoveGLM(int first, int npts, float *data, float *fit);
+// The general fits have no caller today: the library offers them beside the polynomial ones.
 int GeneralDefineGLM(int ncoef, int npts, const int *use, float **design);
 int GeneralFitGLM(int npts, const float *data, float *fit);
 int GeneralRemoveGLM(int first, int npts, float *data, float *fit);

@@ -24,6 +24,7 @@ char *end_output_capture(size_t *size);
 [[noreturn]] void alloc_error(const char *text);
 
 // Vectors: storage for n elements (not cleared); free with the matching free_*.
+// Most pairs below have no caller today: the library offers the whole set.
 char *char_vector(long n);
 unsigned char *unsigned_char_vector(long n);
 float *float_vector(long n);

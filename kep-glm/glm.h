@@ -161,7 +161,8 @@ void GLM_use_model(GLM_worker_model *model);
 // Clears GLM_input (including notify), HRF and GLM to their program-start values.
 void GLM_reset_all();
 
-// Control file.
+// Control file. GLM_describe_input_files and GLM_write_glm_files have no
+// command today: the engine offers them.
 int GLM_read_control_file(const char *file_name, int verbose);
 void GLM_describe_input_files();
 void GLM_describe_stimuli();
@@ -170,9 +171,9 @@ int GLM_write_glm_files(const char *control, const char *event_root);
 
 // Event identifiers: '1'..'9' 1..9, 'a'..'z' 10..35, 'A'..'Z' 36..61, ',' -1, else 0.
 int GLM_EventNumberFromChar(char c);
-int GLM_EventCharFromInteger(int n, char *c);  // 1 when n is outside 1..61
-char GLM_EventChar(int n);                     // ends the program for an invalid n
-int GLM_EventStringFromInteger(int n, char *s);
+int GLM_EventCharFromInteger(int n, char *c);    // 1 when n is outside 1..61
+char GLM_EventChar(int n);                       // ends the program for an invalid n
+int GLM_EventStringFromInteger(int n, char *s);  // offered by the engine; no caller today
 
 // Event, table and response files. Runs are read in order 0, 1, 2, ...
 int GLM_read_event_file(const char *file_name, int run);
@@ -248,6 +249,7 @@ bool GLM_response_in_use();
 float GLM_get_response_tau(int k);
 int GLM_set_response_taus(const float tau[3], bool extend);
 
-// Autoregressive whitening (used by the fitting above).
+// Autoregressive whitening (used by the fitting above). GLM_calculate_AR_coefficient,
+// one series at a time, has no caller today: the engine offers it.
 int GLM_calculate_AR_coefficient(int nt, float *data, int order, float *coefficients);
 int GLM_calculate_whitening_filter(int dim, float *coefficients, int *order_used);

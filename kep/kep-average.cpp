@@ -7,11 +7,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
-#include "kep-variables.h"
 #include "kep-util.h"
+#include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 
@@ -127,7 +127,8 @@ int average_stacks(const char *name) {
   if (stacks.empty()) return 1;
   const data_stack *first = stacks.front();
   for (const data_stack *s : stacks) {
-    if (s->nt != first->nt || s->dim.x != first->dim.x || s->dim.y != first->dim.y || s->dim.z != first->dim.z) {
+    if (s->nt != first->nt || s->dim.x != first->dim.x || s->dim.y != first->dim.y ||
+        s->dim.z != first->dim.z) {
       kep_textf(2, "Stacks %s and %s have different dimensions.", first->name, s->name);
       return 1;
     }
@@ -323,7 +324,8 @@ int smooth_volumes(float fwhm, int with_z) {
     }
     const int hx = half_width(radius, r.x), hy = half_width(radius, r.y);
     const int hz = with_z ? half_width(radius, r.z) : 0;
-    printf("smooth '%s': (nx,ny,nz,nt) = (%d, %d, %d, %d).\n", st->name, st->dim.x, st->dim.y, st->dim.z, st->nt);
+    printf("smooth '%s': (nx,ny,nz,nt) = (%d, %d, %d, %d).\n", st->name, st->dim.x, st->dim.y, st->dim.z,
+           st->nt);
     printf("relative steps: (%d, %d, %d)\n", hx, hy, hz);
     smooth_one_stack(&st->SpaceTime.fcData[0].real, 2, st->dim.x, st->dim.y, st->dim.z, st->nt,
                      within(hx, st->dim.x), within(hy, st->dim.y), within(hz, st->dim.z), r, s,

@@ -6,20 +6,24 @@
 #include <deque>
 #include <string>
 
-#include "kep.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 
-volume_list *main_root = nullptr;
-volume_list *comparison_root = nullptr;
-std::vector<int> slice_order_values;
-std::vector<float> map_array_values;
+// The two volume lists of the current command and the two array variables.
+struct decoded_state {
+  volume_list *main_root = nullptr;
+  volume_list *comparison_root = nullptr;
+  // Node storage of the two lists; deque keeps node addresses stable.
+  std::deque<volume_list> main_nodes;
+  std::deque<volume_list> comparison_nodes;
+  std::vector<int> slice_order;
+  std::vector<float> map_array;
+};
 
-// Node storage of the two lists; deque keeps node addresses stable.
-std::deque<volume_list> main_nodes;
-std::deque<volume_list> comparison_nodes;
+decoded_state decoded;
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
@@ -100,21 +104,17 @@ const char *next_file_word(const char *text, char *word, size_t *quoted) {
   return skip_blanks(p);
 }
 
-volume_list *const &volume_list_root = main_root;
-volume_list *const &comparison_list_root = comparison_root;
+volume_list *const &volume_list_root = decoded.main_root;
+volume_list *const &comparison_list_root = decoded.comparison_root;
 
 void initialize_volume_list() {
-  main_nodes.clear();
-  comparison_nodes.clear();
-  main_root = nullptr;
-  comparison_root = nullptr;
+  decoded.main_nodes.clear();
+  decoded.comparison_nodes.clear();
+  decoded.main_root = nullptr;
+  decoded.comparison_root = nullptr;
 }
 
-void reset_decode() {
-  initialize_volume_list();
-  slice_order_values.clear();
-  map_array_values.clear();
-}
+void reset_decode() { decoded = decoded_state{}; }
 
 int count_volume_list(const volume_list *root) {
   int n = 0;
@@ -191,8 +191,8 @@ int decode_subset(const char *subset, int nt, std::vector<int> &numbers) {
 }
 
 int decode_volume_list(int kind, char *text) {
-  std::deque<volume_list> &nodes = kind == 0 ? main_nodes : comparison_nodes;
-  volume_list *&root = kind == 0 ? main_root : comparison_root;
+  std::deque<volume_list> &nodes = kind == 0 ? decoded.main_nodes : decoded.comparison_nodes;
+  volume_list *&root = kind == 0 ? decoded.main_root : decoded.comparison_root;
   nodes.clear();
   root = nullptr;
   volume_list *tail = nullptr;
@@ -205,8 +205,10 @@ int decode_volume_list(int kind, char *text) {
     node.SpaceTime.fcData = s->SpaceTime.fcData + static_cast<long>(s->n3d) * t;
     nodes.push_back(node);
     volume_list *added = &nodes.back();
-    if (tail) tail->next = added;
-    else root = added;
+    if (tail)
+      tail->next = added;
+    else
+      root = added;
     tail = added;
   };
 
@@ -418,8 +420,8 @@ int file_kind(const char *file_name) {
   static const struct {
     const char *ext;
     int kind;
-  } kinds[] = {{"com", 0}, {"bshort", 1}, {"bfloat", 2}, {"blong", 3}, {"ushort", 4},
-               {"nii", 6}, {"img", 7},    {"ovl", 9}};
+  } kinds[] = {{"com", 0},    {"bshort", 1}, {"bfloat", 2}, {"blong", 3},
+               {"ushort", 4}, {"nii", 6},    {"img", 7},    {"ovl", 9}};
   for (const auto &k : kinds)
     if (strcmp(ext, k.ext) == 0) return k.kind;
   return -1;
@@ -454,8 +456,10 @@ int decode_read_argument(char *text, char *file, int *kind, char *stack, char *s
       char *base = strrchr(stack, '/');
       base = base ? base + 1 : stack;
       size_t blen = strlen(base);
-      if (blen > 7 && strcmp(base + blen - 7, ".nii.gz") == 0) base[blen - 7] = '\0';
-      else if (char *dot = strrchr(base, '.')) *dot = '\0';
+      if (blen > 7 && strcmp(base + blen - 7, ".nii.gz") == 0)
+        base[blen - 7] = '\0';
+      else if (char *dot = strrchr(base, '.'))
+        *dot = '\0';
     }
     // A name with blanks could not be given in a volume list.
     for (char *c = stack; *c != '\0'; c++)
@@ -495,31 +499,31 @@ std::vector<T> leading_numbers(const char *text, const char *format) {
 
 }  // namespace
 
-const std::vector<int> &slice_order = slice_order_values;
-const std::vector<float> &map_array = map_array_values;
+const std::vector<int> &slice_order = decoded.slice_order;
+const std::vector<float> &map_array = decoded.map_array;
 
-void set_slice_order(std::vector<int> order) { slice_order_values = std::move(order); }
+void set_slice_order(std::vector<int> order) { decoded.slice_order = std::move(order); }
 
 int read_slice_order(const char *text) {
-  slice_order_values.clear();
+  decoded.slice_order.clear();
   std::vector<int> values = leading_numbers<int>(text, "%d");
   if (values.size() < 2) {
     kep_text(0, "Fewer than 2 values were successfully read; slice_order = NULL.");
     return 1;
   }
-  slice_order_values = std::move(values);
+  decoded.slice_order = std::move(values);
   printf("%d values were read for the slice order.\n", static_cast<int>(slice_order.size()));
   return 0;
 }
 
 int read_map_array(const char *text) {
-  map_array_values.clear();
+  decoded.map_array.clear();
   std::vector<float> values = leading_numbers<float>(text, "%f");
   if (values.size() < 2) {
     kep_text(2, "Fewer than 2 values were successfully read.");
     return 1;
   }
-  map_array_values = std::move(values);
+  decoded.map_array = std::move(values);
   printf("%d values were read for the map array.\n", static_cast<int>(map_array.size()));
   return 0;
 }

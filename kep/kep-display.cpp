@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-ovl.h"
 #include "kep-stacks.h"
-#include "kep-variables.h"
 #include "kep-util.h"
+#include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 

@@ -8,48 +8,49 @@
 #include <string>
 #include <vector>
 
+#include "kep-decode.h"
 #include "kep-interrupt.h"
 #include "kep-lineedit.h"
-#include "kep.h"
-#include "kep-decode.h"
 #include "kep-macros.h"
 #include "kep-session.h"
 #include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 
-FILE *first_file = nullptr;   // `mode_file1`
-FILE *nested_file = nullptr;  // `mode_file2`
-int passed_count = 0;         // `com_argc`
-char argv0[KEP_LINE], argv1[KEP_LINE], argv2[KEP_LINE], argv3[KEP_LINE], argv4[KEP_LINE], argv5[KEP_LINE],
-    argv6[KEP_LINE], argv7[KEP_LINE], argv8[KEP_LINE], argv9[KEP_LINE];
-int macro_line = 0;  // `macro_running`
+// The loop's own state.
+struct command_loop {
+  FILE *first_file = nullptr;   // `mode_file1`
+  FILE *nested_file = nullptr;  // `mode_file2`
+  int passed_count = 0;         // `com_argc`
+  char words[10][KEP_LINE]{};   // `com_argv`
+  int macro_line = 0;           // `macro_running`
+  // True while the first-level file is the one named on the process's command
+  // line, whose `$` words come from the process's own arguments.
+  bool process_words = false;
+};
 
-// True while the first-level file is the one named on the process's command
-// line, whose `$` words come from the process's own arguments.
-bool process_words = false;
+command_loop loop;
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
-FILE *const &mode_file1 = first_file;
-FILE *const &mode_file2 = nested_file;
-const int &com_argc = passed_count;
-char *const com_argv[10] = {argv0, argv1, argv2, argv3, argv4, argv5, argv6, argv7, argv8, argv9};
-const int &macro_running = macro_line;
+FILE *const &mode_file1 = loop.first_file;
+FILE *const &mode_file2 = loop.nested_file;
+const int &com_argc = loop.passed_count;
+char *const com_argv[10] = {loop.words[0], loop.words[1], loop.words[2], loop.words[3], loop.words[4],
+                            loop.words[5], loop.words[6], loop.words[7], loop.words[8], loop.words[9]};
+const int &macro_running = loop.macro_line;
 
-void set_macro_running(int on) { macro_line = on; }
+void set_macro_running(int on) { loop.macro_line = on; }
 
 void reset_front() {
-  if (nested_file != nullptr) fclose(nested_file);
-  if (first_file != nullptr) fclose(first_file);
-  nested_file = first_file = nullptr;
+  if (loop.nested_file != nullptr) fclose(loop.nested_file);
+  if (loop.first_file != nullptr) fclose(loop.first_file);
+  loop = command_loop{};
   set_flag(FLAG_MODE_FILE1, false);
   set_flag(FLAG_MODE_FILE2, false);
-  passed_count = 0;
-  process_words = false;
-  macro_line = 0;
 }
 
 int get_line(FILE *file, char *buffer) {
@@ -98,7 +99,7 @@ int replace_passed_arguments(char *line, int count, char *const *words) {
 }
 
 void strip_com_arguments(const char *text) {
-  passed_count = 2;
+  loop.passed_count = 2;
   snprintf(com_argv[0], KEP_LINE, "read");
   const char *p = next_file_word(text, com_argv[1]);
   for (int slot = 2; slot < 10; slot++) {
@@ -106,7 +107,7 @@ void strip_com_arguments(const char *text) {
     const char *rest = p ? next_file_word(p, com_argv[slot]) : nullptr;
     if (rest == nullptr) com_argv[slot][0] = '\0';
     p = rest;
-    passed_count++;
+    loop.passed_count++;
   }
 }
 
@@ -121,12 +122,12 @@ int open_command_file(const char *name) {
     return 0;
   }
   if (flags & FLAG_MODE_FILE1) {
-    nested_file = file;
+    loop.nested_file = file;
     set_flag(FLAG_MODE_FILE2, true);
   } else {
-    first_file = file;
+    loop.first_file = file;
     set_flag(FLAG_MODE_FILE1, true);
-    process_words = false;
+    loop.process_words = false;
   }
   return 0;
 }
@@ -209,9 +210,9 @@ int settle_command(int is_macro, bool from_file, const char *word, int decoded, 
 int do_command(int is_macro, const char *line) {
   if (is_macro == 1) {
     printf("macro>> %s", line);
-    macro_line = 1;
+    loop.macro_line = 1;
   } else {
-    macro_line = 0;
+    loop.macro_line = 0;
   }
   char word[KEP_LINE];
   const char *rest = next_word(line, word);
@@ -242,10 +243,10 @@ int main_loop(int argc, char **argv) {
   install_interrupt_handler();
   if (argc > 1) {
     set_fatal_error(1);
-    first_file = fopen(argv[1], "r");
-    if (first_file == nullptr) kep_textf(3, "I cannot open the kep command file %s.", argv[1]);
+    loop.first_file = fopen(argv[1], "r");
+    if (loop.first_file == nullptr) kep_textf(3, "I cannot open the kep command file %s.", argv[1]);
     set_flag(FLAG_MODE_FILE1, true);
-    process_words = true;
+    loop.process_words = true;
   }
   char line[KEP_LINE];
   while (true) {
@@ -260,24 +261,24 @@ int main_loop(int argc, char **argv) {
     }
     if (flags & FLAG_MODE_FILE2) {
       if (!get_line_with_comment(mode_file2, line)) {
-        fclose(nested_file);
-        nested_file = nullptr;
+        fclose(loop.nested_file);
+        loop.nested_file = nullptr;
         set_flag(FLAG_MODE_FILE2, false);
         continue;
       }
       if (replace_passed_arguments(line, com_argc, com_argv)) continue;
     } else {
       if (!get_line_with_comment(mode_file1, line)) {
-        fclose(first_file);
-        first_file = nullptr;
+        fclose(loop.first_file);
+        loop.first_file = nullptr;
         set_flag(FLAG_MODE_FILE1, false);
-        process_words = false;
+        loop.process_words = false;
         continue;
       }
-      int failed = process_words ? replace_passed_arguments(line, argc, argv)
-                                 : replace_passed_arguments(line, com_argc, com_argv);
+      int failed = loop.process_words ? replace_passed_arguments(line, argc, argv)
+                                      : replace_passed_arguments(line, com_argc, com_argv);
       if (failed) {
-        process_words = false;
+        loop.process_words = false;
         continue;
       }
     }

@@ -9,8 +9,8 @@
 #include <string>
 
 #include "glm.h"
-#include "kep.h"
 #include "kep-decode.h"
+#include "kep.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 
 #include "glm.h"
 #include "kep-glm-frame.h"
-#include "kep.h"
 #include "kep-variables.h"
 #include "kep-warnings.h"
+#include "kep.h"
 #include "tails.h"
 
 namespace {

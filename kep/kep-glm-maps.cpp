@@ -11,8 +11,8 @@
 
 #include "glm.h"
 #include "kep-glm-frame.h"
-#include "kep.h"
 #include "kep-variables.h"
+#include "kep.h"
 #include "tails.h"
 
 namespace {

@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kep-glm-frame.h"
-#include "kep.h"
 #include "kep-decode.h"
+#include "kep-glm-frame.h"
 #include "kep-stacks.h"
+#include "kep.h"
 
 namespace {
 

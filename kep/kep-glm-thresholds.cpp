@@ -12,12 +12,12 @@
 #include <vector>
 
 #include "io.h"
+#include "kep-decode.h"
 #include "kep-glm-frame.h"
 #include "kep-glm-maps.h"
 #include "kep-ovl.h"
-#include "kep.h"
-#include "kep-decode.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {

@@ -20,14 +20,14 @@
 #include <vector>
 
 #include "glm.h"
-#include "kep-glm-frame.h"
-#include "kep-interrupt.h"
-#include "kep.h"
 #include "kep-average.h"
 #include "kep-decode.h"
+#include "kep-glm-frame.h"
+#include "kep-interrupt.h"
 #include "kep-ovl.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 #include "threads.h"
 
 namespace {

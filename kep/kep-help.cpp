@@ -7,16 +7,25 @@
 #include <string>
 #include <vector>
 
-#include "kep-interrupt.h"
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
+#include "kep-interrupt.h"
+#include "kep.h"
 
 namespace {
 
 std::string top_level_file;
 // The command whose item the next top-level help opens directly.
 std::string opening_topic;
+
+}  // namespace
+
+void reset_help() {
+  top_level_file.clear();
+  opening_topic.clear();
+}
+
+namespace {
 
 struct Section {
   int menu = 0;
@@ -100,7 +109,8 @@ int help_menu(int level, const char *file_name) {
       m = s.menu;
       i = 0;
     } else {
-      printf("Warning: menu entry %d in file %s is %d %d,\n", static_cast<int>(k), path.c_str(), s.menu, s.item);
+      printf("Warning: menu entry %d in file %s is %d %d,\n", static_cast<int>(k), path.c_str(), s.menu,
+             s.item);
       printf("but it should be either %d %d or %d %d,\n", m, i + 1, m + 1, i);
       return 1;
     }
@@ -234,9 +244,9 @@ int print_help_page(const char *file_name) {
       int choice = 0;
       if (sscanf(answer.c_str(), "%d", &choice) != 1 || choice < 0) continue;
       target = key % 10000 == 0 && key != 0 ? key + choice * 100LL
-               : key % 100 == 0 && key != 0  ? key + choice
-               : key == 0                    ? choice * 10000LL
-                                             : key - key % 100 + choice;
+               : key % 100 == 0 && key != 0 ? key + choice
+               : key == 0                   ? choice * 10000LL
+                                            : key - key % 100 + choice;
     }
     for (size_t p = 0; p < npages; p++)
       if (keys[p] == target) page = p;

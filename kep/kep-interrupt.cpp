@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "kep.h"
 #include "kep-stacks.h"
+#include "kep.h"
 
 volatile sig_atomic_t kep_interrupt_requested = 0;
 

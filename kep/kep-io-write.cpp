@@ -17,11 +17,11 @@
 #include <vector>
 
 #include "io.h"
-#include "kep-io.h"
-#include "kep.h"
 #include "kep-decode.h"
+#include "kep-io.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {

@@ -18,11 +18,11 @@
 #include <vector>
 
 #include "io.h"
-#include "kep-interrupt.h"
-#include "kep.h"
 #include "kep-decode.h"
-#include "kep-stacks.h"
+#include "kep-interrupt.h"
 #include "kep-read.h"
+#include "kep-stacks.h"
+#include "kep.h"
 
 namespace {
 

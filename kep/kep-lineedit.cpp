@@ -12,11 +12,11 @@
 #include <deque>
 #include <string>
 
-#include "kep-interrupt.h"
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
+#include "kep-interrupt.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "kep-variables.h"
 
 #ifdef KEP_HAVE_READLINE
@@ -102,8 +102,8 @@ char **complete(const char *text, int start, int) {
     rl_attempted_completion_over = 1;
     return rl_completion_matches(text, next_candidate);
   }
-  bool file_command = strncmp(first, "read", 4) == 0 || strncmp(first, "write", 5) == 0 ||
-                      strcmp(first, "mode") == 0;
+  bool file_command =
+      strncmp(first, "read", 4) == 0 || strncmp(first, "write", 5) == 0 || strcmp(first, "mode") == 0;
   if (file_command && second_word) return nullptr;  // readline's own file-name completion
   source = Source::Stacks;
   char **matches = rl_completion_matches(text, next_candidate);
@@ -148,7 +148,8 @@ int edited_read(const char *prompt, char *line) {
     std::string text = std::string(typed) + "\n";
     free(typed);
     // Same pieces as the plain reader: at most 1023 characters each.
-    for (size_t at = 0; at < text.size(); at += KEP_LINE - 1) pending.push_back(text.substr(at, KEP_LINE - 1));
+    for (size_t at = 0; at < text.size(); at += KEP_LINE - 1)
+      pending.push_back(text.substr(at, KEP_LINE - 1));
   } else {
     fputs(prompt, stdout);
     fflush(stdout);

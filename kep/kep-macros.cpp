@@ -10,12 +10,12 @@
 
 #include "glm.h"
 #include "io.h"
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
+#include "kep-read.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
-#include "kep-read.h"
+#include "kep.h"
 
 namespace {
 
@@ -24,14 +24,19 @@ std::string quoted_if_blank(const char *name) {
   return strpbrk(name, " \t") != nullptr ? "\"" + std::string(name) + "\"" : std::string(name);
 }
 
-std::vector<std::string> loop_commands;  // the stored lines, in the order typed
-char loopfile_name[KEP_LINE];
-char loopstack_name[KEP_LINE];
-char looplist_name[KEP_LINE];
-int number_time_points = 0;
-int number_bytes_per_point = 0;
-bool loop_defined = false;
-int loop_running = 0;  // `read_loop_running`
+// The read loop: what `read-loop` defined and the lines stored until `end-loop`.
+struct read_loop_state {
+  std::vector<std::string> loop_commands;  // the stored lines, in the order typed
+  char loopfile_name[KEP_LINE]{};
+  char loopstack_name[KEP_LINE]{};
+  char looplist_name[KEP_LINE]{};
+  int number_time_points = 0;
+  int number_bytes_per_point = 0;
+  bool loop_defined = false;
+  int loop_running = 0;  // `read_loop_running`
+};
+
+read_loop_state read_loop;
 
 // Writes the next chunk's read command into `out` and advances `position`.
 void create_read_command(const std::vector<int> &numbers, int chunk, size_t &position, std::string &out) {
@@ -53,54 +58,50 @@ void create_read_command(const std::vector<int> &numbers, int chunk, size_t &pos
     }
   }
   position = end;
-  out = "read " + quoted_if_blank(loopfile_name) + ">" + subset + " " + loopstack_name + "\n";
+  out = "read " + quoted_if_blank(read_loop.loopfile_name) + ">" + subset + " " + read_loop.loopstack_name +
+        "\n";
 }
 
 }  // namespace
 
-const int &read_loop_running = loop_running;
+const int &read_loop_running = read_loop.loop_running;
 
-void set_read_loop_running(int on) { loop_running = on; }
+void set_read_loop_running(int on) { read_loop.loop_running = on; }
 
-void reset_macros() {
-  loop_commands.clear();
-  loopfile_name[0] = loopstack_name[0] = looplist_name[0] = '\0';
-  number_time_points = number_bytes_per_point = 0;
-  loop_defined = false;
-  loop_running = 0;
-}
+void reset_macros() { read_loop = read_loop_state{}; }
 
 int initialize_read_loop(int, const char *file, const char *stack, const char *subset) {
-  loop_commands.clear();
+  read_loop.loop_commands.clear();
   XD_HEADER header;
   if (read_volume_header(file, &header)) return 1;
-  number_time_points = header.nt;
+  read_loop.number_time_points = header.nt;
   double bytes = 8.0 * header.dim.x * header.dim.y * header.dim.z;
-  number_bytes_per_point = bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes);
-  snprintf(loopfile_name, sizeof loopfile_name, "%s", file);
-  snprintf(loopstack_name, sizeof loopstack_name, "%s", stack);
-  snprintf(looplist_name, sizeof looplist_name, "%s", subset);
-  loop_defined = true;
+  read_loop.number_bytes_per_point = bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes);
+  snprintf(read_loop.loopfile_name, sizeof read_loop.loopfile_name, "%s", file);
+  snprintf(read_loop.loopstack_name, sizeof read_loop.loopstack_name, "%s", stack);
+  snprintf(read_loop.looplist_name, sizeof read_loop.looplist_name, "%s", subset);
+  read_loop.loop_defined = true;
   return 0;
 }
 
-void store_read_loop_command(const char *line) { loop_commands.emplace_back(line); }
+void store_read_loop_command(const char *line) { read_loop.loop_commands.emplace_back(line); }
 
 int flush_read_loop_commands() {
-  if (!loop_defined) return 0;  // no loop was ever defined: nothing to read
+  if (!read_loop.loop_defined) return 0;  // no loop was ever defined: nothing to read
   std::vector<int> numbers;
-  if (decode_subset(looplist_name, number_time_points, numbers)) return 1;
+  if (decode_subset(read_loop.looplist_name, read_loop.number_time_points, numbers)) return 1;
   if (numbers.empty()) {
     printf("Programming error in routine flush_read_loop_commands.\n");
-    printf("# points = %d, list name = %s, nset = %d\n", number_time_points, looplist_name, 0);
+    printf("# points = %d, list name = %s, nset = %d\n", read_loop.number_time_points,
+           read_loop.looplist_name, 0);
     kep_exit(1);
   }
-  double megabytes = number_bytes_per_point / 1000000.0;
+  double megabytes = read_loop.number_bytes_per_point / 1000000.0;
   double volumes = 20.0 * ceil((10.0 / megabytes) / 20.0);
   int chunk = volumes > MAX_NSET ? MAX_NSET : static_cast<int>(volumes);
   if (chunk < 1) chunk = 1;
   // A stored line may itself start a new loop; run from a copy.
-  const std::vector<std::string> stored = loop_commands;
+  const std::vector<std::string> stored = read_loop.loop_commands;
   size_t position = 0;
   std::string command;
   while (position < numbers.size()) {

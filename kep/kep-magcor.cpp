@@ -5,11 +5,11 @@
 #include <cmath>
 #include <cstdio>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-ovl.h"
 #include "kep-stacks.h"
 #include "kep-util.h"
+#include "kep.h"
 
 namespace {
 
@@ -32,7 +32,9 @@ std::vector<unsigned char> edge_mask(int nx, int ny, int status, int band, bool 
     return mask;
   }
   const int bx = nx / band, by = ny / band;
-  auto in_band = [far_inclusive](int c, int n, int b) { return c < b || (far_inclusive ? n - c <= b : n - c < b); };
+  auto in_band = [far_inclusive](int c, int n, int b) {
+    return c < b || (far_inclusive ? n - c <= b : n - c < b);
+  };
   for (int y = 0; y < ny; y++)
     if (in_band(y, ny, by))
       for (int x = 0; x < nx; x++) mask[static_cast<size_t>(y) * nx + x] = in_band(x, nx, bx);
@@ -67,7 +69,8 @@ void remove_baseline(FCOMPLEX *c, long n2d, long nslices, const std::vector<unsi
 
 inline float amplitude(FCOMPLEX c, bool real_form) {
   if (real_form) return fabsf(c.real);
-  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+  return static_cast<float>(
+      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
 }
 
 // The factor that brings the reference amplitude (largest, or mean) of the

@@ -8,11 +8,11 @@
 #include <cstdio>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
-#include "kep-variables.h"
 #include "kep-util.h"
+#include "kep-variables.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {
@@ -134,7 +134,8 @@ int map_t2(DecayMap kind, const char *name) {
   if (n == 2) printf("The %s map will be calculated (not fit) from 2 points.\n", what);
 
   std::vector<float> x(static_cast<size_t>(n)), y(static_cast<size_t>(n));
-  for (int i = 0; i < n; i++) x[static_cast<size_t>(i)] = map_array[static_cast<size_t>(i)] * array_scale + array_offset;
+  for (int i = 0; i < n; i++)
+    x[static_cast<size_t>(i)] = map_array[static_cast<size_t>(i)] * array_scale + array_offset;
   const float low = filter_range.x, high = filter_range.y;
   const bool filter_on = high >= low;
 

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "io.h"
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
 #include "kep-stacks.h"
+#include "kep.h"
 
 namespace {
 

@@ -9,15 +9,15 @@
 #include <vector>
 
 #include "glm.h"
-#include "kep-interrupt.h"
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-front.h"
+#include "kep-interrupt.h"
 #include "kep-macros.h"
-#include "kep-stacks.h"
-#include "kep-variables.h"
 #include "kep-read.h"
+#include "kep-stacks.h"
 #include "kep-util.h"
+#include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "kep-interp.h"
-#include "kep.h"
 #include "kep-decode.h"
+#include "kep-interp.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <memory>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-util.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {

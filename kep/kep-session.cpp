@@ -6,6 +6,7 @@
 #include "kep-decode.h"
 #include "kep-front.h"
 #include "kep-glm-frame.h"
+#include "kep-help.h"
 #include "kep-interrupt.h"
 #include "kep-io.h"
 #include "kep-macros.h"
@@ -25,6 +26,7 @@ void initialize_global_variables() {
   reset_variables();
   reset_front();
   reset_macros();
+  reset_help();
   reset_ovl();
   reset_stats();
   reset_maps();

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <new>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-util.h"
+#include "kep.h"
 
 namespace {
 
@@ -22,6 +22,7 @@ const std::unique_ptr<data_stack> &stack_root = registry;
 
 void reset_stacks() {
   while (registry) free_stack(registry.get());
+  set_copy_releases_sources(false);
 }
 
 namespace {
@@ -124,13 +125,12 @@ data_stack *install_stack_checked(const char *name, const data_stack *template_s
   // Refuse what cannot be had before the old contents of a re-used name go.
   void *probe = malloc(static_cast<size_t>(bytes));
   if (probe == nullptr) {
-    kep_textf(2, "Not enough memory for the stack %s (%ld x %ld x %ld x %ld samples).", name, nx, ny, nz,
-              nt);
+    kep_textf(2, "Not enough memory for the stack %s (%ld x %ld x %ld x %ld samples).", name, nx, ny, nz, nt);
     return nullptr;
   }
   free(probe);
-  return install_stack(name, template_stack, static_cast<int>(nx), static_cast<int>(ny),
-                       static_cast<int>(nz), static_cast<int>(nt));
+  return install_stack(name, template_stack, static_cast<int>(nx), static_cast<int>(ny), static_cast<int>(nz),
+                       static_cast<int>(nt));
 }
 
 data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
@@ -169,13 +169,15 @@ int delete_stacks() {
 float stack_amp(const data_stack *stack, long n) {
   const FCOMPLEX &c = stack->SpaceTime.fcData[n];
   if (stack->status & (STATUS_POLAR | STATUS_MAP)) return c.real;
-  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+  return static_cast<float>(
+      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
 }
 
 float volume_amp(const volume_list *vol, long n) {
   const FCOMPLEX &c = vol->SpaceTime.fcData[n];
   if (vol->stack != nullptr && (vol->stack->status & (STATUS_POLAR | STATUS_MAP))) return c.real;
-  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+  return static_cast<float>(
+      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
 }
 
 float volume_phase(const volume_list *vol, long n) {
@@ -184,14 +186,6 @@ float volume_phase(const volume_list *vol, long n) {
   float amp = 0.0f, phase = 0.0f;
   polar_from_complex(c.real, c.imag, &amp, &phase);
   return phase;
-}
-
-void check_stack_index(int x, int y, int z, int t, long index, const data_stack *stack) {
-  if (index < 0 || index >= stack->n4d) {
-    printf("stack index out of bounds: x=%d, y=%d, z=%d, t=%d, index = %ld, n=%d\n", x, y, z, t, index,
-           stack->n4d);
-    kep_exit(1);
-  }
 }
 
 int show_stacks() {
@@ -206,7 +200,9 @@ int show_stacks() {
     const data_stack *s = v->stack;
     if (s == previous) continue;
     previous = s;
-    const char *type = (s->status & STATUS_MAP) ? "map      " : (s->status & STATUS_POLAR) ? "mag-phase" : "real-imag";
+    const char *type = (s->status & STATUS_MAP)     ? "map      "
+                       : (s->status & STATUS_POLAR) ? "mag-phase"
+                                                    : "real-imag";
     float lo = 1e10f, hi = -1e10f;
     long nan = 0, infinite = 0;
     for (long n = 0; n < s->n4d; n++) {
@@ -217,12 +213,13 @@ int show_stacks() {
       nan += std::isnan(c.real) || std::isnan(c.imag);
       infinite += std::isinf(c.real) || std::isinf(c.imag);
     }
-    printf("%s\r\t\t%d\r\t\t\t%d\r\t\t\t\t%d\r\t\t\t\t\t%d\r\t\t\t\t\t\t%s\r\t\t\t\t\t\t\t\t%g\n", s->name, s->dim.x,
-           s->dim.y, s->dim.z, s->nt, type, lo);
-    printf("\t\t%g\r\t\t\t%g\r\t\t\t\t%g\r\t\t\t\t\t%g\r\t\t\t\t\t\t\t\t%g\n", s->resolution.x, s->resolution.y,
-           s->resolution.z, s->resolution_t, hi);
+    printf("%s\r\t\t%d\r\t\t\t%d\r\t\t\t\t%d\r\t\t\t\t\t%d\r\t\t\t\t\t\t%s\r\t\t\t\t\t\t\t\t%g\n", s->name,
+           s->dim.x, s->dim.y, s->dim.z, s->nt, type, lo);
+    printf("\t\t%g\r\t\t\t%g\r\t\t\t\t%g\r\t\t\t\t\t%g\r\t\t\t\t\t\t\t\t%g\n", s->resolution.x,
+           s->resolution.y, s->resolution.z, s->resolution_t, hi);
     // The range leaves NaN out, so say when there are any.
-    if (nan > 0 || infinite > 0) printf("%s holds %ld NaN and %ld infinite samples.\n", s->name, nan, infinite);
+    if (nan > 0 || infinite > 0)
+      printf("%s holds %ld NaN and %ld infinite samples.\n", s->name, nan, infinite);
   }
   return 0;
 }
@@ -274,13 +271,15 @@ int copy_volumes(const char *name) {
       // so that joining runs needs little more than the joined stack.
       if (!copy_releases_sources || (v->next != nullptr && v->next->stack == v->stack)) continue;
       bool listed_again = false;
-      for (const volume_list *w = v->next; w && !listed_again; w = w->next) listed_again = w->stack == v->stack;
+      for (const volume_list *w = v->next; w && !listed_again; w = w->next)
+        listed_again = w->stack == v->stack;
       if (!listed_again)
         release_pages(v->stack->SpaceTime.fcData, sizeof(FCOMPLEX) * static_cast<size_t>(v->stack->n4d));
     }
   }
   initialize_volume_list();  // the list may point into replaced storage
-  printf("New stack %s contains %d volumes of dimensions (%d,%d,%d)\n", name, created->nt, dim.x, dim.y, dim.z);
+  printf("New stack %s contains %d volumes of dimensions (%d,%d,%d)\n", name, created->nt, dim.x, dim.y,
+         dim.z);
   return 0;
 }
 

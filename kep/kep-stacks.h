@@ -11,8 +11,7 @@ extern const std::unique_ptr<data_stack> &stack_root;
 // Frees every stack.
 void reset_stacks();
 
-data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
-                          int nt);
+data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz, int nt);
 // Same, but refuses sizes that overflow the sample count before touching
 // the registry: returns null after an error message.
 data_stack *install_stack_checked(const char *name, const data_stack *template_stack, long nx, long ny,
@@ -33,12 +32,9 @@ int inconsistent_3d_dimensions(IPOINT3D *dims, int *count);
 float stack_amp(const data_stack *stack, long n);
 float volume_amp(const volume_list *vol, long n);
 float volume_phase(const volume_list *vol, long n);
-void check_stack_index(int x, int y, int z, int t, long index, const data_stack *stack);
 // index2d and index3d have no caller today; the system offers them beside index4d.
 inline int index2d(int i, int j, const volume_list *vol) { return j * vol->dim.x + i; }
-inline int index3d(int i, int j, int k, const volume_list *vol) {
-  return k * vol->n2d + j * vol->dim.x + i;
-}
+inline int index3d(int i, int j, int k, const volume_list *vol) { return k * vol->n2d + j * vol->dim.x + i; }
 inline int index4d(int i, int j, int k, int t, const data_stack *s) {
   return t * s->n3d + k * s->n2d + j * s->dim.x + i;
 }

@@ -1,13 +1,14 @@
 // Histograms of the overlay's voxels and the overlap of two blurred volumes.
+#include "kep-stats.h"
+
 #include <cmath>
 #include <cstdio>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-ovl.h"
 #include "kep-stacks.h"
-#include "kep-stats.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {

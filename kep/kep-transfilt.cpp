@@ -14,10 +14,10 @@
 #include <new>
 #include <vector>
 
-#include "kep-interrupt.h"
-#include "kep.h"
 #include "kep-decode.h"
+#include "kep-interrupt.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "threads.h"
 
 namespace {

@@ -8,9 +8,9 @@
 #include <cmath>
 #include <cstdio>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {

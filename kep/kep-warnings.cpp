@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "kep.h"
 #include "kep-decode.h"
+#include "kep.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "kep-front.h"
 #include "kep-variables.h"
 #include "kep.h"
-#include "kep-front.h"
 
 int main(int argc, char **argv) {
   // The command words and variable names, one per line, for scripts and the

@@ -99,10 +99,4 @@ TEST_F(Registry, CopyReleasingSourcesKeepsStacksListedAgain) {
   for (int n = 0; n < c->n4d; n++) ASSERT_EQ(c->SpaceTime.fcData[n].real, 3.0f);
 }
 
-TEST(RegistryDeath, IndexOutOfBoundsEndsTheProcess) {
-  data_stack s;
-  s.n4d = 10;
-  EXPECT_EXIT(check_stack_index(1, 2, 3, 4, 10, &s), ::testing::ExitedWithCode(1), "");
-}
-
 }  // namespace
