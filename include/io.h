@@ -7,7 +7,9 @@
 
 #include "types.h"
 
-// File type codes, told by the name.
+// File kinds, told by the name (classify_file_name). Command and overlay
+// files are opened by the read command itself; the others are volumes.
+constexpr int FILE_COMMANDS = 0;
 constexpr int FILE_BSHORT = 1;
 constexpr int FILE_BFLOAT = 2;
 constexpr int FILE_BLONG = 3;
@@ -15,6 +17,7 @@ constexpr int FILE_USHORT = 4;
 constexpr int FILE_NII = 6;
 constexpr int FILE_IMG = 7;
 constexpr int FILE_FREESURFER = 8;
+constexpr int FILE_OVERLAY = 9;
 constexpr int FILE_UNKNOWN = -1;
 
 // Storage type codes (".hdr" word "storage-type", NIfTI datatype).
@@ -58,22 +61,36 @@ constexpr int NIFTI_DOF_ECODE = 20;
 constexpr int NIFTI_HEADER_SIZE = 348;
 constexpr int NIFTI2_HEADER_SIZE = 540;
 
-struct XD_HEADER {
+struct XD_HEADER;
+
+// One row of the table of volume formats: what a name ends in, the kind it
+// tells, how its header is read, where its samples are, and what a write to
+// that name produces.
+struct volume_format {
+  enum layout { one_file, compressed_file, slice_files };
+  const char *suffix;  // ".nii", ".nii.gz", "_" (slice series); "" when none matched
+  int kind;            // FILE_* code
+  int (*read_header)(const char *name, XD_HEADER *header);  // on an initialised header
+  layout data;
+  int written_as;  // FILE_* format the write commands produce, FILE_UNKNOWN when not written
+};
+
+// The one classifier of file names: the row of the table that `name` falls in
+// (a row for an unknown extension and one for no extension when none does).
+const volume_format &classify_file_name(const char *name);
+// Its kind.
+int file_kind(const char *name);
+
+struct XD_HEADER : volume_geometry {
+  const volume_format *format;  // the row the name was read by
   char file_name[KEP_LINE];
   IPOINT3D dim;
-  POINT3D resolution;
-  POINT3D origin;
-  POINT3D direction;
   POINT3D fov;
-  float resolution_t;
   int nt;
   int n2d;
   int n3d;
   int n4d;
   int byte_order;
-  mat44 ijk_to_xyz;
-  mat44 xyz_to_ijk;
-  int off_diagonal;
   int file_type;
   int storage_type;
   int data_type;
@@ -106,20 +123,37 @@ int read_xdisplay_header_stream(FILE *file, const char *header_name, XD_HEADER *
 // must be >= 348, and >= 540 when the first four bytes announce NIfTI-2.
 int decode_nifti_header(const unsigned char *bytes, size_t size, const char *header_name, XD_HEADER *header);
 
+// The fields kep uses of a NIfTI-1 or NIfTI-2 header, in the wider form of the two.
+struct nifti_fields {
+  int64_t dim[8];
+  int datatype;
+  double pixdim[8];
+  double vox_offset, scl_slope, scl_inter;
+  int qform_code, sform_code;
+  double quatern[3], qoffset[3];
+  double srow[3][4];
+  int xyzt_units;
+  char descrip[80];
+};
+
+// The fields of a NIfTI-1 header written in this machine's byte order (as
+// kep writes them); false when the bytes are not one.
+bool machine_order_nifti1_fields(const unsigned char *bytes, size_t size, nifti_fields *fields);
+
 // One ".hdr" line: 0 decoded, 1 bad line, -1 information keyword (ends the header).
 int decode_xdisplay_header_keyword(const char *line, XD_HEADER *header);
 // One ".bhdr" line: into the header or into the 16 floats of `corners`.
 int decode_freesurfer_header_keyword(const char *line, XD_HEADER *header, float *corners);
 
-// Name classifiers.
-int get_extension(char *name, int *type, char *extension);
-int replace_extension(char *name, int *type, const char *new_extension, char *result);
-int xdisplay_format(char *name);
+// `name` with the text after its last dot replaced (1 after a message when
+// it has no dot).
+int replace_extension(const char *name, const char *new_extension, char *result);
 
 // fopen that treats a directory as a file that cannot be opened.
 FILE *fopen_regular(const char *name, const char *mode);
 
-// True for a gzip-compressed single NIfTI file (name ending in ".nii.gz").
+// True for a gzip-compressed single NIfTI file (base name longer than and
+// ending in ".nii.gz").
 bool gzipped_nifti_name(const char *name);
 
 // Sequential reading of a data file, plain or gzip-compressed.

@@ -32,6 +32,20 @@ struct IPOINT3D {
   int x, y, z;
 };
 
+// Where a grid of voxels sits: voxel sizes, time step, origin, axis
+// directions and the voxel-to-world matrix with its inverse. A file's header,
+// a stack and an output file each carry one (as their base, so the fields
+// read as their own) and hand it on whole.
+struct volume_geometry {
+  POINT3D resolution{1.0f, 1.0f, 1.0f};
+  POINT3D origin{0.0f, 0.0f, 0.0f};
+  POINT3D direction{1.0f, 1.0f, 1.0f};
+  float resolution_t = 0.0f;
+  mat44 ijk_to_xyz{};
+  mat44 xyz_to_ijk{};
+  int off_diagonal = 0;  // the matrix turns the voxel axes away from x, y, z
+};
+
 union SpaceTime {
   float *fData;
   FCOMPLEX *fcData;

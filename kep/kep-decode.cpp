@@ -6,6 +6,7 @@
 #include <deque>
 #include <string>
 
+#include "io.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
 #include "kep.h"
@@ -407,26 +408,6 @@ int decode_real_string_and_comparison_list(char *text, float *r, char *name) {
   return decode_string_and_comparison_list(text, name);
 }
 
-int file_kind(const char *file_name) {
-  size_t len = strlen(file_name);
-  if (len > 0 && file_name[len - 1] == '_') return 8;
-  const char *base = strrchr(file_name, '/');
-  base = base ? base + 1 : file_name;
-  size_t blen = strlen(base);
-  if (blen > 7 && strcmp(base + blen - 7, ".nii.gz") == 0) return 6;
-  const char *dot = strrchr(base, '.');
-  if (dot == nullptr) return -1;
-  const char *ext = dot + 1;
-  static const struct {
-    const char *ext;
-    int kind;
-  } kinds[] = {{"com", 0},    {"bshort", 1}, {"bfloat", 2}, {"blong", 3},
-               {"ushort", 4}, {"nii", 6},    {"img", 7},    {"ovl", 9}};
-  for (const auto &k : kinds)
-    if (strcmp(ext, k.ext) == 0) return k.kind;
-  return -1;
-}
-
 int decode_read_argument(char *text, char *file, int *kind, char *stack, char *subset, int *number) {
   char file_word[KEP_LINE], word[KEP_LINE];
   *kind = -1;
@@ -445,19 +426,19 @@ int decode_read_argument(char *text, char *file, int *kind, char *stack, char *s
     snprintf(subset, KEP_LINE, "%s", gt + 1);
   }
   snprintf(file, KEP_LINE, "%s", file_word);
-  *kind = file_kind(file);
+  const volume_format &format = classify_file_name(file);
+  *kind = format.kind;
   const char *q = next_word(p, word);
   if (q != nullptr) {
     snprintf(stack, KEP_LINE, "%s", word);
     if (next_word(q, word) != nullptr) *number = read_int(word);
   } else {
     snprintf(stack, KEP_LINE, "%s", file);
-    if (*kind != 8) {
+    if (format.data != volume_format::slice_files) {
       char *base = strrchr(stack, '/');
       base = base ? base + 1 : stack;
-      size_t blen = strlen(base);
-      if (blen > 7 && strcmp(base + blen - 7, ".nii.gz") == 0)
-        base[blen - 7] = '\0';
+      if (format.data == volume_format::compressed_file)
+        base[strlen(base) - strlen(format.suffix)] = '\0';
       else if (char *dot = strrchr(base, '.'))
         *dot = '\0';
     }

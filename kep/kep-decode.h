@@ -30,9 +30,6 @@ const char *next_word(const char *text, char *word);
 // when given, receives the length of the word up to the end of its last
 // quoted part, before which a ">" belongs to the name.
 const char *next_file_word(const char *text, char *word, size_t *quoted = nullptr);
-// Kind of a file name for `read`: 0 com, 1 bshort, 2 bfloat, 3 blong,
-// 4 ushort, 6 nii (and nii.gz), 7 img, 8 root ending in "_", 9 ovl, else -1.
-int file_kind(const char *file_name);
 int decode_comparison_list(char *text);
 // Several decoders below serve no command today; the system offers them for new argument forms.
 int decode_real_and_list(char *text, float *r);

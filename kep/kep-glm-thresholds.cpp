@@ -255,10 +255,7 @@ int clusters_command(char *text) {
   data_stack *out = install_stack_checked(name, s, s->dim.x, s->dim.y, s->dim.z, 1);
   if (out == nullptr) return 1;
   out->status |= STATUS_POLAR | STATUS_MAP;
-  out->fov = s->fov;
-  out->ijk_to_xyz = s->ijk_to_xyz;
-  out->xyz_to_ijk = s->xyz_to_ijk;
-  out->off_diagonal = s->off_diagonal;
+  out->fov = s->fov;  // the geometry came with the template, on the same grid
   FCOMPLEX *index = out->SpaceTime.fcData;
   memset(index, 0, sizeof(FCOMPLEX) * static_cast<size_t>(out->n4d));
   std::vector<long> members;

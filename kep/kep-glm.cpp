@@ -310,10 +310,7 @@ data_stack *create_map(const Frame &f, const char *name, int volumes) {
   data_stack *out = install_stack_checked(name, s, s->dim.x, s->dim.y, s->dim.z, volumes);
   if (out == nullptr) return nullptr;
   out->status |= STATUS_POLAR | STATUS_MAP;
-  out->fov = s->fov;
-  out->ijk_to_xyz = s->ijk_to_xyz;
-  out->xyz_to_ijk = s->xyz_to_ijk;
-  out->off_diagonal = s->off_diagonal;
+  out->fov = s->fov;  // the geometry came with the template, on the same grid
   memset(out->SpaceTime.fcData, 0, sizeof(FCOMPLEX) * static_cast<size_t>(out->n4d));
   return out;
 }

@@ -152,14 +152,10 @@ bool carries_rotation(const data_stack *s) {
 }
 
 void take_geometry(volume_file *e, const data_stack *s) {
+  static_cast<volume_geometry &>(*e) = *s;
   e->rotated = carries_rotation(s);
-  e->ijk_to_xyz = s->ijk_to_xyz;
-  e->resolution = s->resolution;
-  e->origin = s->origin;
-  e->direction = s->direction;
   e->registration = s->registration;
   e->lDOF = s->lDOF;
-  e->resolution_t = s->resolution_t;
   memcpy(e->description, s->description, sizeof e->description);
 }
 
@@ -398,15 +394,16 @@ bool copy_packed(volume_source &from, znzFile to, long long bytes) {
 // Where the data of a compressed file written earlier by this process start,
 // or -1 when the file no longer holds what the registry says it does.
 long long packed_data_offset(volume_source &file, const volume_file *e, int storage) {
-  nifti_1_header n;
-  if (file.read(&n, sizeof n) != sizeof n) return -1;
+  unsigned char bytes[NIFTI_HEADER_SIZE];
+  nifti_fields n;
+  if (file.read(bytes, sizeof bytes) != sizeof bytes || !machine_order_nifti1_fields(bytes, sizeof bytes, &n))
+    return -1;
   const nifti_1_header expected = nifti_header_for(FILE_NII, storage, e);
-  if (n.sizeof_hdr != NIFTI_HEADER_SIZE || n.dim[1] != e->dim.x || n.dim[2] != e->dim.y ||
-      n.dim[3] != e->dim.z || n.dim[4] != e->nt || n.datatype != expected.datatype ||
-      !(n.vox_offset >= NIFTI_HEADER_SIZE + 4 && n.vox_offset < 1e9f))
+  if (n.dim[1] != e->dim.x || n.dim[2] != e->dim.y || n.dim[3] != e->dim.z || n.dim[4] != e->nt ||
+      n.datatype != expected.datatype || !(n.vox_offset >= NIFTI_HEADER_SIZE + 4 && n.vox_offset < 1e9))
     return -1;
   const long long offset = static_cast<long long>(n.vox_offset);
-  if (!file.seek(offset - static_cast<long long>(sizeof n), SEEK_CUR)) return -1;
+  if (!file.seek(offset - static_cast<long long>(sizeof bytes), SEEK_CUR)) return -1;
   return offset;
 }
 
@@ -503,21 +500,18 @@ int write_output_file(int requested_storage, const char *root) {
   snprintf(stem, sizeof stem, "%s", root);
   // "name.nii.gz" is a compressed single NIfTI file, registered under its
   // full name so that it never shares an entry with "name.nii".
-  const bool packed = gzipped_nifti_name(stem);
-  int format = FILE_NII;
-  if (packed)
-    stem[strlen(stem) - 7] = '\0';
-  else
-    format = xdisplay_format(stem);
-  if (format < 0) return unsupported_format();
+  const volume_format &row = classify_file_name(stem);
+  const bool packed = row.data == volume_format::compressed_file;
+  const int format = row.written_as;
+  if (format == FILE_UNKNOWN) return unsupported_format();
+  stem[strlen(stem) - strlen(row.suffix)] = '\0';
   if (volume_list_root == nullptr) empty_list();
   IPOINT3D dim;
   int count = 0;
   if (inconsistent_3d_dimensions(&dim, &count)) return 1;
 
-  static const char *extensions[] = {"", "bshort", "bfloat", "", "ushort", "", "nii", "img"};
   char name[KEP_LINE + 8];
-  snprintf(name, sizeof name, "%s.%s%s", stem, extensions[format], packed ? ".gz" : "");
+  snprintf(name, sizeof name, "%s%s", stem, row.suffix);
   int storage = format;
   if (format == FILE_NII || format == FILE_IMG)
     storage = requested_storage == STORAGE_SHORT || requested_storage == STORAGE_FLOAT ? requested_storage
@@ -672,8 +666,10 @@ int undo_slices(std::vector<slice_names> &slices, volume_file *entry, bool exist
 int write_slices(const char *root) {
   char stem[KEP_LINE];
   snprintf(stem, sizeof stem, "%s", root);
-  const int format = xdisplay_format(stem);
-  if (format < 0) return unsupported_format();
+  const volume_format &row = classify_file_name(stem);
+  const int format = row.written_as;
+  if (format == FILE_UNKNOWN || row.data != volume_format::one_file) return unsupported_format();
+  stem[strlen(stem) - strlen(row.suffix)] = '\0';
   const int storage = format == FILE_BFLOAT ? STORAGE_FLOAT : STORAGE_SHORT;
   const char *extension = storage == STORAGE_FLOAT ? "bfloat" : "bshort";
   if (volume_list_root == nullptr) empty_list();

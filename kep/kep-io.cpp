@@ -265,7 +265,6 @@ int read_packed_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
 
 int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
   const std::string name = data_file_name(h.file_name);
-  if (gzipped_nifti_name(name.c_str())) return read_packed_file(h, list, out);
   volume_source file(name.c_str(), false);
   if (!file.is_open()) {
     printf("Error: cannot open file %s.\n", name.c_str());
@@ -376,6 +375,15 @@ int read_slice_files(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
   return 0;
 }
 
+// The samples of the listed volumes, from where the format keeps them: one
+// file per slice, or one file, compressed when the data file's name says so
+// (a ".hdr" may describe a compressed data file).
+int read_volume_data(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
+  if (h.format->data == volume_format::slice_files) return read_slice_files(h, list, out);
+  if (gzipped_nifti_name(data_file_name(h.file_name).c_str())) return read_packed_file(h, list, out);
+  return read_single_file(h, list, out);
+}
+
 void print_off_diagonal_warning() {
   printf("Warning: the stack has voxel indices            (i,j,k)\n");
   printf("         that are not parallel with coordinates (x,y,z)\n.\n");
@@ -401,15 +409,9 @@ std::unique_ptr<FCOMPLEX[]> allocate_samples(size_t count) {
 void set_read_geometry(data_stack *s, const XD_HEADER &h) {
   s->status = STATUS_READ | (h.data_type == DATA_MAGNITUDE ? STATUS_POLAR : 0);
   s->registration = h.registration;
-  s->resolution = h.resolution;
-  s->origin = h.origin;
-  s->direction = h.direction;
+  static_cast<volume_geometry &>(*s) = h;
   s->fov = h.fov;
-  s->resolution_t = h.resolution_t;
-  s->off_diagonal = h.off_diagonal;
   s->lDOF = h.lDOF;
-  s->ijk_to_xyz = h.ijk_to_xyz;
-  s->xyz_to_ijk = h.xyz_to_ijk;
   memcpy(s->description, h.description, sizeof s->description);
 }
 
@@ -465,7 +467,7 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
            h.dim.y, h.dim.z);
     return 1;
   }
-  if (h.file_type != FILE_FREESURFER && data_file_too_short(h, list)) return 1;
+  if (h.format->data != volume_format::slice_files && data_file_too_short(h, list)) return 1;
 
   // The samples are gathered apart and only handed to the stack once the
   // whole read has worked, so a failure leaves every stack as it was.
@@ -476,9 +478,7 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
            h.dim.y, h.dim.z, file_name);
     return 1;
   }
-  int failed = h.file_type == FILE_FREESURFER ? read_slice_files(h, list, data.get())
-                                              : read_single_file(h, list, data.get());
-  if (failed) return 1;
+  if (read_volume_data(h, list, data.get())) return 1;
 
   data_stack *target = nullptr;
   if (distortions) {
@@ -529,7 +529,7 @@ bool plan_whole_read(const char *file_name, planned_read *plan) {
   if (!checked_product(h.n3d, h.nt, INT_MAX / 2, &samples)) return false;
   plan->list.resize(static_cast<size_t>(h.nt));
   for (int t = 0; t < h.nt; t++) plan->list[static_cast<size_t>(t)] = t;
-  if (h.file_type != FILE_FREESURFER) {
+  if (h.format->data != volume_format::slice_files) {
     // The size check of a plain file, without its message.
     const std::string name = data_file_name(h.file_name);
     struct stat st;
@@ -544,6 +544,5 @@ bool plan_whole_read(const char *file_name, planned_read *plan) {
 }
 
 int read_planned_volumes(const planned_read &plan, FCOMPLEX *out) {
-  return plan.header.file_type == FILE_FREESURFER ? read_slice_files(plan.header, plan.list, out)
-                                                  : read_single_file(plan.header, plan.list, out);
+  return read_volume_data(plan.header, plan.list, out);
 }

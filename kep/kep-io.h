@@ -6,22 +6,17 @@
 #include "kep.h"
 
 // One file written by this process, keyed by its name without extension.
-struct volume_file {
+struct volume_file : volume_geometry {
   char name[KEP_LINE]{};
   IPOINT3D dim{0, 0, 0};
   int nt = 0;  // 0: the entry is new
-  POINT3D resolution{1.0f, 1.0f, 1.0f};
-  POINT3D origin{0.0f, 0.0f, 0.0f};
-  POINT3D direction{1.0f, 1.0f, 1.0f};
-  float resolution_t = 0.0f;
   int data_type = 0;  // storage code of the file
   int registration = 0;
   int lDOF = 0;
   char description[80]{};
-  // The full voxel-to-world matrix of a stack read from a rotated file;
-  // a NIfTI header then carries it instead of the axis-aligned one.
+  // The geometry's matrix is a rotation read from a file: a NIfTI header
+  // then carries it instead of the axis-aligned one.
   bool rotated = false;
-  mat44 ijk_to_xyz{};
   std::unique_ptr<volume_file> next;
 };
 

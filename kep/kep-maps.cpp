@@ -36,14 +36,8 @@ int install_maps(const char *name, const data_stack *template_stack, IPOINT3D di
                  const std::vector<float> &maps) {
   // Copy what the stack record offers before a re-used name releases it.
   data_stack geometry_source;
-  geometry_source.resolution = template_stack->resolution;
-  geometry_source.resolution_t = template_stack->resolution_t;
-  geometry_source.origin = template_stack->origin;
-  geometry_source.direction = template_stack->direction;
+  static_cast<volume_geometry &>(geometry_source) = *template_stack;
   geometry_source.dim = template_stack->dim;
-  geometry_source.ijk_to_xyz = template_stack->ijk_to_xyz;
-  geometry_source.xyz_to_ijk = template_stack->xyz_to_ijk;
-  geometry_source.off_diagonal = template_stack->off_diagonal;
   geometry_source.status = template_stack->status;
   geometry_source.registration = template_stack->registration;
   geometry_source.lDOF = template_stack->lDOF;

@@ -34,7 +34,7 @@ std::string plain_volume_file(const char *run_name) {
   const char *rest = next_word(run_name, file);
   if (rest == nullptr || *next_non_white(rest) != '\0' || strchr(file, '>') != nullptr) return {};
   const int kind = file_kind(file);
-  if (kind == 0 || kind == 9) return {};  // command and overlay files
+  if (kind == FILE_COMMANDS || kind == FILE_OVERLAY) return {};
   return file;
 }
 
@@ -103,13 +103,7 @@ int read_glm_runs_in_place() {
   // What `copy` takes from its first source, a stack read from the first run.
   data_stack source;
   set_read_geometry(&source, first);
-  glm->resolution = source.resolution;
-  glm->resolution_t = source.resolution_t;
-  glm->origin = source.origin;
-  glm->direction = source.direction;
-  glm->ijk_to_xyz = source.ijk_to_xyz;
-  glm->xyz_to_ijk = source.xyz_to_ijk;
-  glm->off_diagonal = source.off_diagonal;
+  static_cast<volume_geometry &>(*glm) = source;
   glm->status = source.status;
   glm->registration = source.registration;
   glm->lDOF = source.lDOF;

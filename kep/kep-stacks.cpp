@@ -78,33 +78,21 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   stack->samples.reset(samples);
   stack->SpaceTime.fcData = samples;
   if (template_stack != nullptr) {
-    stack->resolution = template_stack->resolution;
-    stack->resolution_t = template_stack->resolution_t;
-    stack->origin = template_stack->origin;
-    stack->direction = template_stack->direction;
-    stack->status = template_stack->status;
-    stack->registration = template_stack->registration;
-    stack->lDOF = template_stack->lDOF;
-    memcpy(stack->description, template_stack->description, sizeof stack->description);
-    // A stack on the template's grid keeps its voxel-to-world matrix (and so
-    // its rotation); on any other grid the matrix would be stale.
+    // A stack on the template's grid takes its whole geometry; on any other
+    // grid the matrix (and a rotation in it) would be stale.
+    static_cast<volume_geometry &>(*stack) = *template_stack;
     if (!same_grid) {
       stack->ijk_to_xyz = mat44{};
       stack->xyz_to_ijk = mat44{};
       stack->off_diagonal = 0;
-    } else if (template_stack != stack) {
-      stack->ijk_to_xyz = template_stack->ijk_to_xyz;
-      stack->xyz_to_ijk = template_stack->xyz_to_ijk;
-      stack->off_diagonal = template_stack->off_diagonal;
     }
+    stack->status = template_stack->status;
+    stack->registration = template_stack->registration;
+    stack->lDOF = template_stack->lDOF;
+    memcpy(stack->description, template_stack->description, sizeof stack->description);
   } else {
-    stack->ijk_to_xyz = mat44{};
-    stack->xyz_to_ijk = mat44{};
-    stack->off_diagonal = 0;
-    stack->resolution = {1.0f, 1.0f, 1.0f};
+    static_cast<volume_geometry &>(*stack) = volume_geometry{};
     stack->resolution_t = 1.0f;
-    stack->origin = {0.0f, 0.0f, 0.0f};
-    stack->direction = {1.0f, 1.0f, 1.0f};
     stack->status = 0;
     stack->registration = 0;
     stack->lDOF = 0;

@@ -10,21 +10,15 @@
 #include "util.h"
 
 // One image stack: a 4-D array of complex samples with its geometry.
-struct data_stack {
+struct data_stack : volume_geometry {
+  data_stack() { resolution_t = 1.0f; }  // a stack counts time in steps of 1 until told
   IPOINT3D dim{0, 0, 0};
-  POINT3D resolution{1.0f, 1.0f, 1.0f};
-  POINT3D origin{0.0f, 0.0f, 0.0f};
-  POINT3D direction{1.0f, 1.0f, 1.0f};
   POINT3D fov{0.0f, 0.0f, 0.0f};
-  float resolution_t = 1.0f;
   int nt = 0;
   int n2d = 0;
   int n3d = 0;
   int n4d = 0;
   int npts_volume = 0;
-  mat44 ijk_to_xyz{};
-  mat44 xyz_to_ijk{};
-  int off_diagonal = 0;
   int registration = 0;
   int status = 0;  // bit 1: polar form; bit 2: map
   int data_type = 1;

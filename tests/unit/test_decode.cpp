@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "io.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
@@ -177,12 +178,6 @@ TEST_F(Decode, ReadArgumentKindsAndDefaults) {
   EXPECT_EQ(kind, 6);
   EXPECT_STREQ(stack, "s");
   EXPECT_EQ(number, 7);
-  struct {
-    const char *name;
-    int kind;
-  } kinds[] = {{"a.com", 0},   {"a.bfloat", 2}, {"a.blong", 3}, {"a.ushort", 4}, {"a.img", 7},
-               {"slices_", 8}, {"a.ovl", 9},    {"a.txt", -1},  {"plain", -1},   {"a.nii.gz", 6}};
-  for (const auto &k : kinds) EXPECT_EQ(file_kind(k.name), k.kind) << k.name;
   char t3[KEP_LINE] = "a.nii x>y";
   std::string err =
       capture_stderr([&] { EXPECT_EQ(decode_read_argument(t3, file, &kind, stack, subset, &number), 1); });
@@ -208,3 +203,40 @@ TEST_F(Decode, SliceOrderAndMapArray) {
 }
 
 }  // namespace
+
+// One classifier for every use of a name: the kind `read` acts on, where the
+// samples are, what a write to the name produces, and the suffix cut from it.
+TEST(FileNames, OneClassifierForReadingAndWriting) {
+  struct Case {
+    const char *name;
+    int kind;
+    volume_format::layout data;
+    int written_as;
+    const char *suffix;
+  } cases[] = {
+      {"a.com", FILE_COMMANDS, volume_format::one_file, FILE_UNKNOWN, ".com"},
+      {"a.bshort", FILE_BSHORT, volume_format::one_file, FILE_BSHORT, ".bshort"},
+      {"a.bfloat", FILE_BFLOAT, volume_format::one_file, FILE_BFLOAT, ".bfloat"},
+      {"a.blong", FILE_BLONG, volume_format::one_file, FILE_UNKNOWN, ".blong"},
+      {"a.ushort", FILE_USHORT, volume_format::one_file, FILE_USHORT, ".ushort"},
+      {"dir.x/a.nii", FILE_NII, volume_format::one_file, FILE_NII, ".nii"},
+      {"a.nii.gz", FILE_NII, volume_format::compressed_file, FILE_NII, ".nii.gz"},
+      {"d/.nii.gz", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"a.img", FILE_IMG, volume_format::one_file, FILE_IMG, ".img"},
+      {"slices_", FILE_FREESURFER, volume_format::slice_files, FILE_UNKNOWN, "_"},
+      {"a.bfloat_", FILE_FREESURFER, volume_format::slice_files, FILE_UNKNOWN, "_"},
+      {"a.ovl", FILE_OVERLAY, volume_format::one_file, FILE_UNKNOWN, ".ovl"},
+      {"a.hdr", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"plain", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+      {"dir.v2/plain", FILE_UNKNOWN, volume_format::one_file, FILE_UNKNOWN, ""},
+  };
+  for (const Case &c : cases) {
+    const volume_format &f = classify_file_name(c.name);
+    EXPECT_EQ(f.kind, c.kind) << c.name;
+    EXPECT_EQ(f.data, c.data) << c.name;
+    EXPECT_EQ(f.written_as, c.written_as) << c.name;
+    EXPECT_STREQ(f.suffix, c.suffix) << c.name;
+  }
+  // An unknown extension's ".hdr" replaces the extension; a bare name's is appended.
+  EXPECT_NE(classify_file_name("a.hdr").read_header, classify_file_name("plain").read_header);
+}
