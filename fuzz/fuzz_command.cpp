@@ -1,5 +1,4 @@
 // Feeds random command lines to the interpreter with a few stacks installed.
-#include <csetjmp>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -57,8 +56,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   (void)quiet;
   reset();
   std::string input(reinterpret_cast<const char *>(data), size);
-  jmp_buf trap;
-  kep_exit_trap = &trap;
   size_t start = 0;
   while (start < input.size()) {
     size_t end = input.find('\n', start);
@@ -66,9 +63,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     start = end == std::string::npos ? input.size() : end + 1;
     if (line.size() >= KEP_LINE) line.resize(KEP_LINE - 1);
     if (!allowed(line.c_str())) continue;
-    if (setjmp(trap) != 0) break;  // a fatal message or an exit: the input is done
-    do_command(0, line.c_str());
+    try {
+      do_command(0, line.c_str());
+    } catch (const fatal &) {
+      break;  // a fatal message or an exit: the input is done
+    }
   }
-  kep_exit_trap = nullptr;
   return 0;
 }

@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   glm_fuzz::write("control.txt", data, size);
   try {
     if (GLM_read_control_file("control.txt", 0) == 0) glm_fuzz::design_and_fit();
-  } catch (const glm_fuzz::terminated &) {
+  } catch (const fatal &) {
   }
   return 0;
 }

@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       if (GLM_read_event_file("events.glm", 1) == 0) GLM.nruns = 2;
       glm_fuzz::design_and_fit();
     }
-  } catch (const glm_fuzz::terminated &) {
+  } catch (const fatal &) {
   }
   return 0;
 }

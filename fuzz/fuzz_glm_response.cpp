@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       GLM.nruns = 1;
       glm_fuzz::design_and_fit();
     }
-  } catch (const glm_fuzz::terminated &) {
+  } catch (const fatal &) {
   }
   return 0;
 }

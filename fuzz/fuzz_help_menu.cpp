@@ -2,7 +2,6 @@
 // prompts (standard input is the answers file, so nothing blocks).
 #include <sys/stat.h>
 
-#include <csetjmp>
 #include <cstdlib>
 
 #include "fuzz_support.h"
@@ -21,16 +20,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kep_fuzz::write("documentation/kep-pages.txt", part[1]);
   kep_fuzz::write("answers", part[2]);
   if (!freopen("answers", "r", stdin)) abort();
-  jmp_buf trap;
-  kep_exit_trap = &trap;
   // The first byte of the answers picks the level: a menu opened from another
   // menu returns to the top level file when done.
   const int level = !part[2].empty() && (part[2][0] & 1);
-  if (setjmp(trap) == 0) {
+  try {
     help_menu(0, "fuzz-menu.txt");
     if (level) help_menu(1, "fuzz-menu.txt");
     print_help_page("documentation/kep-pages.txt");
+  } catch (const fatal &) {
+    // an end of the program: the input is done
   }
-  kep_exit_trap = nullptr;
   return 0;
 }

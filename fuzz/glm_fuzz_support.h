@@ -1,5 +1,6 @@
 // Shared setup of the GLM reader fuzz targets: the common scratch directory
-// and silent output, and termination turned into an exception the harness catches.
+// and silent output. The engine's fatal ends (a `fatal` thrown) are caught by
+// each target.
 #pragma once
 
 #include <unistd.h>
@@ -10,20 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "fatal.h"
 #include "fuzz_support.h"
 #include "glm-prototypes.h"
 
 namespace glm_fuzz {
 
-struct terminated {};
-
-[[noreturn]] inline void throw_terminated() { throw terminated{}; }
-
-// Works in the shared scratch directory while it lives, with GLM
-// termination turned into an exception the harness catches.
-struct in_scratch : kep_fuzz::in_scratch {
-  in_scratch() { GLMInternal_terminate_hook = throw_terminated; }
-};
+using kep_fuzz::in_scratch;
 
 using kep_fuzz::write;
 

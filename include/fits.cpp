@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "fatal.h"
 #include "numerics.h"
 
 linear_fit PolyGLM;
@@ -58,11 +59,10 @@ int fit(linear_fit &g, const char *who, int npts, const float *data, float *fitt
     printf("Error in %s: order of polynomial (%d) < 1.\n", who, g.order);
     return 1;
   }
-  if (npts != g.npts) {
-    printf("Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", npts,
-           g.npts);
-    kep_exit(1);
-  }
+  if (npts != g.npts)
+    throw_fatal(fatal::on_stdout,
+                "Error: the number of data time points (%d) does not match the number in the GLM (%d).\n",
+                npts, g.npts);
   for (int j = 0; j < g.order; j++) {
     const float *p = g.P[j];
     double s = 0.0;
@@ -154,10 +154,7 @@ int GeneralRemoveGLM(int first, int npts, float *data, float *fit_out) {
 }
 
 void fit_line(int n, const float *x, const float *y, float *slope, float *intercept, float *sigma) {
-  if (n < 2) {
-    printf("Programming error: npoints (%d) < 2 in fit_line.\n", n);
-    kep_exit(1);
-  }
+  if (n < 2) throw_fatal(fatal::on_stdout, "Programming error: npoints (%d) < 2 in fit_line.\n", n);
   float sx = 0.0f, sy = 0.0f;
   for (int i = 0; i < n; i++) {
     sx += x[i];

@@ -1,8 +1,8 @@
-// 4x4 affine matrices and the voxel/space conversions of data stacks.
+// 4x4 affine matrices and voxel/space conversions through them.
 #include <cstdio>
 #include <cstdlib>
 
-#include "kep.h"
+#include "fatal.h"
 #include "numerics.h"
 #include "util.h"
 
@@ -11,10 +11,8 @@ mat44 invert_mat44(mat44 m) {
   for (int r = 0; r < 4; r++)
     for (int c = 0; c < 4; c++) a[r][c] = m.m[r][c];
   int failing_row;
-  if (rInvertSquareMatrix(4, a, &failing_row) != 0) {
-    printf("failed on row %d\n", failing_row);
-    kep_exit(1);
-  }
+  if (rInvertSquareMatrix(4, a, &failing_row) != 0)
+    throw_fatal(fatal::on_stdout, "failed on row %d\n", failing_row);
   mat44 out;
   for (int r = 0; r < 4; r++)
     for (int c = 0; c < 4; c++) out.m[r][c] = a[r][c];
@@ -45,15 +43,15 @@ mat44 general_affine_to_mat44(const float row0[4], const float row1[4], const fl
   return out;
 }
 
-mat44 centered_ijk_to_xyz(const data_stack &stack) {
-  const POINT3D &r = stack.resolution;
-  const IPOINT3D &d = stack.dim;
+mat44 centered_ijk_to_xyz(const POINT3D &r, const IPOINT3D &d) {
   // The volume's centre is the space origin: voxel i sits at r (i - (dim - 1) / 2).
   return scale_and_shift_to_mat44(r.x, r.y, r.z, (1.0f - d.x) * r.x / 2.0f, (1.0f - d.y) * r.y / 2.0f,
                                   (1.0f - d.z) * r.z / 2.0f, 1.0f, 1.0f, 1.0f);
 }
 
-mat44 centered_xyz_to_ijk(const data_stack &stack) { return invert_mat44(centered_ijk_to_xyz(stack)); }
+mat44 centered_xyz_to_ijk(const POINT3D &resolution, const IPOINT3D &dim) {
+  return invert_mat44(centered_ijk_to_xyz(resolution, dim));
+}
 
 namespace {
 
@@ -72,14 +70,15 @@ void apply(POINT3D *out, const mat44 &m, float i, float j, float k) {
 
 }  // namespace
 
-void Convert_Voxel_to_Space(POINT3D *out, int i, int j, int k, const data_stack *stack) {
-  Convert_rVoxel_to_Space(out, static_cast<float>(i), static_cast<float>(j), static_cast<float>(k), stack);
+void Convert_Voxel_to_Space(POINT3D *out, int i, int j, int k, const mat44 &ijk_to_xyz) {
+  Convert_rVoxel_to_Space(out, static_cast<float>(i), static_cast<float>(j), static_cast<float>(k),
+                          ijk_to_xyz);
 }
 
-void Convert_rVoxel_to_Space(POINT3D *out, float i, float j, float k, const data_stack *stack) {
-  apply(out, stack->ijk_to_xyz, i, j, k);
+void Convert_rVoxel_to_Space(POINT3D *out, float i, float j, float k, const mat44 &ijk_to_xyz) {
+  apply(out, ijk_to_xyz, i, j, k);
 }
 
-void Convert_Space_to_rVoxel(POINT3D *out, float x, float y, float z, const data_stack *stack) {
-  apply(out, stack->xyz_to_ijk, x, y, z);
+void Convert_Space_to_rVoxel(POINT3D *out, float x, float y, float z, const mat44 &xyz_to_ijk) {
+  apply(out, xyz_to_ijk, x, y, z);
 }

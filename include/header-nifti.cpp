@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
+#include "fatal.h"
 #include "header-parts.h"
 #include "io.h"
 #include "numerics.h"
@@ -318,8 +320,11 @@ int read_nifti_header(const char *name, XD_HEADER *h) {
              static_cast<long>(NIFTI_HEADER_SIZE));
       return 1;
     }
-    fprintf(stderr, "\nError reading header file %s\n", header_name);
-    kep_exit(1);
+    fatal f;
+    f.text = std::string("\nError reading header file ") + header_name + "\n";
+    f.stream = fatal::on_stderr;
+    f.flush_stdout_first = false;  // as printed here before, ahead of what standard output holds
+    throw f;
   }
   int32_t sizeof_hdr = int_at(bytes), swapped_size = sizeof_hdr;
   swap_32(&swapped_size);

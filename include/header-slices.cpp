@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "fatal.h"
 #include "header-parts.h"
 #include "io.h"
 #include "numerics.h"
@@ -31,10 +32,9 @@ int decode_freesurfer_header_keyword(const char *line, XD_HEADER *h, float *corn
 
 int read_freesurfer_header(const char *name, XD_HEADER *h) {
   size_t len = strlen(name);
-  if (len == 0 || name[len - 1] != '_') {
-    printf("Programming error: file name should end with '_' in read_freesurfer_header\n");
-    kep_exit(1);
-  }
+  if (len == 0 || name[len - 1] != '_')
+    throw_fatal(fatal::on_stdout,
+                "Programming error: file name should end with '_' in read_freesurfer_header\n");
   h->file_type = FILE_FREESURFER;
   std::string stem(name, len - 1);
   std::string bhdr = stem + ".bhdr";

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "fatal.h"
 #include "numerics.h"
 
 namespace {
@@ -156,10 +157,7 @@ double pseries(double a, double b, double x) {
 }
 
 double ibeta(double a, double b, double x) {
-  if (a <= 0.0 || b <= 0.0) {
-    printf("ibeta: Domain error!, a = %g, b = %g\n", a, b);
-    kep_exit(1);
-  }
+  if (a <= 0.0 || b <= 0.0) throw_fatal(fatal::on_stdout, "ibeta: Domain error!, a = %g, b = %g\n", a, b);
   // Outside [0, 1] the distribution function is simply 0 or 1; NaN stays NaN.
   if (x <= 0.0) return 0.0;
   if (x >= 1.0) return 1.0;

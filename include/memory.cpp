@@ -1,59 +1,16 @@
 // Vector and matrix allocators with the system's fatal failure messages.
-#include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
+#include "fatal.h"
 #include "util.h"
 
-void *kep_exit_trap = nullptr;
 int kep_batch_run = 0;
 
-namespace {
-FILE *real_stdout = nullptr;
-char *held_text = nullptr;
-size_t held_size = 0;
-}  // namespace
-
-void begin_output_capture() {
-  if (real_stdout != nullptr) return;
-  fflush(stdout);
-  FILE *held = open_memstream(&held_text, &held_size);
-  if (held == nullptr) return;  // printed straight away instead
-  real_stdout = stdout;
-  stdout = held;
-}
-
-char *end_output_capture(size_t *size) {
-  *size = 0;
-  if (real_stdout == nullptr) return nullptr;
-  fclose(stdout);
-  stdout = real_stdout;
-  real_stdout = nullptr;
-  char *text = held_text;
-  *size = held_size;
-  held_text = nullptr;
-  held_size = 0;
-  return text;
-}
-
-void kep_exit(int status) {
-  if (real_stdout != nullptr) {
-    size_t size = 0;
-    char *text = end_output_capture(&size);
-    if (text != nullptr) fwrite(text, 1, size, stdout);
-    free(text);
-  }
-  fflush(stdout);
-  if (kep_exit_trap != nullptr) longjmp(*static_cast<jmp_buf *>(kep_exit_trap), 1);
-  exit(status);
-}
-
 void alloc_error(const char *text) {
-  fflush(stdout);
-  fprintf(stderr, "Fatal Error:\n%s\nProgram aborted.\n", text);
-  kep_exit(1);
+  throw_fatal(fatal::on_stderr, "Fatal Error:\n%s\nProgram aborted.\n", text);
 }
 
 bool checked_product(int64_t a, int64_t b, int64_t limit, int64_t *result) {
@@ -78,7 +35,14 @@ T *allocate(long n, const char *message) {
 template <typename T>
 T **allocate_matrix(long rows, long columns, const char *message1, const char *message2) {
   T **m = allocate<T *>(rows, message1);
-  for (long r = 0; r < rows; r++) m[r] = allocate<T>(columns, message2);
+  long r = 0;
+  try {
+    for (; r < rows; r++) m[r] = allocate<T>(columns, message2);
+  } catch (...) {  // the rows so far go back before the failure travels up
+    for (long done = 0; done < r; done++) free(m[done]);
+    free(m);
+    throw;
+  }
   return m;
 }
 

@@ -7,8 +7,6 @@
 #include "types.h"
 #include "util.h"
 
-struct data_stack;
-
 // Matrix and vector algebra. Matrices are row-pointer arrays [row][column].
 // Several (Matrix_Vector_Product, Trace_of_Matrix, the FC helpers) have no
 // caller in the program today: the library offers them.
@@ -29,11 +27,14 @@ mat44 invert_mat44(mat44 m);
 mat44 scale_and_shift_to_mat44(float scale_x, float scale_y, float scale_z, float shift_x, float shift_y,
                                float shift_z, float factor_x, float factor_y, float factor_z);
 mat44 general_affine_to_mat44(const float row0[4], const float row1[4], const float row2[4]);
-mat44 centered_ijk_to_xyz(const data_stack &stack);
-mat44 centered_xyz_to_ijk(const data_stack &stack);
-void Convert_Voxel_to_Space(POINT3D *out, int i, int j, int k, const data_stack *stack);
-void Convert_rVoxel_to_Space(POINT3D *out, float i, float j, float k, const data_stack *stack);
-void Convert_Space_to_rVoxel(POINT3D *out, float x, float y, float z, const data_stack *stack);
+// The voxel-to-space matrix of a volume centred on the space origin: voxel i
+// sits at resolution * (i - (dim - 1) / 2); and its inverse.
+mat44 centered_ijk_to_xyz(const POINT3D &resolution, const IPOINT3D &dim);
+mat44 centered_xyz_to_ijk(const POINT3D &resolution, const IPOINT3D &dim);
+// A voxel (whole or fractional) to space through `ijk_to_xyz`, and back.
+void Convert_Voxel_to_Space(POINT3D *out, int i, int j, int k, const mat44 &ijk_to_xyz);
+void Convert_rVoxel_to_Space(POINT3D *out, float i, float j, float k, const mat44 &ijk_to_xyz);
+void Convert_Space_to_rVoxel(POINT3D *out, float x, float y, float z, const mat44 &xyz_to_ijk);
 
 // Regularised incomplete beta function I_x(a, b).
 double ibeta(double a, double b, double x);

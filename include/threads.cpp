@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <csignal>
+#include <exception>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -28,10 +29,18 @@ class pool {
       generation_++;
     }
     start_.notify_all();
-    job(0);
+    attempt(job, 0);
     std::unique_lock<std::mutex> lock(mutex_);
     done_.wait(lock, [this] { return pending_ == 0; });
     job_ = nullptr;
+    // The first failure of any worker travels on from the calling thread,
+    // once every worker has stopped using the job.
+    if (failure_) {
+      std::exception_ptr failure = failure_;
+      failure_ = nullptr;
+      lock.unlock();
+      std::rethrow_exception(failure);
+    }
   }
 
  private:
@@ -51,13 +60,23 @@ class pool {
         if (index < workers_) job = job_;
       }
       if (job == nullptr) continue;
-      (*job)(index);
+      attempt(*job, index);
       std::lock_guard<std::mutex> lock(mutex_);
       if (--pending_ == 0) done_.notify_one();
     }
   }
 
+  void attempt(const std::function<void(int)> &job, int index) {
+    try {
+      job(index);
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!failure_) failure_ = std::current_exception();
+    }
+  }
+
   std::mutex mutex_;
+  std::exception_ptr failure_;
   std::condition_variable start_, done_;
   std::vector<std::thread> threads_;
   const std::function<void(int)> *job_ = nullptr;
@@ -66,8 +85,8 @@ class pool {
   unsigned long generation_ = 0;
 };
 
-// Never destroyed: a worker may end the process (a fatal error) while the
-// others wait, and nothing must then wait for them.
+// Never destroyed: the process may end while its threads wait for work, and
+// nothing must then wait for them.
 pool &the_pool() {
   static pool *p = new pool;
   return *p;

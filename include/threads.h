@@ -13,5 +13,6 @@ constexpr int MAX_WORKER_THREADS = 256;
 
 // Runs job(worker) once for each worker 0 .. workers-1, worker 0 on the
 // calling thread, the others on threads kept for the process; returns when
-// all have finished. `workers` is at most worker_threads().
+// all have finished. `workers` is at most worker_threads(). An exception (a
+// fatal) thrown by a worker is thrown again here once all have finished.
 void run_workers(int workers, const std::function<void(int worker)> &job);

@@ -6,21 +6,12 @@
 
 #include "types.h"
 
-// Ends the process with `status` after flushing standard output. Every
-// deliberate exit goes through here so a test harness can trap it.
-[[noreturn]] void kep_exit(int status);
-// When set, kep_exit jumps here instead of ending the process (fuzzing only).
-extern void *kep_exit_trap;
 // 1 while the interpreter's lines come from a command file: a few conditions
 // that a session at the prompt survives as errors end a batch run instead.
 extern int kep_batch_run;
-// Holds back what is printed on standard output until end_output_capture(),
-// which hands it over (heap text, release with free; its length in *size).
-// kep_exit writes held text out first, so an exit meanwhile loses nothing.
-void begin_output_capture();
-char *end_output_capture(size_t *size);
 
-// Fatal allocation message: "Fatal Error:\n<text>\nProgram aborted.\n", status 1.
+// Fatal allocation failure: throws a fatal "Fatal Error:\n<text>\nProgram aborted.\n"
+// for standard error, status 1.
 [[noreturn]] void alloc_error(const char *text);
 
 // Vectors: storage for n elements (not cleared); free with the matching free_*.

@@ -5,8 +5,19 @@
 #include <cstring>
 #include <vector>
 
+#include "fatal.h"
 #include "glm-prototypes.h"
-#include "kep-warnings.h"
+#include "messages.h"
+
+namespace {
+
+bool warn_about_design = true;
+
+}  // namespace
+
+const bool &design_warnings = warn_about_design;
+
+void set_design_warnings(bool on) { warn_about_design = on; }
 
 namespace {
 
@@ -122,15 +133,14 @@ int GLMInternal_create_table(int e, int n, float *buffer) {
       if (!(GLM.stim_on[e][s] <= t && t < GLM.stim_off[e][s])) continue;
       const int rows = GLM.table_ntime[r];
       if (rows != GLM.run_stop[r] - GLM.run_start[r] + 1) {
-        printf("Programming error #1 in GLMInternal_create_table.\n");
-        printf("# points in table (%d) != # points (%d) in run %d\n", rows,
-               GLM.run_stop[r] - GLM.run_start[r] + 1, r + 1);
-        GLMInternal_terminate();
+        throw_fatal(fatal::on_stdout,
+                    "Programming error #1 in GLMInternal_create_table.\n# points in table (%d) != # points "
+                    "(%d) in run %d\n",
+                    rows, GLM.run_stop[r] - GLM.run_start[r] + 1, r + 1);
       }
       const int column = GLM.table_icolumn[e][s];
       if (column < 0 || column >= GLM.table_ncolumns[r]) {
-        printf("Programming error #2 in GLMInternal_create_table.\n");
-        GLMInternal_terminate();
+        throw_fatal(fatal::on_stdout, "Programming error #2 in GLMInternal_create_table.\n");
       }
       const float *values = GLM.table_value[r][column];
       const double p = (t - GLM.run_start[r] * tr) / tr;
@@ -154,8 +164,7 @@ void GLMInternal_create_interaction(int e, float *buffer) {
   const int a = GLMInternal_event_index(static_cast<int>(GLM.event_tau1[e]));
   const int b = GLMInternal_event_index(static_cast<int>(GLM.event_tau2[e]));
   if (a < 0 || b < 0 || a == b) {
-    printf("Programming error in function GLMInternal_create_interaction.\n");
-    GLMInternal_terminate();
+    throw_fatal(fatal::on_stdout, "Programming error in function GLMInternal_create_interaction.\n");
   }
   for (int t = 0; t < GLM.ntime; t++) buffer[t] = GLM.X_tc[t][a] * GLM.X_tc[t][b];
 }
@@ -194,8 +203,7 @@ int GLMInternal_convolve_paradigm_IRF(int mode, int n, float *buffer, int e) {
     const std::vector<float> &k = mode == 1 ? GLM.plasmaIRF[e] : GLM.drugIRF[e];
     length = GLM.length_drugIRF[e];
     if (length <= 0 || static_cast<int>(k.size()) < length) {
-      printf("Programming error in function GLMInternal_convolve_paradigm_IRF.\n");
-      GLMInternal_terminate();
+      throw_fatal(fatal::on_stdout, "Programming error in function GLMInternal_convolve_paradigm_IRF.\n");
     }
     kernel = k.data();
   }
@@ -309,8 +317,8 @@ int GLM_define_basis_functions() {
     GLMInternal_normalize_paradigm(static_cast<long>(ntime) * step, buffer.data(), scale);
     char c;
     if (GLM_EventCharFromInteger(number, &c)) {
-      printf("Programming error: event number (%d) apparenty not defined.?!\n", number);
-      GLMInternal_terminate();
+      throw_fatal(fatal::on_stdout, "Programming error: event number (%d) apparenty not defined.?!\n",
+                  number);
     }
     bool zero = true;
     for (int t = 0; t < ntime; t++) {

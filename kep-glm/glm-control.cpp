@@ -11,14 +11,6 @@ hrf_struct HRF;
 glm_struct glm_model;
 constinit thread_local glm_struct *glm_current = &glm_model;
 
-void (*GLMInternal_terminate_hook)() = nullptr;
-
-void GLMInternal_terminate() {
-  fflush(stdout);
-  if (GLMInternal_terminate_hook) GLMInternal_terminate_hook();
-  kep_exit(1);
-}
-
 int GLMInternal_get_line(FILE *f, char *line) {
   // The whole line is consumed, however long, so that a long comment never
   // spills into the next line; text beyond the buffer is dropped.

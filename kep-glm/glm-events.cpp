@@ -3,8 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "fatal.h"
 #include "glm-prototypes.h"
-#include "kep-warnings.h"
+#include "messages.h"
 
 int GLM_EventNumberFromChar(char c) {
   if (c >= '1' && c <= '9') return c - '0';
@@ -29,8 +30,7 @@ int GLM_EventCharFromInteger(int n, char *c) {
 char GLM_EventChar(int n) {
   char c;
   if (GLM_EventCharFromInteger(n, &c)) {
-    printf("Programming error: event number %d apparently is not defined!\n", n);
-    GLMInternal_terminate();
+    throw_fatal(fatal::on_stdout, "Programming error: event number %d apparently is not defined!\n", n);
   }
   return c;
 }
@@ -419,8 +419,7 @@ int GLM_read_event_file(const char *file_name, int run) {
     return 1;
   }
   if (run > 0 && tr != GLM.tr[0]) {
-    printf("Error: TR (%f) is not the same as the first run (%f).\n", tr, GLM.tr[0]);
-    GLMInternal_terminate();
+    throw_fatal(fatal::on_stdout, "Error: TR (%f) is not the same as the first run (%f).\n", tr, GLM.tr[0]);
   }
   // The whole time axis is held in int image numbers and sized arrays: keep it bounded.
   double images = rint(static_cast<double>(duration) / tr);

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "fatal.h"
 #include "glm-prototypes.h"
 #include "numerics.h"
 
@@ -89,9 +90,9 @@ GLM_VECTOR_CLONES int GLM_fit_data(int nt, float *data, float *fit, float *varia
     return 1;
   }
   if (nt != GLM.ntime) {
-    printf("Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", nt,
-           GLM.ntime);
-    GLMInternal_terminate();
+    throw_fatal(fatal::on_stdout,
+                "Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", nt,
+                GLM.ntime);
   }
   const int nc = GLM.ncoeff;
   const int *include = GLM.include_time.data();
@@ -136,9 +137,9 @@ GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *data, float *
     return 1;
   }
   if (nt != GLM.ntime) {
-    printf("Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", nt,
-           GLM.ntime);
-    GLMInternal_terminate();
+    throw_fatal(fatal::on_stdout,
+                "Error: the number of data time points (%d) does not match the number in the GLM (%d).\n", nt,
+                GLM.ntime);
   }
   if (GLM.AR_order > 0) {
     printf("Error: a block fit cannot whiten; fit voxels one at a time with an AR model.\n");

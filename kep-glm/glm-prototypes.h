@@ -23,11 +23,6 @@ using GLMInternal_file = std::unique_ptr<FILE, GLMInternal_file_closer>;
 #define GLM_VECTOR_CLONES
 #endif
 
-// Ends the program with status 1 after a message has been printed. A test or
-// fuzz harness may install a hook that leaves by an exception instead.
-[[noreturn]] void GLMInternal_terminate();
-extern void (*GLMInternal_terminate_hook)();
-
 // Reads one line without its '#' comment; 0 at end of file.
 int GLMInternal_get_line(FILE *f, char *line);
 // Samples the response function from its time constants and weights over

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "fatal.h"
 #include "glm-prototypes.h"
 #include "numerics.h"
 
@@ -96,8 +97,8 @@ int GLM_read_table_file(const char *file_name, int run) {
         return 1;
       }
       if (std::isnan(v)) {
-        printf("Error: table entry %d in column %d of run %d is not a number.\n", row + 1, c + 1, run + 1);
-        GLMInternal_terminate();
+        throw_fatal(fatal::on_stdout, "Error: table entry %d in column %d of run %d is not a number.\n",
+                    row + 1, c + 1, run + 1);
       }
       values[c].push_back(v);
     }

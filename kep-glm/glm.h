@@ -13,8 +13,9 @@
 //
 // Messages are printed on standard output; functions return 0 for success and
 // 1 for a reported error. A few conditions end the program (status 1) on
-// purpose: a TR that differs between runs, a NaN in a table, a data length
-// that does not match the model in GLM_fit_data, and inconsistent internal state.
+// purpose, by throwing a `fatal` (fatal.h) that carries the message: a TR that
+// differs between runs, a NaN in a table, a data length that does not match
+// the model in GLM_fit_data, and inconsistent internal state.
 #pragma once
 
 #include <string>
@@ -190,6 +191,10 @@ void GLM_describe_trial_types();
 
 // Design matrix.
 int GLM_define_basis_functions();
+// False while a command rebuilds a design already built (and warned about) with
+// other time constants, so that each step does not repeat the warnings.
+extern const bool &design_warnings;
+void set_design_warnings(bool on);
 void GLM_describe_basis_functions();
 
 // Conditions, fitting and statistics.

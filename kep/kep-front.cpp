@@ -238,7 +238,9 @@ int do_command(int is_macro, const char *line) {
   return settle_command(is_macro, from_file, word, result, result == 0 && last_operation_status != 0, before);
 }
 
-int main_loop(int argc, char **argv) {
+namespace {
+
+[[noreturn]] void read_and_run(int argc, char **argv) {
   initialize_global_variables();
   install_interrupt_handler();
   if (argc > 1) {
@@ -284,5 +286,16 @@ int main_loop(int argc, char **argv) {
     }
     printf("kep > %s", line);
     do_command(0, line);
+  }
+}
+
+}  // namespace
+
+int main_loop(int argc, char **argv) {
+  // Every end of the program arrives here as a fatal: printed, then the exit.
+  try {
+    read_and_run(argc, argv);
+  } catch (const fatal &f) {
+    end_program(f);
   }
 }

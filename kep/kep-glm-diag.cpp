@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <vector>
 
 #include "glm.h"
@@ -102,7 +103,8 @@ class ResponseTiming {
     for (int k = 0; k < 3 && response_; k++) taus_[k] = GLM_get_response_tau(k);
   }
   ~ResponseTiming() {
-    if (changed_) scale(1.0);
+    // Not while a fatal passes on its way to end the program.
+    if (changed_ && std::uncaught_exceptions() == 0) scale(1.0);
   }
   ResponseTiming(const ResponseTiming &) = delete;
   ResponseTiming &operator=(const ResponseTiming &) = delete;

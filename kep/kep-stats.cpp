@@ -163,8 +163,8 @@ int calculate_overlay_volume_overlap(float value) {
   for (long n = 0; n < n3d; n++) {
     const int i = static_cast<int>(n % nx), j = static_cast<int>((n / nx) % ny),
               k = static_cast<int>(n / (nx * ny));
-    Convert_Voxel_to_Space(&q1[static_cast<size_t>(n)], i, j, k, v1->stack);
-    Convert_Voxel_to_Space(&q2[static_cast<size_t>(n)], i, j, k, v2->stack);
+    Convert_Voxel_to_Space(&q1[static_cast<size_t>(n)], i, j, k, v1->stack->ijk_to_xyz);
+    Convert_Voxel_to_Space(&q2[static_cast<size_t>(n)], i, j, k, v2->stack->ijk_to_xyz);
     a1[static_cast<size_t>(n)] = volume_amp(v1, n);
     a2[static_cast<size_t>(n)] = volume_amp(v2, n);
   }

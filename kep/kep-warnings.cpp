@@ -11,16 +11,6 @@
 
 namespace {
 
-bool warn_about_design = true;
-
-}  // namespace
-
-const bool &design_warnings = warn_about_design;
-
-void set_design_warnings(bool on) { warn_about_design = on; }
-
-namespace {
-
 bool starts_with(const char *s, const char *prefix) { return strncmp(s, prefix, strlen(prefix)) == 0; }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "kep-end.h"
+#include "messages.h"
 #include "types.h"
 #include "util.h"
 
@@ -46,15 +48,6 @@ struct volume_list {
   volume_list *next = nullptr;
 };
 
-// Messages (kep-messages.cpp).
-// 1 when every error is fatal (a command file named on the process's command line).
-extern const int &fatal_error;
-void set_fatal_error(int on);
-// The shared buffer kep_textf formats into.
-extern char error_string[KEP_LINE];
-int kep_text(int level, const char *text);
-// Formats into error_string and reports it at `level`.
-int kep_textf(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // Command table (kep-table.cpp).
 int interpret_command(int kind, const char *word);

@@ -20,6 +20,15 @@ std::string capture_stream(FILE *stream, const std::function<void()> &body);
 inline std::string capture_stdout(const std::function<void()> &body) { return capture_stream(stdout, body); }
 inline std::string capture_stderr(const std::function<void()> &body) { return capture_stream(stderr, body); }
 
+// Runs `statement` as the command loop runs a command: a fatal that leaves it
+// is printed and ends the process with its status (for death tests).
+#define KEP_AS_LOOP(statement)        \
+  try {                               \
+    statement;                        \
+  } catch (const fatal &loop_fatal) { \
+    end_program(loop_fatal);          \
+  }
+
 // Frees every stack and resets the variables and the GLM engine.
 void reset_interpreter();
 
@@ -65,13 +74,14 @@ class GlmTest : public ScratchTest {
 };
 
 // Runs `statement` in a child whose standard output is sent to standard
-// error, and expects it to print exactly `text` and end with status 1.
+// error, ending as the command loop ends on a fatal, and expects it to print
+// exactly `text` and end with status 1.
 std::string exactly(const std::string &text);
 #define EXPECT_FATAL_STDOUT(statement, text) \
   EXPECT_EXIT(                               \
       {                                      \
         fflush(stdout);                      \
         dup2(2, 1);                          \
-        statement;                           \
+        KEP_AS_LOOP(statement);              \
       },                                     \
       ::testing::ExitedWithCode(1), exactly(text))

@@ -1,9 +1,12 @@
 // The one message routine and its shared buffer.
+#include "messages.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
-#include "kep.h"
+#include "fatal.h"
+#include "util.h"
 
 char error_string[KEP_LINE];
 
@@ -34,10 +37,7 @@ int kep_text(int level, const char *text) {
       n = fprintf(stderr, "Error: %s\n", text);
       break;
     default:
-      fflush(stdout);
-      fprintf(stderr, "Fatal error: %s\n", text);
-      fprintf(stderr, "Program aborted.\n");
-      kep_exit(1);
+      throw_fatal(fatal::on_stderr, "Fatal error: %s\nProgram aborted.\n", text);
   }
   return n;
 }
