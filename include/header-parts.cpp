@@ -6,37 +6,9 @@
 
 namespace header_parts {
 
-bool read_header_line(FILE *file, char *buffer) {
-  if (fgets(buffer, KEP_LINE, file) == nullptr) {
-    buffer[0] = '\0';
-    return false;
-  }
-  if (char *hash = strchr(buffer, '#')) *hash = '\0';
-  return true;
-}
-
-bool blank_line(const char *line) {
-  int dummy = 0;
-  return sscanf(line, "%d", &dummy) == EOF;
-}
-
-namespace {
-
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
-
-}  // namespace
-
 const char *split_keyword(const char *line, char *keyword) {
-  const char *p = line;
-  while (is_blank(*p)) p++;
-  size_t n = 0;
-  while (*p != '\0' && !is_blank(*p)) {
-    if (n < KEP_LINE - 1) keyword[n++] = *p;
-    p++;
-  }
-  keyword[n] = '\0';
-  while (is_blank(*p)) p++;
-  return p;
+  const char *rest = take_word(line, keyword, KEP_LINE);
+  return rest != nullptr ? skip_spaces(rest) : line + strlen(line);
 }
 
 bool same(const char *a, const char *b) { return strcmp(a, b) == 0; }

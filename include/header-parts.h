@@ -4,13 +4,10 @@
 #include <cstdio>
 
 #include "io.h"
+#include "text.h"
 
 namespace header_parts {
 
-// Reads one line of at most 1023 characters and cuts it at the first '#'.
-bool read_header_line(FILE *file, char *buffer);
-// A line on which a "%d" scan meets the end of its text holds no word.
-bool blank_line(const char *line);
 // Splits a line into its keyword and the text after the keyword's blanks.
 const char *split_keyword(const char *line, char *keyword);
 bool same(const char *a, const char *b);

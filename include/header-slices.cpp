@@ -38,7 +38,7 @@ int read_freesurfer_header(const char *name, XD_HEADER *h) {
   h->file_type = FILE_FREESURFER;
   std::string stem(name, len - 1);
   std::string bhdr = stem + ".bhdr";
-  FILE *file = fopen_regular(bhdr.c_str(), "r");
+  file_ptr file(fopen_regular(bhdr.c_str(), "r"));
   if (file == nullptr) {
     printf("Error: cannot open freesurfer bhdr file %s.\n", bhdr.c_str());
     return 1;
@@ -46,16 +46,15 @@ int read_freesurfer_header(const char *name, XD_HEADER *h) {
   float corners[16] = {};
   char line[KEP_LINE];
   int count = 1;
-  while (read_header_line(file, line)) {
+  while (get_line_with_comment(file.get(), line)) {
     if (blank_line(line)) continue;
     if (decode_freesurfer_header_keyword(line, h, corners)) {
       printf("Error reading line %d of file '%s'\n", count, bhdr.c_str());
-      fclose(file);
       return 1;
     }
     count++;
   }
-  fclose(file);
+  file.reset();
   if (check_dimensions(h, bhdr.c_str())) return 1;
   double d[3];
   for (int k = 0; k < 3; k++) d[k] = static_cast<double>(corners[3 + k]) - corners[k];
@@ -64,14 +63,14 @@ int read_freesurfer_header(const char *name, XD_HEADER *h) {
   h->resolution.y = static_cast<float>(sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]) / h->dim.y);
 
   std::string slice_header = std::string(name) + "000.hdr";
-  file = fopen_regular(slice_header.c_str(), "r");
+  file.reset(fopen_regular(slice_header.c_str(), "r"));
   if (file == nullptr) {
     printf("Error: cannot open freesurfer file %s.\n", slice_header.c_str());
     return 1;
   }
   int a, b, c, order;
-  int scanned = fscanf(file, "%d %d %d %d", &a, &b, &c, &order);
-  fclose(file);
+  int scanned = fscanf(file.get(), "%d %d %d %d", &a, &b, &c, &order);
+  file.reset();
   if (scanned != 4) {
     printf("Error: the slice header %s does not hold four numbers.\n", slice_header.c_str());
     return 1;

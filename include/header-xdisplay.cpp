@@ -124,7 +124,7 @@ int read_xdisplay_header_stream(FILE *file, const char *header_name, XD_HEADER *
   char line[KEP_LINE];
   bool first = true;
   int count = 1;
-  while (read_header_line(file, line)) {
+  while (get_line_with_comment(file, line)) {
     if (blank_line(line)) continue;
     if (first) {
       first = false;
@@ -156,12 +156,10 @@ int read_xdisplay_header_stream(FILE *file, const char *header_name, XD_HEADER *
 int read_xdisplay_header(const char *name, XD_HEADER *h) {
   char header_name[KEP_LINE];
   if (replace_extension(name, "hdr", header_name)) return 1;
-  FILE *file = fopen_regular(header_name, "r");
+  file_ptr file(fopen_regular(header_name, "r"));
   if (file == nullptr) {
     printf("Error: cannot open xdisplay file %s.\n", header_name);
     return 1;
   }
-  int result = read_xdisplay_header_stream(file, header_name, h);
-  fclose(file);
-  return result;
+  return read_xdisplay_header_stream(file.get(), header_name, h);
 }

@@ -44,7 +44,7 @@ std::vector<std::string> split_fields(const std::string &line, bool tabs) {
 
 // Lines of a text file without their ends; false when it cannot be opened.
 bool read_lines(const char *name, std::vector<std::string> *lines) {
-  GLMInternal_file f(fopen(name, "r"));
+  file_ptr f(fopen(name, "r"));
   if (!f) return false;
   std::string line;
   int c;

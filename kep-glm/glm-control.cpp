@@ -11,27 +11,6 @@ hrf_struct HRF;
 glm_struct glm_model;
 constinit thread_local glm_struct *glm_current = &glm_model;
 
-int GLMInternal_get_line(FILE *f, char *line) {
-  // The whole line is consumed, however long, so that a long comment never
-  // spills into the next line; text beyond the buffer is dropped.
-  int c = EOF, n = 0;
-  bool any = false, comment = false;
-  while ((c = getc(f)) != EOF) {
-    any = true;
-    if (c == '\n') break;
-    if (c == '#') comment = true;
-    if (!comment && n < GLM_NAME_LENGTH - 2) line[n++] = static_cast<char>(c);
-  }
-  if (c == '\n' && !comment) line[n++] = '\n';
-  line[n] = '\0';
-  return any ? 1 : 0;
-}
-
-bool GLMInternal_blank(const char *line) {
-  char word[GLM_NAME_LENGTH];
-  return sscanf(line, "%1023s", word) != 1;
-}
-
 void GLM_reset_all() {
   GLM_input = GLM_INPUT{};
   HRF = hrf_struct{};
@@ -192,7 +171,7 @@ int GLMInternal_decode_keyword(const char *line) {
     char text[GLM_NAME_LENGTH];
     snprintf(text, sizeof text, "%s", args);
     text[strcspn(text, "\r\n")] = '\0';
-    if (GLMInternal_blank(text)) {
+    if (blank_line(text)) {
       printf("Error: `confounds' requires column names of the table files.\n");
       return -1;
     }
@@ -210,7 +189,7 @@ int GLMInternal_decode_keyword(const char *line) {
 
 int GLM_read_control_file(const char *file_name, int verbose) {
   GLMInternal_reset_for_read();
-  GLMInternal_file file(fopen(file_name, "r"));
+  file_ptr file(fopen(file_name, "r"));
   if (!file) {
     printf("Error: cannot open the file %s.\n", file_name);
     return 1;
@@ -218,7 +197,7 @@ int GLM_read_control_file(const char *file_name, int verbose) {
   char line[GLM_NAME_LENGTH];
   int count = 0;
   while (GLMInternal_get_line(file.get(), line)) {
-    if (GLMInternal_blank(line)) continue;
+    if (blank_line(line)) continue;
     count++;
     int result = GLMInternal_decode_keyword(line);
     if (result == -1) {
@@ -231,7 +210,7 @@ int GLM_read_control_file(const char *file_name, int verbose) {
   if (GLM_read_hrf_file(verbose || GLM_input.notify, GLM_input.HRF_file_name)) return 1;
 
   while (GLMInternal_get_line(file.get(), line)) {
-    if (GLMInternal_blank(line)) continue;
+    if (blank_line(line)) continue;
     int r = GLM_input.nruns;
     if (r >= GLM_MAX_RUNS) {
       printf("Error: more than %d runs are listed in the file %s.\n", GLM_MAX_RUNS, file_name);
@@ -408,7 +387,7 @@ int GLM_write_glm_files(const char *control, const char *event_root) {
     printf("Error: GLM not defined in GLM_write_glm_files.\n");
     return 1;
   }
-  GLMInternal_file f(fopen(control, "w"));
+  file_ptr f(fopen(control, "w"));
   if (!f) {
     printf("Error attempting to open the data file %s.\n", control);
     return 1;
@@ -441,7 +420,7 @@ int GLM_write_glm_files(const char *control, const char *event_root) {
   }
   f.reset();
   for (int r = 0; r < GLM.nruns; r++) {
-    GLMInternal_file ev(fopen(names[r], "w"));
+    file_ptr ev(fopen(names[r], "w"));
     if (!ev) {
       printf("Error attempting to open the data file %s.\n", control);
       return 1;

@@ -398,7 +398,7 @@ int GLM_read_event_file(const char *file_name, int run) {
     printf("Error: run %d cannot be read now (runs are read in order, at most %d).\n", run + 1, GLM_MAX_RUNS);
     return 1;
   }
-  GLMInternal_file file(fopen(file_name, "r"));
+  file_ptr file(fopen(file_name, "r"));
   if (!file) {
     printf("Error attempting to open the GLM file %s.\n", file_name);
     return 1;
@@ -436,7 +436,7 @@ int GLM_read_event_file(const char *file_name, int run) {
   bool expect_header = true;
   while (GLMInternal_get_line(file.get(), line)) {
     r.line++;
-    if (GLMInternal_blank(line)) {
+    if (blank_line(line)) {
       expect_header = true;
       continue;
     }

@@ -5,14 +5,7 @@
 #include <memory>
 
 #include "glm.h"
-
-// Owner of an open stream: closes it on every return path.
-struct GLMInternal_file_closer {
-  void operator()(FILE *f) const {
-    if (f) fclose(f);
-  }
-};
-using GLMInternal_file = std::unique_ptr<FILE, GLMInternal_file_closer>;
+#include "text.h"
 
 // The fits are also compiled for wider vectors where the processor has them;
 // without fused multiply-add, so both builds round exactly alike.
@@ -24,12 +17,12 @@ using GLMInternal_file = std::unique_ptr<FILE, GLMInternal_file_closer>;
 #endif
 
 // Reads one line without its '#' comment; 0 at end of file.
-int GLMInternal_get_line(FILE *f, char *line);
+inline int GLMInternal_get_line(FILE *f, char *line) {
+  return get_whole_line_with_comment(f, line, GLM_NAME_LENGTH);
+}
 // Samples the response function from its time constants and weights over
 // `length` seconds (the first weight is derived so that it starts flat).
 void GLMInternal_sample_response(float length);
-// True when the line holds no word.
-bool GLMInternal_blank(const char *line);
 
 // Control file.
 int GLMInternal_decode_keyword(const char *line);

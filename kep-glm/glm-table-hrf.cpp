@@ -11,17 +11,9 @@
 
 namespace {
 
-// Copies the next blank-separated word into `word`; null when none is left.
+// Copies the next column of a table line into `word`; null when none is left.
 const char *next_field(const char *text, char *word) {
-  while (*text == ' ' || *text == '\t' || *text == '\n' || *text == '\r') text++;
-  if (*text == '\0') return nullptr;
-  int n = 0;
-  while (*text && *text != ' ' && *text != '\t' && *text != '\n' && *text != '\r') {
-    if (n < GLM_NAME_LENGTH - 1) word[n++] = *text;
-    text++;
-  }
-  word[n] = '\0';
-  return text;
+  return take_word(text, word, GLM_NAME_LENGTH, is_column_space);
 }
 
 // Removes a polynomial baseline of `terms` terms (constant, linear, quadratic;
@@ -52,7 +44,7 @@ int GLM_read_table_file(const char *file_name, int run) {
     printf("Error: run %d cannot be read (at most %d runs).\n", run + 1, GLM_MAX_RUNS);
     return 1;
   }
-  GLMInternal_file file(fopen(file_name, "r"));
+  file_ptr file(fopen(file_name, "r"));
   if (!file) {
     printf("Error attempting to open the TABLE file %s.\n", file_name);
     return 1;
@@ -65,7 +57,7 @@ int GLM_read_table_file(const char *file_name, int run) {
   // The first line with a word names the columns.
   while (!named && GLMInternal_get_line(file.get(), line)) {
     line_number++;
-    named = !GLMInternal_blank(line);
+    named = !blank_line(line);
     const char *p = line;
     while ((p = next_field(p, word)) != nullptr) {
       if (ncolumns >= GLM_MAX_TABLE_COLUMNS) {
@@ -83,7 +75,7 @@ int GLM_read_table_file(const char *file_name, int run) {
   int row = 0;
   while (GLMInternal_get_line(file.get(), line)) {
     line_number++;
-    if (GLMInternal_blank(line)) continue;  // comment lines are not images
+    if (blank_line(line)) continue;  // comment lines are not images
     if (row >= MAX_NSET) {
       printf("Error: the TABLE file %s has more than %d rows.\n", file_name, MAX_NSET);
       return 1;
@@ -185,7 +177,7 @@ int GLM_read_hrf_file(int verbose, const char *name) {
     found = true;
   }
   if (!found) {
-    GLMInternal_file file(fopen(name, "r"));
+    file_ptr file(fopen(name, "r"));
     if (!file) {
       printf("Error attempting to open the IRF file %s.\n", name);
       return 1;
@@ -230,7 +222,7 @@ int GLM_read_hrf_file(int verbose, const char *name) {
     printf("IRF length = %g seconds, resolution = %g seconds\n", HRF.time_length, HRF.time_step);
     for (int k = 0; k < HRF.nexp; k++)
       printf("Amplitude of exponential of %g seconds = %g\n", HRF.tau[k], HRF.weight[k]);
-    GLMInternal_file out(fopen("HRF.dat", "w"));
+    file_ptr out(fopen("HRF.dat", "w"));
     if (!out) {
       printf("Error attempting to open the hemodyamic response file (output) HRF.dat\n");
       return 0;

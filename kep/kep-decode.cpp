@@ -10,6 +10,7 @@
 #include "kep-stacks.h"
 #include "kep-variables.h"
 #include "kep.h"
+#include "text.h"
 
 namespace {
 
@@ -25,14 +26,6 @@ struct decoded_state {
 };
 
 decoded_state decoded;
-
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
-bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
-
-const char *skip_blanks(const char *p) {
-  while (is_blank(*p)) p++;
-  return p;
-}
 
 // Reads an integer the way "%d" does; 0 when the word is not a number.
 int read_int(const char *word) {
@@ -64,19 +57,8 @@ bool check_new_name(const char *name) {
 }  // namespace
 
 const char *next_word(const char *text, char *word) {
-  const char *p = text;
-  while (is_space(*p)) p++;
-  if (*p == '\0') {
-    word[0] = '\0';
-    return nullptr;
-  }
-  int n = 0;
-  while (*p != '\0' && !is_space(*p)) {
-    if (n < KEP_LINE - 1) word[n++] = *p;
-    p++;
-  }
-  word[n] = '\0';
-  return skip_blanks(p);
+  const char *rest = take_word(text, word, KEP_LINE);
+  return rest != nullptr ? skip_blanks(rest) : nullptr;
 }
 
 const char *next_file_word(const char *text, char *word, size_t *quoted) {

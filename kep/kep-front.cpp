@@ -15,6 +15,7 @@
 #include "kep-session.h"
 #include "kep-variables.h"
 #include "kep.h"
+#include "text.h"
 
 namespace {
 
@@ -31,8 +32,6 @@ struct command_loop {
 };
 
 command_loop loop;
-
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
@@ -53,24 +52,7 @@ void reset_front() {
   set_flag(FLAG_MODE_FILE2, false);
 }
 
-int get_line(FILE *file, char *buffer) {
-  if (fgets(buffer, KEP_LINE, file) == nullptr) {
-    buffer[0] = '\0';
-    return 0;
-  }
-  return 1;
-}
-
-int get_line_with_comment(FILE *file, char *buffer) {
-  if (!get_line(file, buffer)) return 0;
-  if (char *hash = strchr(buffer, '#')) *hash = '\0';
-  return 1;
-}
-
-const char *next_non_white(const char *text) {
-  while (is_blank(*text)) text++;
-  return text;
-}
+const char *next_non_white(const char *text) { return skip_blanks(text); }
 
 int replace_passed_arguments(char *line, int count, char *const *words) {
   std::string out;

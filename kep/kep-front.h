@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "kep.h"
+#include "text.h"
 
 extern FILE *const &mode_file1;
 extern FILE *const &mode_file2;
@@ -17,8 +18,6 @@ void set_macro_running(int on);
 // Closes the command files and forgets the passed words.
 void reset_front();
 
-int get_line_with_comment(FILE *file, char *buffer);
-int get_line(FILE *file, char *buffer);
 const char *next_non_white(const char *text);
 int replace_passed_arguments(char *line, int count, char *const *words);
 void strip_com_arguments(const char *text);

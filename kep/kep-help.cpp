@@ -75,7 +75,7 @@ int help_menu(int level, const char *file_name) {
     return 1;
   }
   std::string path = std::string(home) + "/documentation/" + file_name;
-  FILE *file = fopen(path.c_str(), "r");
+  file_ptr file(fopen(path.c_str(), "r"));
   if (file == nullptr) {
     printf("Error: cannot open the file %s.\n", path.c_str());
     printf("The environment variable KEP_HOME is set to %s\n", home);
@@ -87,7 +87,7 @@ int help_menu(int level, const char *file_name) {
 
   std::vector<Section> sections;
   char line[KEP_LINE];
-  while (get_line(file, line)) {
+  while (get_line(file.get(), line)) {
     if (line[0] == '!') {
       Section s;
       if (sscanf(line + 1, "%d %d", &s.menu, &s.item) < 2) s.item = 0;
@@ -96,7 +96,7 @@ int help_menu(int level, const char *file_name) {
       sections.back().lines.push_back(line);
     }
   }
-  fclose(file);
+  file.reset();
 
   // Sections must run menu by menu, item by item.
   int m = 0, i = 0, nmenus = 0;
@@ -186,7 +186,7 @@ int help_menu(int level, const char *file_name) {
 }
 
 int print_help_page(const char *file_name) {
-  FILE *file = fopen(file_name, "r");
+  file_ptr file(fopen(file_name, "r"));
   if (file == nullptr) {
     printf("Error: cannot open the file %s.\n", file_name);
     return 1;
@@ -198,12 +198,12 @@ int print_help_page(const char *file_name) {
   std::vector<size_t> starts;
   char line[KEP_LINE];
   int number = 0, last_chapter = 0;
-  while (get_line(file, line)) {
+  while (get_line(file.get(), line)) {
     number++;
     if (line[0] == '!') {
       int c = 0, s = 0, u = 0;
       if (sscanf(line + 1, "%d %d %d", &c, &s, &u) != 3) {
-        fclose(file);
+        file.reset();
         kep_textf(2, "Error reading the direction integers on line %d", number);
         return 1;
       }
@@ -213,7 +213,7 @@ int print_help_page(const char *file_name) {
     }
     lines.push_back(line);
   }
-  fclose(file);
+  file.reset();
   if (keys.empty()) return 0;
   keys.push_back((last_chapter + 1LL) * 10000);
   starts.push_back(lines.size() + 1);

@@ -23,6 +23,7 @@
 #include "kep-variables.h"
 #include "kep.h"
 #include "numerics.h"
+#include "text.h"
 
 namespace {
 
@@ -31,11 +32,6 @@ std::unique_ptr<volume_file> output_file_root;
 }  // namespace
 
 namespace {
-
-struct file_closer {
-  void operator()(FILE *f) const { fclose(f); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
 
 bool complex_output() { return (flags & FLAG_COMPLEX_OUTPUT) != 0; }
 

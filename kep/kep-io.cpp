@@ -23,6 +23,7 @@
 #include "kep-read.h"
 #include "kep-stacks.h"
 #include "kep.h"
+#include "text.h"
 
 namespace {
 
@@ -113,11 +114,6 @@ void convert(unsigned char *raw, int64_t count, int storage, bool swap, bool pai
       break;
   }
 }
-
-struct file_closer {
-  void operator()(FILE *f) const { fclose(f); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
 
 // The file that holds the data: the name itself, except that a ".hdr" name
 // stands for the data file without extension that the header describes.

@@ -151,7 +151,7 @@ int combine_overlay(const std::vector<IPOINT3D> &file_voxels, const std::vector<
 }
 
 int read_ovl_file(const char *file_name) {
-  FILE *file = fopen_regular(file_name, "r");
+  file_ptr file(fopen_regular(file_name, "r"));
   if (file == nullptr) {
     kep_text(2, "I was unable to open the OVL file.\n");
     return 1;
@@ -160,17 +160,17 @@ int read_ovl_file(const char *file_name) {
   std::vector<float> weights;
   int failed = 0;
   try {
-    failed = read_ovl_stream(file, voxels, weights);
-    if (ferror(file) && !failed) {
+    failed = read_ovl_stream(file.get(), voxels, weights);
+    if (ferror(file.get()) && !failed) {
       kep_text(2, "I was unable to open the OVL file.\n");
       failed = 1;
     }
     if (!failed) failed = combine_overlay(voxels, weights);
   } catch (const std::bad_alloc &) {
-    fclose(file);
+    file.reset();
     alloc_error("Allocation error in ipoint3d_vector().");
   }
-  fclose(file);
+  file.reset();
   if (failed) return 1;
   printf("%d overlay pixels read from file.\n", overlay.nvoxels);
   return 0;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "glm.h"
+#include "kep-end.h"
 #include "numerics.h"
 
 namespace {
@@ -85,9 +86,14 @@ int pvalues() {
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc >= 3 && strcmp(argv[1], "design") == 0) return design(argv[2]);
-  if (argc >= 6 && strcmp(argv[1], "fit") == 0) return fit(argv[2], argv[3], atoi(argv[4]), argv[5]);
-  if (argc >= 2 && strcmp(argv[1], "pvalues") == 0) return pvalues();
+  // The engine's fatal ends the driver as it ends kep: printed, then the exit.
+  try {
+    if (argc >= 3 && strcmp(argv[1], "design") == 0) return design(argv[2]);
+    if (argc >= 6 && strcmp(argv[1], "fit") == 0) return fit(argv[2], argv[3], atoi(argv[4]), argv[5]);
+    if (argc >= 2 && strcmp(argv[1], "pvalues") == 0) return pvalues();
+  } catch (const fatal &f) {
+    end_program(f);
+  }
   fprintf(stderr, "usage: glm_driver design|fit|pvalues ...\n");
   return 2;
 }
