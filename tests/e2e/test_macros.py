@@ -28,6 +28,15 @@ def test_read_loop_with_a_scattered_subset_and_io_increment(kep):
     assert "t\r\t\t2\r\t\t\t2\r\t\t\t\t2\r\t\t\t\t\t3\r" in r.stdout
 
 
+def test_mode_inside_a_read_loop_runs_at_once(kep):
+    # The loop's body, with its end-loop, comes from the command file.
+    write_xdisplay(kep.dir, "m.bfloat", np.zeros((2, 2, 1, 3)))
+    (kep.dir / "body.com").write_text("show-stacks s\nend-loop\n")
+    r = kep.stdin("read-loop m.bfloat s\nmode body.com\nquit\n")
+    assert "macro>> show-stacks s\n" in r.stdout
+    assert "macro>> mode" not in r.stdout
+
+
 def test_end_loop_without_a_loop_does_nothing(kep):
     r = kep.stdin("end-loop\nquit\n")
     assert r.stdout == "kep > kep > "
