@@ -6,10 +6,8 @@
 
 #include "kep-decode.h"
 #include "kep-front.h"
-#include "kep-macros.h"
 #include "kep-session.h"
 #include "kep-stacks.h"
-#include "kep-variables.h"
 #include "kep.h"
 
 namespace {

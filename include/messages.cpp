@@ -8,13 +8,14 @@
 #include "fatal.h"
 #include "util.h"
 
-char error_string[KEP_LINE];
-
 namespace {
 
+char message_buffer[KEP_LINE];
 int every_error_fatal = 0;
 
 }  // namespace
+
+const char (&error_string)[KEP_LINE] = message_buffer;
 
 const int &fatal_error = every_error_fatal;
 
@@ -45,7 +46,7 @@ int kep_text(int level, const char *text) {
 int kep_textf(int level, const char *format, ...) {
   va_list ap;
   va_start(ap, format);
-  vsnprintf(error_string, sizeof error_string, format, ap);
+  vsnprintf(message_buffer, sizeof message_buffer, format, ap);
   va_end(ap);
   return kep_text(level, error_string);
 }

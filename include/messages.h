@@ -8,7 +8,7 @@
 extern const int &fatal_error;
 void set_fatal_error(int on);
 // The text of the last kep_textf.
-extern char error_string[KEP_LINE];
+extern const char (&error_string)[KEP_LINE];
 
 // Reports `text` at `level`: 0 "text" on standard output; 1 "Warning: text",
 // 2 "Error: text" on standard error; 3 "Fatal error: text" and

@@ -92,6 +92,14 @@ def write_xdisplay(directory: Path, name: str, data, dtype="<f4", header_lines=(
     (directory / (stem + ".hdr")).write_text("\n".join(lines) + "\n")
 
 
+def write_nifti(path, data, zooms=(1.0, 1.0, 1.0), dtype=np.float32, affine=None):
+    """A NIfTI file (".nii", ".img" or ".nii.gz" by its name) written by nibabel, scaled
+    axes `zooms` unless an affine is given."""
+    import nibabel as nib
+    affine = np.diag([*zooms, 1.0]) if affine is None else affine
+    nib.save(nib.Nifti1Image(np.asarray(data, dtype=dtype), affine), str(path))
+
+
 def write_complex(path, data, resolution=(1.0, 1.0, 1.0)):
     """Writes data[t, z, y, x] as a ".bfloat": complex pairs when x is even, else real (x odd
     is refused for complex files, so such data must be real)."""

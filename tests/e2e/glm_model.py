@@ -229,3 +229,12 @@ def close(got, expected, floor):
     """max of |got - expected| / (|expected| + floor): 1e-4 means agreement to
     1e-4 relative, with effects below `floor` compared absolutely."""
     return float(np.max(np.abs(got - expected) / (np.abs(expected) + floor)))
+
+
+def bold_response(factor, step=0.1, length=120.0):
+    """The BOLD-monkey preset response with its three time constants scaled by `factor`."""
+    taus = np.array([1.5, 4.5, 13.5]) * factor
+    weights = np.array([0.0, 0.7, -0.3])
+    weights[0] = -taus[0] * (weights[1] / taus[1] + weights[2] / taus[2])
+    t = np.arange(int(max(length, 5 * taus.max()) / step + 0.5)) * step
+    return (step * weights / taus * np.exp(-t[:, None] / taus)).sum(axis=1)

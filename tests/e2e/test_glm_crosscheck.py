@@ -9,6 +9,7 @@ import pytest
 from scipy import stats
 
 from conftest import KEP
+from glm_model import bold_response
 
 DRIVER = Path(KEP).parent / "glm_driver"
 
@@ -181,16 +182,6 @@ TR = 2.0
 STEP = np.float32(0.1)
 
 
-def hrf_bold_monkey():
-    tau = np.array([1.5, 4.5, 13.5], dtype=np.float32)
-    w = np.array([0, 0.7, -0.3], dtype=np.float32)
-    w[0] = -tau[0] * (w[1] / tau[1] + w[2] / tau[2])
-    npts = int(np.float32(120) / STEP + np.float32(0.5))
-    t = np.arange(npts) * np.float64(STEP)
-    amp = sum(np.float64(STEP) * w[k] / tau[k] * np.exp(-t / tau[k]) for k in range(3))
-    return amp.astype(np.float32).astype(np.float64)
-
-
 def normalise(x, scale=1.0):
     i = np.argmax(np.abs(x))
     m = x[i]
@@ -247,7 +238,7 @@ def test_design_matrix_with_every_shape(tmp_path):
     assert n == 20
     N = ntime * n
     t = np.arange(N) * TR / n
-    amp = hrf_bold_monkey()
+    amp = bold_response(1.0).astype(np.float32).astype(np.float64)
     f32 = lambda x: float(np.float32(x))
 
     # Stimuli on the concatenated axis: (on, off, magnitude) as the reader stores them.

@@ -7,7 +7,7 @@ import numpy as np
 import pytest
 from scipy import stats
 
-from glm_model import TR, Study, ols
+from glm_model import TR, Study, bold_response, ols
 
 
 def printed_distributions(stdout):
@@ -109,15 +109,6 @@ def test_glm_vary_tau_recovers_each_voxels_time_constant(kep, command):
     assert "Fatal" not in fresh.stderr
     np.testing.assert_array_equal(np.asarray(nib.load(kep.path("after.nii")).dataobj),
                                   np.asarray(nib.load(kep.path("fresh.nii")).dataobj))
-
-
-def bold_response(factor, step=0.1, length=120.0):
-    """The BOLD-monkey preset response with its three time constants scaled by `factor`."""
-    taus = np.array([1.5, 4.5, 13.5]) * factor
-    weights = np.array([0.0, 0.7, -0.3])
-    weights[0] = -taus[0] * (weights[1] / taus[1] + weights[2] / taus[2])
-    t = np.arange(int(max(length, 5 * taus.max()) / step + 0.5)) * step
-    return (step * weights / taus * np.exp(-t[:, None] / taus)).sum(axis=1)
 
 
 def test_glm_vary_tau_scales_the_response_function_without_gamma_events(kep):

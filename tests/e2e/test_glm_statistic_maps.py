@@ -18,6 +18,7 @@ from scipy import ndimage, stats
 from statsmodels.stats.multitest import multipletests
 
 import glm_model as gm
+from conftest import write_nifti
 
 EVENTS = {1: [(5, 17, 1), (45, 57, 1)], 2: [(25, 37, 1), (63, 71, 2)], 3: [(19, 23, 1), (75, 81, 1)]}
 CONDITIONS = ["1", "2", "1-2", "1,2,3"]
@@ -165,8 +166,7 @@ def test_ar_maps_match_generalized_least_squares(kep, order, phi):
     X, inc = study.design(), study.include()
     Y = volume_data(rng, study, shape, phi)
     mask = head_mask(shape)
-    nib.save(nib.Nifti1Image(gm.grid(mask[:, None].astype(np.float32), shape), np.diag([*gm.RES, 1])),
-             str(kep.path("mask.nii")))
+    save(kep, "mask.nii", gm.grid(mask[:, None].astype(np.float32), shape))
     _, maps = run_maps(kep, study, Y, shape, before="read mask.nii mask\nset glm-mask mask\n")
     _, rho = gm.ar_fit(X, inc, np.where(mask[:, None], Y, 0), shape, order, 5)
     expected = gls_oracle(X, inc, np.where(mask[:, None], Y, 0), rho)
@@ -178,7 +178,7 @@ def test_ar_maps_match_generalized_least_squares(kep, order, phi):
 
 
 def save(kep, name, values, res=gm.RES):
-    nib.save(nib.Nifti1Image(np.asarray(values, dtype=np.float32), np.diag([*res, 1])), str(kep.path(name)))
+    write_nifti(kep.path(name), values, res)
 
 
 def test_glm_mask_limits_the_fit_and_is_checked_at_the_command(kep):

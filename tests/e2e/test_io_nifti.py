@@ -9,7 +9,7 @@ import nibabel as nib
 import numpy as np
 import pytest
 
-from conftest import KEP, KepSession, kep_values, read_xdisplay, stack_line, write_xdisplay
+from conftest import KEP, KepSession, kep_values, read_xdisplay, stack_line, write_nifti, write_xdisplay
 
 
 NIBABEL_DATA = Path("/usr/lib/python3/dist-packages/nibabel/tests/data")
@@ -352,7 +352,7 @@ def test_written_header_keeps_seconds_and_description(kep, unit, scale):
 
 # Gzipped single files (".nii.gz"): read, read-loop and the appends take them whole.
 def save_gz(path, data, dtype):
-    nib.save(nib.Nifti1Image(np.asarray(data).astype(dtype), EXPECTED_AFFINE), str(path))
+    write_nifti(path, data, dtype=dtype, affine=EXPECTED_AFFINE)
     assert path.read_bytes()[:2] == b"\x1f\x8b"
 
 

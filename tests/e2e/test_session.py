@@ -13,11 +13,11 @@ import numpy as np
 import pytest
 
 import glm_model as gm
-from conftest import KEP, KepSession, SOURCE, stack_line
+from conftest import KEP, KepSession, SOURCE, stack_line, write_nifti
 
 
-def save(path, data, dtype=np.float32, zooms=(2.0, 3.0, 4.0)):
-    nib.save(nib.Nifti1Image(np.asarray(data, dtype=dtype), np.diag([*zooms, 1.0])), str(path))
+def save(path, data, dtype=np.float32):
+    write_nifti(path, data, (2.0, 3.0, 4.0), dtype)
 
 
 BATCH = """read subj1.nii s

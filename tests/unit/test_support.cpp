@@ -4,10 +4,7 @@
 
 #include <cstdlib>
 
-#include "kep-decode.h"
 #include "kep-session.h"
-#include "kep-stacks.h"
-#include "kep-variables.h"
 
 std::string capture_stream(FILE *stream, const std::function<void()> &body) {
   fflush(stream);
