@@ -85,6 +85,22 @@ class Study:
         return X
 
 
+def contrasts(word, ncoeff, events=None):
+    """Contrast rows of a condition word: one row per comma-separated part, +1 for each event
+    named before a minus, -1 after it; `events` lists the event of each column."""
+    events = events or list(range(1, ncoeff + 1))
+    rows, sign = [np.zeros(ncoeff)], 1
+    for ch in word:
+        if ch == ",":
+            rows.append(np.zeros(ncoeff))
+            sign = 1
+        elif ch == "-":
+            sign = -1
+        else:
+            rows[-1][events.index(int(ch))] += sign
+    return np.array(rows)
+
+
 def ar_noise(rng, shape, phi, sd=1.0):
     """Stationary AR(len(phi)) noise along the last axis."""
     p = len(phi)

@@ -204,25 +204,6 @@ def as_nobody(directory, text):
     return proc.stdout.decode(), proc.stderr.decode(), proc.returncode
 
 
-@pytest.mark.parametrize("command,name,message", [
-    ("write", "ro/out.bfloat", "Error: cannot open the new file ro/out.bfloat.\n"),
-    ("write", "ro/out.nii", "Error: cannot open the header file ro/out.nii.\n"),
-    ("write-short", "ro/out.nii.gz", "Error: cannot open the new file ro/out.nii.gz.\n"),
-    ("write-slices", "ro/out.bfloat", "Error: cannot open the new file ro/out_000.bfloat.\n"),
-])
-def test_read_only_directory(kep, command, name, message):
-    source(kep.dir, volumes=2)
-    for f in kep.dir.iterdir():
-        f.chmod(0o644)
-    (kep.dir / "ro").mkdir(mode=0o755)
-    (kep.dir / "ro" / "keep.bfloat").write_bytes(b"old")
-    out, err, status = as_nobody(kep.dir, f"read src.bfloat s\n{command} {name} s\nshow-stacks\nquit\n")
-    assert message in out, out
-    assert err == "" and status == 1
-    assert stack_line(out, "s")[:4] == ["16", "16", "8", "2"]
-    assert sorted(p.name for p in (kep.dir / "ro").iterdir()) == ["keep.bfloat"]
-
-
 def test_read_only_file_in_a_writable_directory_is_left_alone(kep):
     source(kep.dir, volumes=2)
     (kep.dir / "src.bfloat").chmod(0o644)

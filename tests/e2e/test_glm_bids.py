@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 from scipy import stats
 
-from glm_model import close, grid, load, series
+from glm_model import close, load, series
 
 TR = 2.5
 NIMG = 37

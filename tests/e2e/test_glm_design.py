@@ -1,8 +1,17 @@
-"""GLM-write-design: the design matrix as a tab-separated file, against the
-numpy rebuild of the model's rules in glm_model."""
-import numpy as np
+"""GLM-write-design: the design matrix as a tab-separated file, against numpy rebuilds of the
+model's rules (every stimulus shape here, square events in glm_model); the p of an F against
+scipy's F distribution."""
+import math
+import subprocess
+from pathlib import Path
 
-from glm_model import Study
+import nibabel as nib
+import numpy as np
+import pytest
+from scipy import stats
+
+from conftest import KEP
+from glm_model import Study, bold_response
 
 
 def read_tsv(path):
@@ -60,3 +69,169 @@ def test_design_names_trial_types_and_confounds_by_their_columns(kep):
     assert header == ["image", "run", "excluded", "event_1:faces", "event_2:houses", "run1_constant",
                       "run2_constant"] + confounds
     np.testing.assert_allclose(table[:, 3:], design(tables, 1, chosen), atol=1e-6)
+
+
+TR = 2.0
+STEP = np.float32(0.1)
+
+
+def normalise(x, scale=1.0):
+    i = np.argmax(np.abs(x))
+    m = x[i]
+    return x if m == 0 else x * (scale / abs(m))
+
+
+def causal(x, k):
+    return np.convolve(x, k)[: len(x)]
+
+
+def exp_kernel(tau, dt, length):
+    if tau <= 0:
+        return np.zeros(length)
+    d = math.exp(-dt / tau)
+    return (1 - d) * d ** np.arange(length)
+
+
+def table_baseline(v, terms):
+    n = len(v)
+    i = np.arange(n)
+    cols = [np.ones(n), i / n, (i / n) ** 2][: min(terms, 3)]  # any basis of the same span
+    A = np.array(cols).T
+    nz = v != 0
+    coef, *_ = np.linalg.lstsq(A[nz], v[nz], rcond=None)
+    out = v - A @ coef
+    out[~nz] = 0
+    return out
+
+
+def test_design_of_every_shape_equals_its_rebuild(kep):
+    nimg = [30, 25]
+    starts = [0, 30]
+    tables = []
+    for r in range(2):
+        rows = np.round(np.sin(np.arange(nimg[r]) * (0.7 + r)) * 3 + np.arange(nimg[r]) * 0.2, 3)
+        rows[::6] = 0  # zero entries take no part in the baseline fit
+        other = np.round(np.cos(np.arange(nimg[r]) * 0.3) * 2, 3)
+        tables.append((rows, other))
+        img = nib.Nifti1Image(np.zeros((1, 1, 1, nimg[r]), np.float32), np.eye(4))
+        img.header.set_zooms((1.0, 1.0, 1.0, TR))
+        nib.save(img, kep.path(f"d{r}.nii"))
+        (kep.dir / f"t{r}.dat").write_text("load motion\n" + "".join(f"{a} {b}\n" for a, b in zip(rows, other)))
+    (kep.dir / "r0.glm").write_text(
+        "2 60\n\n1 square\n4 10\n30 41.5 2\n\n2 gamma 5\n6\n33 0.5\n\n3 drug-IRF 6 3\n12 20\n\n"
+        "4 sine 16\n0 24\n\n5 cosine 10\n40 58\n\n6 ramp-up\n2 12\n\n7 ramp-down\n20 30\n\n"
+        "8 table 0\n\n9 table 1\n\nI interaction 1 2\n\n-1\n26 27\n")
+    (kep.dir / "r1.glm").write_text(
+        "2 50\n\n2 gamma 5\n3 1\n\n1\n14 22\n\n8 table 0\n\n9 table 1\n\n6 ramp-up\n30 44 0.5\n\n"
+        "I interaction 1 2\n\n3 drug-IRF 6 3\n1 5\n\n7 ramp-down\n2 8\n\n4 sine 16\n10 30\n\n5 cosine 10\n0 20\n")
+    kep.path("c.txt").write_text("IRF BOLD-monkey\nbaseline-terms 4\nconvolve-table 9\nscale-event 2.5 2\n"
+                                 "runs:\nd0.nii r0.glm t0.dat\nd1.nii r1.glm t1.dat\n")
+    r = kep.script("read-GLM c.txt\nGLM-write-design design.tsv\n")
+    assert "Fatal" not in r.stderr, r
+    _, header, table = read_tsv(kep.path("design.tsv"))
+    X = table[:, 3:]
+    ntime = sum(nimg)
+    n = int(np.float32(TR) / STEP + 0.5)
+    assert n == 20
+    N = ntime * n
+    t = np.arange(N) * TR / n
+    amp = bold_response(1.0).astype(np.float32).astype(np.float64)
+    f32 = lambda x: float(np.float32(x))
+
+    # Stimuli on the concatenated axis: (on, off, magnitude) as the reader stores them.
+    run_end = [f32(starts[r] * TR + nimg[r] * TR) for r in range(2)]
+    stims = {
+        1: [(4, 10, 1), (30, 41.5, 2), (74, 82, 1)],
+        2: [(6, run_end[0], 1), (33, run_end[0], 0.5), (63, run_end[1], 1)],
+        3: [(12, 20, 1), (61, 65, 1)],
+        4: [(0, 24, 1), (70, 90, 1)],
+        5: [(40, 58, 1), (60, 80, 1)],
+        6: [(2, 12, 1), (90, 104, 0.5)],
+        7: [(20, 30, 1), (62, 68, 1)],
+    }
+
+    def paradigm(e, shape, tau=None):
+        out = np.zeros(N)
+        for on, off, m in stims[e]:
+            on, off = f32(on), f32(off)
+            w = (t >= on) & (t <= off)
+            x = t[w] - on
+            if shape == "square":
+                out[w] += m
+            elif shape == "ramp-up":
+                out[w] += m * x / (off - on)
+            elif shape == "ramp-down":
+                out[w] += m * (1 - x / (off - on))
+            elif shape == "sine":
+                out[w] += m * np.sin(6.283185308 / tau * x)
+            elif shape == "cosine":
+                out[w] += m * np.cos(6.283185308 / tau * x)
+            elif shape == "gamma":
+                u = x / tau
+                out[w] += m * u * np.exp(-u) / math.exp(-1)
+        return out
+
+    cols = {}
+    cols[1] = normalise(causal(paradigm(1, "square"), amp))[::n]
+    cols[2] = normalise(causal(paradigm(2, "gamma", 5.0), amp), 2.5)[::n]
+    dt = TR / n
+    L = min(max(math.ceil(6 / dt * math.log(1e4)) + 1, 1), N)
+    drug = causal(causal(paradigm(3, "square"), exp_kernel(3, dt, L)), exp_kernel(6, dt, L))
+    cols[3] = normalise(causal(drug, amp))[::n]
+    cols[4] = normalise(causal(paradigm(4, "sine", 16.0), amp))[::n]
+    cols[5] = normalise(causal(paradigm(5, "cosine", 10.0), amp))[::n]
+    cols[6] = normalise(causal(paradigm(6, "ramp-up"), amp))[::n]
+    cols[7] = normalise(causal(paradigm(7, "ramp-down"), amp))[::n]
+    for number, column, convolved in ((8, 0, False), (9, 1, True)):
+        fine = np.zeros(N)
+        for r in range(2):
+            values = table_baseline(np.array(tables[r][column], dtype=np.float32).astype(np.float64), 4)
+            values = values.astype(np.float32).astype(np.float64)
+            i = np.arange(starts[r] * n, (starts[r] + nimg[r]) * n)
+            p = (t[i] - starts[r] * TR) / TR
+            lo = np.clip(np.floor(p).astype(int), 0, nimg[r] - 1)
+            hi = np.clip(lo + 1, 0, nimg[r] - 1)
+            wgt = lo + 1 - p
+            v = wgt * values[lo] + (1 - wgt) * values[hi]
+            v = np.where(p <= 0, values[0], np.where(p >= nimg[r] - 1, values[-1], v))
+            fine[i] = v
+        cols[number] = normalise(causal(fine, amp) if convolved else fine)[::n]
+    cols[44] = normalise(cols[1] * cols[2])
+
+    order = [1, 2, 3, 4, 5, 6, 7, 8, 9, 44]
+    assert header[3:3 + len(order)] == [f"event_{e}" for e in order]
+    for e, number in enumerate(order):
+        np.testing.assert_allclose(X[:, e], cols[number], rtol=0, atol=2e-5 * np.abs(cols[number]).max() + 1e-6,
+                                   err_msg=f"event {number}")
+
+    # baseline term k of run r: a polynomial of degree k in the run's time, 0 in the other run
+    for k in range(4):
+        for r in range(2):
+            column = X[:, len(order) + k * 2 + r]
+            rows = slice(starts[r], starts[r] + nimg[r])
+            assert not np.delete(column, np.arange(ntime)[rows]).any()
+            u = np.arange(nimg[r]) / (nimg[r] - 1)
+            powers = np.vander(u, k + 1, increasing=True)
+            coef, *_ = np.linalg.lstsq(powers, column[rows], rcond=None)
+            np.testing.assert_allclose(powers @ coef, column[rows], atol=1e-6)
+            assert abs(coef[k]) > 0.5
+    inc = np.ones(ntime, dtype=bool)
+    inc[26:28] = False
+    np.testing.assert_array_equal(table[:, 2], ~inc)
+
+
+def test_p_values_match_the_f_distribution_folded_for_several_rows():
+    """F of one row: the upper tail; of several rows: twice the smaller tail."""
+    cases = [(F, dof, nc) for dof in (1, 3, 10, 57, 300, 5000) for nc in (1, 2, 3, 7)
+             for F in (0.0, 1e-6, 0.05, 0.3, 1.0, 2.5, 7.0, 30.0, 150.0, 1e3)]
+    text = "".join(f"{F!r} {dof} {nc}\n" for F, dof, nc in cases)
+    proc = subprocess.run([str(Path(KEP).parent / "glm_driver")], input=text, capture_output=True, text=True,
+                          timeout=300, check=True)
+    compared = 0
+    for (F, dof, nc), p in zip(cases, map(float, proc.stdout.split())):
+        upper = stats.f.sf(F, nc, dof)
+        expected = upper if nc == 1 or upper == 1 else 2 * min(upper, 1 - upper)
+        if expected > 1e-90:
+            assert p == pytest.approx(expected, rel=1e-6, abs=0), (F, dof, nc)
+            compared += 1
+    assert compared > 200

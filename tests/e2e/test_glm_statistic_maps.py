@@ -25,22 +25,9 @@ CONDITIONS = ["1", "2", "1-2", "1,2,3"]
 SD = 2.0
 
 
-def make_study(header=""):
-    return gm.Study(nimg=45, events=EVENTS, terms=3, conditions=" ".join(CONDITIONS), header=header)
-
-
-def contrasts(word, nevents, ncoeff):
-    """Contrast rows of a condition word, built from the condition grammar."""
-    rows, sign = [np.zeros(ncoeff)], 1
-    for ch in word:
-        if ch == ",":
-            rows.append(np.zeros(ncoeff))
-            sign = 1
-        elif ch == "-":
-            sign = -1
-        else:
-            rows[-1][int(ch) - 1] += sign
-    return np.array(rows)
+def make_study(header="", exclude=None):
+    return gm.Study(nimg=45, events=EVENTS, terms=3, conditions=" ".join(CONDITIONS), header=header,
+                    exclude=exclude or {})
 
 
 def volume_data(rng, study, shape, phi=()):
@@ -68,17 +55,17 @@ def run_maps(kep, study, Y, shape, before="", after=""):
     return r, maps.reshape(maps.shape[0], len(CONDITIONS), 5)
 
 
-def oracle_ols(X, Y):
-    """[voxel, condition, (effect, error, t or F, log p, z)] from statsmodels."""
+def oracle_ols(X, inc, Y):
+    """[voxel, condition, (effect, error, t or F, log p, z)] from statsmodels on the included images."""
     ncond = len(CONDITIONS)
     out = np.zeros((Y.shape[0], ncond, 5))
     for v, y in enumerate(Y):
         if not y.any():
             out[v, :, 3] = 0.0  # log p of p 1
             continue
-        fit = sm.OLS(y, X).fit()
+        fit = sm.OLS(y[inc], X[inc]).fit()
         for k, word in enumerate(CONDITIONS):
-            C = contrasts(word, 3, X.shape[1])
+            C = gm.contrasts(word, X.shape[1])
             eff = C @ fit.params
             r = int(np.argmax(np.abs(eff)))
             error = math.sqrt(C[r] @ fit.cov_params() @ C[r])
@@ -107,12 +94,14 @@ def compare(got, expected, floor_effect):
     }
 
 
-def test_maps_match_statsmodels_for_every_condition(kep):
+# excluded images cost the float32 fit about a decimal digit
+@pytest.mark.parametrize("exclude,tolerance", [({}, 1e-5), ({1: [(3, 5)]}, 1e-4)])
+def test_maps_match_statsmodels_for_every_condition(kep, exclude, tolerance):
     """Conditions of one row (t, two-sided p, z signed like t) and of three rows
     (F, upper-tail p, one-sided z); an all-zero voxel has zero residual: 0 effect,
     error and statistic, p 1 and z 0."""
     rng = np.random.default_rng(3)
-    study, shape = make_study(), (5, 4, 3)
+    study, shape = make_study(exclude=exclude), (5, 4, 3)
     Y = volume_data(rng, study, shape)
     Y[7] = 0
     r, maps = run_maps(kep, study, Y, shape)
@@ -121,9 +110,9 @@ def test_maps_match_statsmodels_for_every_condition(kep):
     np.testing.assert_array_equal(maps[7], np.tile([0, 0, 0, 1, 0], (len(CONDITIONS), 1)))
     live = np.ones(len(Y), bool)
     live[7] = False
-    worst = compare(maps[live], oracle_ols(study.design(), Y)[live], floor_effect=SD / 100)
+    worst = compare(maps[live], oracle_ols(study.design(), study.include(), Y)[live], floor_effect=SD / 100)
     print(worst)
-    assert max(worst.values()) < 1e-5
+    assert max(worst.values()) < tolerance
     # Null and strong voxels both present: p spans the range, near 1 for near-null voxels.
     p = maps[live, :, 3]
     assert p.max() > 0.9 and p.min() < 1e-8
@@ -142,7 +131,7 @@ def gls_oracle(X, inc, Y, rho):
         beta = cov @ Xw.T @ yw
         s2 = np.sum((yw - Xw @ beta) ** 2) / dof
         for k, word in enumerate(CONDITIONS):
-            C = contrasts(word, 3, X.shape[1])
+            C = gm.contrasts(word, X.shape[1])
             if len(C) > 1:
                 continue
             eff = (C @ beta).item()
@@ -162,7 +151,7 @@ def test_ar_maps_match_generalized_least_squares(kep, order, phi):
     """With `AR p`, and a GLM mask narrower than the data: voxels outside the
     mask are neither fitted nor used by the smoothing of the coefficients."""
     rng = np.random.default_rng(30 + order)
-    study, shape = make_study(header=f"AR {order} 5\n"), (6, 5, 4)
+    study, shape = make_study(f"AR {order} 5\n"), (6, 5, 4)
     X, inc = study.design(), study.include()
     Y = volume_data(rng, study, shape, phi)
     mask = head_mask(shape)

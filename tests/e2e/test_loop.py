@@ -1,4 +1,7 @@
 """The command loop, command files and `$` substitution, seen from outside."""
+import subprocess
+
+from conftest import KEP
 
 
 def test_prompt_unknown_command_and_quit(kep):
@@ -35,10 +38,6 @@ def test_trailing_dollar_is_invalid(kep):
 
 
 def test_missing_command_file(kep):
-    r = kep.script("", name="x.com")
-    (kep.dir / "x.com").unlink()
-    import subprocess
-    from conftest import KEP
     p = subprocess.run([str(KEP), "nothere.com"], cwd=kep.dir, capture_output=True)
     assert p.returncode == 1
     assert p.stderr.decode() == "Fatal error: I cannot open the kep command file nothere.com.\nProgram aborted.\n"

@@ -4,20 +4,6 @@ import numpy as np
 from conftest import write_xdisplay
 
 
-def test_read_loop_reads_in_chunks_and_runs_the_stored_lines(kep):
-    # 128 x 80 x 8 voxels of 8 bytes: 655360 bytes per volume, so chunks of 20
-    data = np.arange(128 * 80 * 8 * 45, dtype=np.float32).reshape(45, 8, 80, 128).transpose(3, 2, 1, 0)
-    write_xdisplay(kep.dir, "f.bfloat", data)
-    r = kep.stdin("read-loop f.bfloat>0-44 s\nshow-stacks s\nend-loop\nquit\n")
-    assert r.stdout.count("macro>> read f.bfloat>0-19 s\n") == 1
-    assert "macro>> read f.bfloat>20-39 s\n" in r.stdout
-    assert "macro>> read f.bfloat>40-44 s\n" in r.stdout
-    assert r.stdout.count("macro>> show-stacks s\n") == 3
-    # the stored line runs after each chunk, and is not run while capturing
-    first = r.stdout.index("macro>> read f.bfloat>0-19 s")
-    assert "stack name" not in r.stdout[:first]
-
-
 def test_read_loop_with_a_scattered_subset_and_io_increment(kep):
     write_xdisplay(kep.dir, "g.bfloat", np.zeros((2, 2, 2, 10)))
     r = kep.stdin("read-loop g.bfloat>0,2,4 s\nend-loop\nset io-increment 1\nread-loop g.bfloat>0-2 t\nend-loop\n"

@@ -1,6 +1,5 @@
 """Averaging commands compared sample by sample with numpy."""
 import numpy as np
-import pytest
 
 from conftest import assert_close, random_stack, run_ops
 

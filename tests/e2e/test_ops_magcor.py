@@ -1,6 +1,5 @@
 """Baseline corrections and rescaling compared sample by sample with numpy."""
 import numpy as np
-import pytest
 
 from conftest import assert_close, random_stack, run_ops
 

@@ -2,8 +2,6 @@
 commands, help on one command, `show` of every variable, quoted file names."""
 import os
 import signal
-import subprocess
-import sys
 import threading
 import time
 from pathlib import Path
@@ -292,12 +290,3 @@ def test_show_stacks_names_nan_and_infinite_samples_only_when_there_are_some(kep
     assert "good holds" not in listing
     assert stack_line(listing, "good")[:4] == ["3", "4", "5", "2"]
 
-
-@pytest.mark.parametrize("model", [[], ["--ar", "1"]])
-def test_the_example_study_gives_none_of_the_warnings(kep, model):
-    subprocess.run([sys.executable, str(SOURCE / "examples" / "make_study.py"), str(kep.dir), "12", "12", "6",
-                    "30", *model], check=True, capture_output=True)
-    r = kep.script((SOURCE / "examples" / "analyse.com").read_text(), name="analyse.com")
-    assert "Fatal" not in r.stderr, r.stderr
-    ours = ("Stimulus", "TR of the event file", "regressor of event", "NaN samples", "voxel size of")
-    assert not [line for line in r.stderr.splitlines() if line.startswith("Warning:") and any(w in line for w in ours)]

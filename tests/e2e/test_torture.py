@@ -45,13 +45,3 @@ def test_every_argument_at_the_prompt(workdir, command):
     check(proc, command)
     assert proc.returncode == 1
 
-
-@pytest.mark.parametrize("command", COMMANDS)
-def test_every_argument_in_a_command_file(workdir, command):
-    for i, argument in enumerate(ARGUMENTS):
-        name = f"t_{command.replace('^', '_')}_{i}.com"
-        (workdir / name).write_text(SETUP + f"{command} {argument}\nshow-stacks\n")
-        proc = subprocess.run([str(KEP), name], cwd=workdir, capture_output=True, timeout=120,
-                              stdin=subprocess.DEVNULL, env={"KEP_HOME": str(SOURCE)})
-        check(proc, f"{command} {argument}")
-        assert proc.returncode == 1

@@ -2,7 +2,7 @@
 import numpy as np
 import pytest
 
-from conftest import assert_single_precision, random_stack, read_complex, run_on_stack, write_complex
+from conftest import assert_single_precision, random_stack, run_on_stack, write_complex
 
 AXIS = {"x": 3, "y": 2, "z": 1, "t": 0}
 
