@@ -145,6 +145,7 @@ def kep_values(kep, source, subset="", complex_output=False):
     file_word = source + (">" + subset if subset else "")
     lines = ["set complex-output on"] if complex_output else []
     lines += [f"read {file_word} v", "write-float kepvalues.bfloat v", "quit"]
+    (kep.dir / "kepvalues.bfloat").unlink(missing_ok=True)
     r = kep.stdin("\n".join(lines) + "\n")
     assert (kep.dir / "kepvalues.bfloat").exists(), r
     data, fields = read_xdisplay(kep.dir, "kepvalues")

@@ -67,7 +67,6 @@ def test_kep_output_loads_in_nibabel(kep, extension, kind, dof):
     elif kind == "short":
         assert values.dtype == np.int16
         np.testing.assert_array_equal(values, short_rule(data))
-        assert values[0, 0, 0, 0] == 32767 and values[1, 0, 0, 0] == -3 and values[2, 0, 0, 0] == 32767
     else:
         assert values.dtype == np.complex64
         np.testing.assert_array_equal(values, data.astype(np.complex64))
@@ -91,6 +90,7 @@ def test_kep_output_loads_in_nibabel(kep, extension, kind, dof):
             kep.stdin(f"{prefix}read src.bfloat s\n{command} out.nii s\nquit\n")
             assert raw == kep.path("out.nii").read_bytes()
         if dof:
+            assert kep_values(kep, f"out.{extension}")[1]["degrees-of-freedom"] == [str(dof)]
             assert struct.unpack("<f", raw[108:112])[0] == 368
             assert raw[348:352] == bytes([1, 0, 0, 0])
             assert struct.unpack("<4i", raw[352:368]) == (16, 20, dof, 0)
@@ -108,15 +108,6 @@ def test_nifti_method_2_writes_no_sform_and_appends(kep):
     assert int(img.header["sform_code"]) == 0 and int(img.header["qform_code"]) == 1
     np.testing.assert_allclose(img.affine, EXPECTED_AFFINE, atol=1e-5)
     np.testing.assert_array_equal(np.asanyarray(img.dataobj), source_data())
-
-
-def test_kep_reads_back_its_own_degrees_of_freedom(kep):
-    make_source(kep, dof=27)
-    kep.stdin("read src.bfloat s\nwrite out.nii s\nquit\n")
-    data, fields, r = kep_values(kep, "out.nii")
-    assert fields["degrees-of-freedom"] == ["27"]
-    assert fields["origin"] == ["-10.3", "20.1", "5.7"] and fields["direction"] == ["-1", "1", "1"]
-    np.testing.assert_array_equal(data, source_data())
 
 
 def nibabel_file(path: Path, data, dtype, endianness="<", slope=None, inter=None, affine=None, qform=1, sform=1):
@@ -164,11 +155,6 @@ def test_nibabel_files_read_with_nibabel_values(kep, dtype, endianness, scaling,
     values, fields, r = kep_values(kep, "n" + suffix)
     assert "3 volumes of size 3 x 4 x 2 were read and stored in stack v\n" in r.stdout, r
     np.testing.assert_allclose(values, expected, rtol=1e-6)
-    if scaling == (2.0, 10.0):
-        raw = np.asarray(data).astype(dtype).astype(np.float64)
-        np.testing.assert_allclose(values, raw * 2 + 10, rtol=1e-6)
-    elif scaling is not None:  # a slope of NaN or 0 means no scaling at all
-        np.testing.assert_array_equal(values, np.asarray(data).astype(dtype).astype(np.float32))
 
 
 @pytest.mark.parametrize("endianness", ["<", ">"])
@@ -315,7 +301,7 @@ def test_nifti2_single_files_read_like_nibabel(kep, suffix, endianness, dtype):
     img.header.set_slope_inter(0.5, -3.0)
     nib.save(img, str(kep.dir / ("n2" + suffix)))
     img = nib.load(str(kep.dir / ("n2" + suffix)))
-    r = kep.stdin(f"read n2{suffix} v\nwrite-float out.nii v\nquit\n")
+    kep.stdin(f"read n2{suffix} v\nwrite-float out.nii v\nquit\n")
     out = nib.load(str(kep.dir / "out.nii"))
     np.testing.assert_allclose(out.get_fdata(), img.get_fdata(), rtol=1e-6)
     np.testing.assert_allclose(out.affine, img.affine, atol=1e-5)
