@@ -1,11 +1,11 @@
 // Feeds arbitrary bytes to the table reader and builds a table regressor from it.
-#include "glm_fuzz_support.h"
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  glm_fuzz::in_scratch here;
-  if (glm_fuzz::mentions_nan(data, size)) return 0;
+  kep_fuzz::in_scratch here;
+  if (kep_fuzz::mentions_nan(data, size)) return 0;
   GLM_reset_all();
-  glm_fuzz::write("table.dat", data, size);
+  kep_fuzz::write("table.dat", data, size);
   try {
     GLM_input.nbaseline_terms = size % 5;
     if (GLM_read_table_file("table.dat", 0) != 0) return 0;
@@ -15,10 +15,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // One run as long as the table with the first column as a regressor.
     char events[128];
     snprintf(events, sizeof events, "1 %d\n\n1 table 0\n", rows);
-    glm_fuzz::write("events.glm", events);
+    kep_fuzz::write("events.glm", events);
     if (GLM_read_event_file("events.glm", 0) == 0) {
       GLM.nruns = 1;
-      glm_fuzz::design_and_fit();
+      kep_fuzz::design_and_fit();
     }
   } catch (const fatal &) {
   }

@@ -43,17 +43,6 @@ def test_missing_command_file(kep):
     assert p.stderr.decode() == "Fatal error: I cannot open the kep command file nothere.com.\nProgram aborted.\n"
 
 
-def test_failing_decoder_ends_a_command_file_but_not_the_prompt(kep):
-    r = kep.stdin("copy\nshow io-increment\n")
-    assert "\tio-increment    0\n" in r.stdout
-    (kep.dir / "sub.com").write_text("copy\nshow io-increment\n")
-    r = kep.stdin("mode sub.com\nshow nifti-method\n")
-    # the file's failing line ends the whole process at once
-    assert r.stdout == "kep > kep > copy\n"
-    assert "A name for the volume to create is mandatory here." in r.stderr
-    assert r.returncode == 1
-
-
 def test_mode_words_and_nesting(kep):
     (kep.dir / "inner.com").write_text("show io-increment\n")
     (kep.dir / "outer.com").write_text("set io-increment $1\nmode inner.com\nmode inner.com\nshow $9\n")

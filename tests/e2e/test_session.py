@@ -18,30 +18,6 @@ def save(path, data, dtype=np.float32):
     write_nifti(path, data, (2.0, 3.0, 4.0), dtype)
 
 
-BATCH = """read subj1.nii s
-average m s
-write-float subj1_mean.nii m
-read subj2.nii s
-average m s
-write-float subj2_mean.nii m
-"""
-
-
-@pytest.mark.parametrize("second", ["missing", "complex128"])
-def test_a_failing_command_ends_the_batch(kep, second):
-    first = np.random.default_rng(1).random((5, 4, 3, 6))
-    save(kep.path("subj1.nii"), first)
-    if second == "complex128":  # a storage type kep does not read
-        save(kep.path("subj2.nii"), first + 1.0, np.complex128)
-    r = kep.script(BATCH)
-    assert r.returncode == 1
-    assert r.stderr == "Fatal error: the command `read' failed.\nProgram aborted.\n"
-    assert r.stdout.count("kep > average m s") == 1
-    assert not kep.path("subj2_mean.nii").exists()
-    mean = np.asanyarray(nib.load(kep.path("subj1_mean.nii")).dataobj)
-    np.testing.assert_allclose(mean[..., 0], first.mean(axis=3), rtol=1e-6)
-
-
 @pytest.mark.parametrize("lines,word", [
     ("read nothing.nii x\n", "read"),
     ("set nifti-method 7\n", "set"),

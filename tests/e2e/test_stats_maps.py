@@ -100,12 +100,6 @@ def test_overlap_of_two_sparse_volumes_matches_numpy(kep):
     np.testing.assert_allclose(got, [sum1, sum2, sum2 / (sum1 + sum2)], rtol=2e-5)
 
 
-def test_overlap_of_a_volume_with_itself_is_half(kep):
-    write_complex(kep.path("in.bfloat"), random_stack((1, 2, 3, 3), 5))
-    result = kep.script("read in.bfloat a\ncalculate-overlay-overlap 4 a a\n")
-    assert "fractional overlap = 0.5\n" in result.stdout
-
-
 def polynomial_design(n):
     i = np.arange(n, dtype=np.float64)
     return np.stack([np.ones(n), i / n - 0.5, i * i / (n * n) - 0.3333333333333333], axis=1)

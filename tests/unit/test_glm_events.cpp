@@ -174,11 +174,4 @@ TEST_F(GlmEvents, Limits) {
             "Error: the number of segments to exclude (10001) > max dimension in program (10000).\n");
 }
 
-TEST_F(GlmEvents, RunsOutOfOrderAreRefused) {
-  std::string out;
-  EXPECT_EQ(read("2 20\n\n1\n0 4\n", &out, 1), 1);
-  EXPECT_EQ(read("2 20\n\n1\n0 4\n", &out, 50), 1);
-  EXPECT_EQ(GLM.ntime, 0);
-}
-
 }  // namespace
