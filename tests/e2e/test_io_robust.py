@@ -20,50 +20,47 @@ def nifti_bytes(dims=(2, 2, 2), datatype=16, bitpix=32, vox_offset=352.0, endian
     return bytes(block) + extender
 
 
-def run_read(kep, name, before="read good.bfloat s\n"):
-    write_xdisplay(kep.dir, "good.bfloat", np.ones((2, 2, 2, 1)), np.float32)
-    r = kep.stdin(f"{before}read {name} s\nshow-stacks\nquit\n")
-    assert r.returncode == 1 and "Fatal" not in r.stderr, r
-    # the stack read before is untouched
-    assert stack_line(r.stdout, "s")[:4] == ["2", "2", "2", "1"], r
-    return r
+DIRECTORY = None  # a directory where a file is expected
+HEADER = "x 2\ny 2\nz 2\nt 1\n"
 
 
-@pytest.mark.parametrize("dims,message", [
-    ((-3, 2, 2), "Error: Value for x dimension not found in header file 'n.nii'\n"),
-    ((3, 0, 2), "Error: Value for y dimension not found in header file 'n.nii'\n"),
-    ((3, 2, 2, -1), "Error: Value for t dimension not found in header file 'n.nii'\n"),
-    ((32767, 32767, 32767, 32767),
+@pytest.mark.parametrize("files,message", [
+    ({"n.nii": nifti_bytes((-3, 2, 2)) + bytes(64)}, "Error: Value for x dimension not found in header file 'n.nii'\n"),
+    ({"n.nii": nifti_bytes((3, 0, 2)) + bytes(64)}, "Error: Value for y dimension not found in header file 'n.nii'\n"),
+    ({"n.nii": nifti_bytes((3, 2, 2, -1)) + bytes(64)},
+     "Error: Value for t dimension not found in header file 'n.nii'\n"),
+    ({"n.nii": nifti_bytes((32767,) * 4) + bytes(64)},
      "Error: the dimensions 32767 x 32767 x 32767 x 32767 in file 'n.nii' hold more samples than kep can store.\n"),
-])
-def test_bad_nifti_dimensions(kep, dims, message):
-    (kep.dir / "n.nii").write_bytes(nifti_bytes(dims) + bytes(64))
-    r = run_read(kep, "n.nii")
-    assert message in r.stdout
-
-
-def test_large_header_over_a_short_file(kep):
-    (kep.dir / "l.bshort").write_bytes(bytes(1000))
-    (kep.dir / "l.hdr").write_text("x 1024\ny 1024\nz 256\nt 1\n")
-    r = run_read(kep, "l.bshort")
-    assert "Error reading file l.bshort.\n" in r.stdout
-
-
-@pytest.mark.parametrize("content,message", [
-    (nifti_bytes(datatype=128, bitpix=24), "Error: the Nifti data storage type 128 is not supported.\n"),
-    (nifti_bytes(vox_offset=-4.0), "Error: the voxel offset (-4) in file n.nii is not valid.\n"),
-    (nifti_bytes(vox_offset=float("nan")), "Error: the voxel offset (nan) in file n.nii is not valid.\n"),
-    (nifti_bytes(extender=b"\1\0\0\0"), "Error: A NIFTI1 extension was indicated, but it is missing.\n"),
-    (nifti_bytes(extender=b"\1\0\0\0" + struct.pack("<i", 16)),
+    ({"n.nii": nifti_bytes(datatype=128, bitpix=24)}, "Error: the Nifti data storage type 128 is not supported.\n"),
+    ({"n.nii": nifti_bytes(vox_offset=-4.0)}, "Error: the voxel offset (-4) in file n.nii is not valid.\n"),
+    ({"n.nii": nifti_bytes(vox_offset=float("nan"))}, "Error: the voxel offset (nan) in file n.nii is not valid.\n"),
+    ({"n.nii": nifti_bytes(extender=b"\1\0\0\0")}, "Error: A NIFTI1 extension was indicated, but it is missing.\n"),
+    ({"n.nii": nifti_bytes(extender=b"\1\0\0\0" + struct.pack("<i", 16))},
      "Error: A NIFTI1 extension was indicated, but the ecode is missing.\n"),
-    (nifti_bytes(extender=b"\1\0\0\0" + struct.pack("<2i", 16, 20)), "Error read degrees of freedom.\n"),
-    (nifti_bytes(), "Error reading file n.nii.\n"),
-    (nifti_bytes(endian=">") + bytes(20), "Error reading file n.nii.\n"),
+    ({"n.nii": nifti_bytes(extender=b"\1\0\0\0" + struct.pack("<2i", 16, 20))}, "Error read degrees of freedom.\n"),
+    ({"n.nii": nifti_bytes()}, "Error reading file n.nii.\n"),
+    ({"n.nii": nifti_bytes(endian=">") + bytes(20)}, "Error reading file n.nii.\n"),
+    ({"n.nii": DIRECTORY}, "Error: cannot open Nifti file n.nii.\n"),
+    ({"n.hdr": DIRECTORY, "n.img": bytes(32)}, "Error: cannot open Nifti file n.hdr.\n"),
+    ({"n.bshort": bytes(1000), "n.hdr": "x 1024\ny 1024\nz 256\nt 1\n"}, "Error reading file n.bshort.\n"),
+    ({"n.hdr": DIRECTORY, "n.bfloat": bytes(32)}, "Error: cannot open xdisplay file n.hdr.\n"),
+    ({"n.bfloat": DIRECTORY, "n.hdr": HEADER}, "Error: cannot open file n.bfloat.\n"),
+    ({"n.bfloat": bytes(32), "n.hdr": b"\x00\xff\xfe binary\n\x01\x02\n"},
+     "Error reading the 1st line of the xds header file 'n.hdr'.\n"),
 ])
-def test_bad_nifti_headers(kep, content, message):
-    (kep.dir / "n.nii").write_bytes(content)
-    r = run_read(kep, "n.nii")
+def test_unreadable_files_are_errors_that_leave_the_stacks(kep, files, message):
+    for name, content in files.items():
+        path = kep.path(name)
+        if content is None:
+            path.mkdir()
+        else:
+            path.write_bytes(content.encode() if isinstance(content, str) else content)
+    write_xdisplay(kep.dir, "good.bfloat", np.ones((2, 2, 2, 1)), np.float32)
+    name = next(n for n in files if not n.endswith(".hdr") or len(files) == 1)
+    r = kep.stdin(f"read good.bfloat s\nread {name} s\nshow-stacks\nquit\n")
+    assert r.returncode == 1 and "Fatal" not in r.stderr, r
     assert message in r.stdout
+    assert stack_line(r.stdout, "s")[:4] == ["2", "2", "2", "1"], r
 
 
 @pytest.mark.parametrize("length", [0, 200])
@@ -80,28 +77,3 @@ def test_a_file_shorter_than_a_nifti_header(kep, length):
     assert r.returncode == 1
     assert r.stderr == "\nError reading header file t.nii\n"
     assert "nifti-method    " not in r.stdout
-
-
-def test_directories_and_unreadable_files(kep):
-    (kep.dir / "d.hdr").mkdir()
-    (kep.dir / "d.bfloat").write_bytes(bytes(32))
-    r = run_read(kep, "d.bfloat")
-    assert "Error: cannot open xdisplay file d.hdr.\n" in r.stdout
-    (kep.dir / "n.nii").mkdir()
-    r = run_read(kep, "n.nii")
-    assert "Error: cannot open Nifti file n.nii.\n" in r.stdout
-    (kep.dir / "x.bfloat").mkdir()
-    (kep.dir / "x.hdr").write_text("x 2\ny 2\nz 2\nt 1\n")
-    r = run_read(kep, "x.bfloat")
-    assert "Error: cannot open file x.bfloat.\n" in r.stdout
-    (kep.dir / "p.hdr").mkdir()
-    (kep.dir / "p.img").write_bytes(bytes(32))
-    r = run_read(kep, "p.img")
-    assert "Error: cannot open Nifti file p.hdr.\n" in r.stdout
-
-
-def test_garbage_header_lines(kep):
-    (kep.dir / "g.bfloat").write_bytes(bytes(32))
-    (kep.dir / "g.hdr").write_bytes(b"\x00\xff\xfe binary\n\x01\x02\n")
-    r = run_read(kep, "g.bfloat")
-    assert "Error reading the 1st line of the xds header file 'g.hdr'.\n" in r.stdout

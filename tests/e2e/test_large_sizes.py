@@ -15,33 +15,26 @@ def held_stack_survives(kep, commands, before="read good.bfloat s\n"):
     return r
 
 
-@pytest.mark.parametrize("x,y,z,t", [
-    (65536, 65536, 1, 1),        # x * y is exactly 2^32: wraps to 0 in 32 bits
-    (46341, 46341, 1, 1),        # x * y just above the int range
-    (1, 1, 1, 2147483647),       # one voxel, too many volumes
-    (2048, 2048, 256, 1),        # a volume above half the int range
+def xdisplay_header(x, y, z, t):
+    return {"e.bfloat": bytes(64), "e.hdr": f"x {x}\ny {y}\nz {z}\nt {t}\n"}
+
+
+@pytest.mark.parametrize("files,name,message", [
+    # x * y exactly 2^32 (0 in 32 bits), just above the int range, one voxel of too many volumes, and a volume
+    # above half the int range
+    (xdisplay_header(65536, 65536, 1, 1), "e.bfloat", "65536 x 65536 x 1 x 1 in file 'e.bfloat' hold more samples"),
+    (xdisplay_header(46341, 46341, 1, 1), "e.bfloat", "46341 x 46341 x 1 x 1 in file 'e.bfloat' hold more samples"),
+    (xdisplay_header(1, 1, 1, 2147483647), "e.bfloat", "1 x 1 x 1 x 2147483647 in file 'e.bfloat' hold more samples"),
+    (xdisplay_header(2048, 2048, 256, 1), "e.bfloat", "2048 x 2048 x 256 x 1 in file 'e.bfloat' hold more samples"),
+    ({"fs.bhdr": "cols: 65536\nrows: 65536\nnslices: 2\nn_time_points: 3\n", "fs_000.hdr": "65536 65536 3 1\n",
+      "fs_000.bshort": bytes(16)}, "fs_", "65536 x 65536 x 2 x 3 in file 'fs_' hold more samples"),
+    (xdisplay_header(1, 1, 1, 500001), "e.bfloat", "Error: Too many volumes (500001) to read; increase MAX_NSET.\n"),
 ])
-def test_xdisplay_headers_with_overflowing_counts(kep, x, y, z, t):
-    (kep.dir / "e.bfloat").write_bytes(bytes(64))
-    (kep.dir / "e.hdr").write_text(f"x {x}\ny {y}\nz {z}\nt {t}\n")
-    r = held_stack_survives(kep, "read e.bfloat s")
-    assert (f"Error: the dimensions {x} x {y} x {z} x {t} in file 'e.bfloat' hold more samples than kep "
-            "can store.\n") in r.stdout
-
-
-def test_freesurfer_header_with_overflowing_counts(kep):
-    (kep.dir / "fs.bhdr").write_text("cols: 65536\nrows: 65536\nnslices: 2\nn_time_points: 3\n")
-    (kep.dir / "fs_000.hdr").write_text("65536 65536 3 1\n")
-    (kep.dir / "fs_000.bshort").write_bytes(bytes(16))
-    r = held_stack_survives(kep, "read fs_ s")
-    assert ("Error: the dimensions 65536 x 65536 x 2 x 3 in file 'fs_' hold more samples than kep can store.\n"
-            in r.stdout)
-
-
-def test_volume_count_beyond_the_subset_limit(kep):
-    write_xdisplay(kep.dir, "long.bfloat", np.zeros((1, 1, 1, 500001), np.float32), np.float32)
-    r = held_stack_survives(kep, "read long.bfloat s")
-    assert "Error: Too many volumes (500001) to read; increase MAX_NSET.\n" in r.stdout
+def test_headers_with_overflowing_counts(kep, files, name, message):
+    for file, content in files.items():
+        kep.path(file).write_bytes(content.encode() if isinstance(content, str) else content)
+    r = held_stack_survives(kep, f"read {name} s")
+    assert message in r.stdout
 
 
 @pytest.mark.parametrize("command,sizes", [
