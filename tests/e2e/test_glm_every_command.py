@@ -116,11 +116,6 @@ def test_a_response_function_too_fine_to_convolve_is_refused(kep):
             "1200000 paradigm samples.\n") in r.stdout, r
 
 
-def test_commands_need_glm_and_events(kep):
-    r = kep.stdin("GLM-fit-events x\nGLM-remove-baseline\nquit\n")
-    assert r.stderr.count("Error: Stack glm does not exist.\n") == 2
-
-
 NAME_MISSING = "Error: A name for the volume to create is mandatory here.\n"
 
 

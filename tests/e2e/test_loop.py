@@ -4,14 +4,6 @@ import subprocess
 from conftest import KEP
 
 
-def test_prompt_unknown_command_and_quit(kep):
-    r = kep.stdin("Add\nADD\nquit\n")
-    assert r.returncode == 1
-    # one letter's case is one edit from `add'; three are too far for a suggestion
-    assert r.stdout == "kep > Did you mean `add'?\nkep > kep > "
-    assert r.stderr == "Error: The command was not found.\n" * 2
-
-
 def test_command_file_substitution_and_echo(kep):
     r = kep.script("show io-increment # $9 is a comment\nset io-increment $1\nshow io-increment\n", "4")
     assert r.returncode == 1

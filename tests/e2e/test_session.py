@@ -131,6 +131,8 @@ def test_ctrl_c_stops_a_glm_fit_and_removes_the_map_it_was_creating(kep):
     ("pad-x-", "Did you mean `pad-x' or `pad-xy'?\n"),
     ("reorder-interleaved-slice", "Did you mean `reorder-interleaved-slices'?\n"),
     ("qiut", "Did you mean `quit'?\n"),
+    ("Add", "Did you mean `add'?\n"),  # one letter's case is one edit; three are too far
+    ("ADD", ""),
     ("smooth", ""),
     ("glm-fit", ""),
 ])
