@@ -17,22 +17,10 @@ namespace {
 bool allowed(const char *line) {
   char word[KEP_LINE];
   if (next_word(line, word) == nullptr) return true;
-  static const char *const skipped[] = {"help",
-                                        "mode",
-                                        "read",
-                                        "read-loop",
-                                        "end-loop",
-                                        "write",
-                                        "write-short",
-                                        "write-float",
-                                        "write-slices",
-                                        "write-overlay",
-                                        "read-GLM",
-                                        "histogram",
-                                        "weighted-histogram",
-                                        "scatter-plot"};
-  for (const char *s : skipped)
-    if (strcmp(word, s) == 0) return false;
+  static const std::string skipped =
+      " help mode read read-loop end-loop write write-short write-float write-slices write-overlay read-GLM "
+      "histogram weighted-histogram scatter-plot ";
+  if (skipped.find(" " + std::string(word) + " ") != std::string::npos) return false;
   if (strcmp(word, "set") == 0 && strstr(line, "registration-distortions") != nullptr) return false;
   return strstr(line, ".com") == nullptr;
 }
