@@ -344,22 +344,6 @@ def test_subsets_and_the_stack_name_without_both_extensions(kep):
     np.testing.assert_array_equal(values[..., 0], data[..., 0])
 
 
-def test_append_rewrites_the_whole_file(kep):
-    data = make_source(kep, shape=(5, 4, 3, 4))
-    r = kep.stdin("read src.bfloat s\nwrite out.nii.gz s>0-1\nwrite out.nii.gz s>3\nwrite out.nii.gz s>0\n"
-                  "write-short out.nii.gz s\nwrite out.nii s>2\nquit\n")
-    assert "1 volume(s) of dimension 5 x 4 x 3 were written to file out.\n3 volumes now reside in file out.\n" in r.stdout
-    assert "4 volumes now reside in file out.\n" in r.stdout
-    assert "Error: don't mix data types in output file `out.nii.gz'\n" in r.stdout
-    # "out.nii" is another file than "out.nii.gz": a new file of its own
-    assert "1 volume(s) of dimension 5 x 4 x 3 were written to file out.\n" in r.stdout.split("mix data types")[1]
-    img = nib.load(str(kep.path("out.nii.gz")))
-    assert img.shape == (5, 4, 3, 4)
-    np.testing.assert_array_equal(np.asanyarray(img.dataobj), data[..., [0, 1, 3, 0]])
-    assert nib.load(str(kep.path("out.nii"))).shape == (5, 4, 3, 1)
-    assert sorted(p.name for p in kep.dir.iterdir()) == ["out.nii", "out.nii.gz", "src.bfloat", "src.hdr"]
-
-
 def test_append_to_a_file_changed_outside_fails_and_keeps_the_count(kep):
     data = make_source(kep, shape=(5, 4, 3, 4))
     session = KepSession(kep.dir, str(KEP))

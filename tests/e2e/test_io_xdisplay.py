@@ -181,18 +181,6 @@ def source(kep, shape=(2, 3, 2, 5), values=None, lines=()):
     return data
 
 
-def test_appending_writes_and_rewrites_the_header(kep):
-    data = source(kep, shape=(2, 3, 2, 8))
-    r = kep.stdin("read src.bfloat s\nwrite out.bfloat s>0-4\nwrite out.bfloat s>5-7\nquit\n")
-    assert "5 volume(s) of dimension 2 x 3 x 2 were written to file out.\n" in r.stdout
-    assert "3 volume(s) of dimension 2 x 3 x 2 were written to file out.\n8 volumes now reside in file out.\n" in r.stdout
-    values, fields = read_xdisplay(kep.dir, "out")
-    assert fields["t"] == ["8"]
-    assert (kep.dir / "out.hdr").read_text() == (
-        "x 2\ny 3\nz 2\nt 8\nbyte-order 1\nresolution 2 3 4 2.5\norigin 1 2 3\ndirection 1 1 1\n")
-    np.testing.assert_array_equal(values, data)
-
-
 def test_format_and_mixing_errors(kep):
     source(kep)
     r = kep.stdin("read src.bfloat s\nwrite out.blong s\nwrite out.bfloat s\nwrite out.bshort s\n"
