@@ -1,4 +1,5 @@
 """Malformed volume files and failing writes: a message, no crash, nothing changed."""
+import gzip
 import struct
 
 import nibabel as nib
@@ -22,6 +23,9 @@ def nifti_bytes(dims=(2, 2, 2), datatype=16, bitpix=32, vox_offset=352.0, endian
 
 DIRECTORY = None  # a directory where a file is expected
 HEADER = "x 2\ny 2\nz 2\nt 1\n"
+RAW = nib.Nifti1Image(np.arange(24, dtype=np.float32).reshape((2, 3, 4)), np.eye(4)).to_bytes()
+PACKED = gzip.compress(RAW)
+CUT_GZ = "Error: cannot read the NIFTI header of the compressed file n.nii.gz; it is cut short or damaged.\n"
 
 
 @pytest.mark.parametrize("files,message", [
@@ -41,6 +45,14 @@ HEADER = "x 2\ny 2\nz 2\nt 1\n"
     ({"n.nii": nifti_bytes()}, "Error reading file n.nii.\n"),
     ({"n.nii": nifti_bytes(endian=">") + bytes(20)}, "Error reading file n.nii.\n"),
     ({"n.nii": DIRECTORY}, "Error: cannot open Nifti file n.nii.\n"),
+    ({"n.nii.gz": gzip.compress(RAW[:200])}, CUT_GZ),
+    ({"n.nii.gz": PACKED[:25]}, CUT_GZ),
+    ({"n.nii.gz": b""}, CUT_GZ),
+    ({"n.nii.gz": gzip.compress(RAW[:-10])}, "Error reading file n.nii.gz.\n"),
+    # a damaged stream either decodes to an invalid header or ends early: an error either way
+    ({"n.nii.gz": PACKED[:12] + bytes(b ^ 0xA5 for b in PACKED[12:-8]) + PACKED[-8:]}, "Error"),
+    ({"n.nii.gz": b"\x1f\x8b\x08\x00" + bytes(range(256)) * 4}, "Error"),
+    ({}, "Error: cannot open Nifti file n.nii.gz.\n"),
     ({"n.hdr": DIRECTORY, "n.img": bytes(32)}, "Error: cannot open Nifti file n.hdr.\n"),
     ({"n.bshort": bytes(1000), "n.hdr": "x 1024\ny 1024\nz 256\nt 1\n"}, "Error reading file n.bshort.\n"),
     ({"n.hdr": DIRECTORY, "n.bfloat": bytes(32)}, "Error: cannot open xdisplay file n.hdr.\n"),
@@ -56,7 +68,7 @@ def test_unreadable_files_are_errors_that_leave_the_stacks(kep, files, message):
         else:
             path.write_bytes(content.encode() if isinstance(content, str) else content)
     write_xdisplay(kep.dir, "good.bfloat", np.ones((2, 2, 2, 1)), np.float32)
-    name = next(n for n in files if not n.endswith(".hdr") or len(files) == 1)
+    name = next((n for n in files if not n.endswith(".hdr") or len(files) == 1), "n.nii.gz")
     r = kep.stdin(f"read good.bfloat s\nread {name} s\nshow-stacks\nquit\n")
     assert r.returncode == 1 and "Fatal" not in r.stderr, r
     assert message in r.stdout
