@@ -38,9 +38,9 @@ class Study:
         runs = ""
         for r in range(self.nruns):
             text = f"{TR:g} {self.nimg * TR:g}\n"
-            for number, stims in self.events.items():
-                text += f"\n{event_char(number)}\n"
-                text += "".join(f"{on:g} {off:g} {m:g}\n" for on, off, m in stims)
+            for number, stims in self.events.items():  # a number, or the line that defines the event
+                text += f"\n{number if isinstance(number, str) else event_char(number)}\n"
+                text += "".join(" ".join(f"{v:g}" for v in stim) + "\n" for stim in stims)
             if self.exclude.get(r):
                 text += "\n-1\n" + "".join(f"{a} {b}\n" for a, b in self.exclude[r])
             (directory / f"run{r}.glm").write_text(text)

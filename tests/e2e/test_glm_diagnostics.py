@@ -80,13 +80,8 @@ def gamma_study(directory, taus, tau0=4.0, nimg=60):
             u = np.clip((t - on) / tau, 0, None)
             x += u * np.exp(1 - u)
         series.append(1000 + 50 * x + rng.normal(0, 1, nimg))
-    data = np.array(series, np.float32).reshape(len(taus), 1, 1, nimg)
-    img = nib.Nifti1Image(data, np.diag([3.0, 3.0, 4.0, 1.0]))
-    img.header.set_zooms((3.0, 3.0, 4.0, TR))
-    nib.save(img, str(directory / "run0.nii"))
-    (directory / "run0.glm").write_text(f"{TR:g} {nimg * TR:g}\n\n1 gamma {tau0:g}\n"
-                                        + "".join(f"{on} 1\n" for on in onsets))
-    (directory / "study.glm").write_text("baseline-terms 2\nconditions 1\nruns:\nrun0.nii run0.glm\n")
+    study = Study(nimg=nimg, nruns=1, terms=2, conditions="1", events={f"1 gamma {tau0:g}": [(on, 1) for on in onsets]})
+    study.write(directory, np.array(series).reshape(len(taus), 1, 1, nimg))
 
 
 @pytest.mark.parametrize("command", ["GLM-vary-tau 9 timing", "GLM-vary-taus 9 timing glm"])
@@ -123,12 +118,9 @@ def test_glm_vary_tau_scales_the_response_function_without_gamma_events(kep):
     rng = np.random.default_rng(14)
     series = [1000 + 30 * np.convolve(box, bold_response(f))[:fine.size][::n] + rng.normal(0, 0.5, nimg)
               for f in factors]
-    data = np.array(series, np.float32).reshape(len(factors), 1, 1, nimg)
-    img = nib.Nifti1Image(data, np.diag([3.0, 3.0, 4.0, 1.0]))
-    img.header.set_zooms((3.0, 3.0, 4.0, TR))
-    nib.save(img, str(kep.path("run0.nii")))
-    kep.path("run0.glm").write_text(f"{TR:g} {nimg * TR:g}\n\n1\n" + "".join(f"{a} {b}\n" for a, b in blocks))
-    kep.path("study.glm").write_text("IRF BOLD-monkey\nbaseline-terms 2\nconditions 1\nruns:\nrun0.nii run0.glm\n")
+    study = Study(nimg=nimg, nruns=1, terms=2, header="IRF BOLD-monkey\n", conditions="1",
+                  events={1: [(a, b, 1) for a, b in blocks]})
+    study.write(kep.dir, np.array(series).reshape(len(factors), 1, 1, nimg))
     r = kep.script("read-GLM study.glm\nGLM-vary-tau 7 timing\nwrite-float timing.nii timing\n")
     assert "Fatal" not in r.stderr, r
     out = np.asarray(nib.load(kep.path("timing.nii")).dataobj).reshape(len(factors), 2)
