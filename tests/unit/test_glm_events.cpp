@@ -111,8 +111,6 @@ TEST_F(GlmEvents, FileLevelErrors) {
   EXPECT_EQ(out, "Error reading line 1 of the GLM file " + last_name() + " (TR, run duration).\n");
   EXPECT_EQ(read("0 100\n", &out), 1);
   EXPECT_EQ(out, "Error reading line 1 of the GLM file " + last_name() + " (TR, run duration).\n");
-  EXPECT_EQ(read("1e-30 1e30\n", &out), 1);
-  EXPECT_NE(out.find("images"), std::string::npos);
   EXPECT_EQ(GLM.ntime, 0);
 }
 
