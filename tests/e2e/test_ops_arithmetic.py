@@ -36,34 +36,19 @@ def test_division_by_zero_changes_nothing(kep):
     assert_close(out["a"], a, rtol=0, atol=0)
 
 
-@pytest.mark.parametrize("command", ["add", "subtract", "multiply", "divide"])
-def test_reference_volume_operations(kep, command):
+@pytest.mark.parametrize("command", ["add", "subtract", "multiply", "divide", "add-stacks", "subtract-stacks",
+                                     "multiply-stacks", "divide-stacks"])
+def test_reference_volume_and_whole_stack_operations(kep, command):
+    """A reference volume acts on every volume; a whole stack ignores the subset."""
     a = random_stack(SHAPE, 3)
-    ref = random_stack((1,) + SHAPE[1:], 4, zeros=0.2)
-    r, out = run_ops(kep, {"a": a, "r": ref}, f"{command} r a", ["a"])
+    whole = command.endswith("-stacks")
+    b = random_stack(SHAPE if whole else (1,) + SHAPE[1:], 4, zeros=0.2)
+    r, out = run_ops(kep, {"a": a, "b": b}, f"{command} b a" + (">1" if whole else ""), ["a"])
     assert "Error" not in r.stderr, r
-    x, c = a.astype(np.complex128), ref.astype(np.complex128)
-    if command == "add":
-        expected = x + c
-    elif command == "subtract":
-        expected = x - c
-    elif command == "multiply":
-        expected = x * c
-    else:
-        with np.errstate(all="ignore"):
-            expected = np.where(c == 0, 0, x / np.where(c == 0, 1, c))
-    assert_close(out["a"], expected)
-
-
-@pytest.mark.parametrize("command", ["add-stacks", "subtract-stacks", "multiply-stacks", "divide-stacks"])
-def test_whole_stack_operations_ignore_the_subset(kep, command):
-    a = random_stack(SHAPE, 5)
-    b = random_stack(SHAPE, 6, zeros=0.2)
-    r, out = run_ops(kep, {"a": a, "b": b}, f"{command} b a>1", ["a"])
     x, c = a.astype(np.complex128), b.astype(np.complex128)
     with np.errstate(all="ignore"):
-        expected = {"add-stacks": x + c, "subtract-stacks": x - c, "multiply-stacks": x * c,
-                    "divide-stacks": np.where(c == 0, 0, x / np.where(c == 0, 1, c))}[command]
+        expected = {"add": x + c, "subtract": x - c, "multiply": x * c,
+                    "divide": np.where(c == 0, 0, x / np.where(c == 0, 1, c))}[command.split("-")[0]]
     assert_close(out["a"], expected)
 
 
