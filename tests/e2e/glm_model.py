@@ -115,6 +115,22 @@ def ar_noise(rng, shape, phi, sd=1.0):
     return x[..., burn:]
 
 
+def simulate(rng, study, shape, phi=(), sd=2.0):
+    """Series [voxel, time] of random effects on a baseline of 100 (a third of the event effects
+    null) with white or AR(len(phi)) noise, as float32 samples."""
+    X = study.design()
+    nvox, ne = int(np.prod(shape)), len(study.events)
+    beta = np.zeros((nvox, X.shape[1]))
+    beta[:, :ne] = rng.normal(0, 1.5, size=(nvox, ne)) * (rng.random((nvox, ne)) < 0.66)
+    beta[:, ne:] = rng.normal(0, 1, size=(nvox, X.shape[1] - ne))
+    beta[:, ne:ne + study.nruns] += 100
+    if phi:
+        noise = series(ar_noise(rng, (*shape, study.ntime), phi, sd))
+    else:
+        noise = rng.normal(0, sd, size=(nvox, study.ntime))
+    return (beta @ X.T + noise).astype(np.float32).astype(np.float64)
+
+
 def ols(X, inc, Y):
     """Coefficients [nvox, ncoeff] and fits [nvox, ntime] of series Y [nvox, ntime]."""
     Xi = X[inc]

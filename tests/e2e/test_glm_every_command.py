@@ -15,20 +15,11 @@ def run(kep, study, volume, commands):
     return r
 
 
-def noisy(rng, study, shape, scale=10.0):
-    X = study.design()
-    nvox = int(np.prod(shape))
-    beta = rng.normal(0, scale, size=(nvox, X.shape[1]))
-    beta[:, len(study.events):len(study.events) + study.nruns] += 1000  # run offsets
-    Y = beta @ X.T + rng.normal(0, 2, size=(nvox, study.ntime))
-    return X, Y.astype(np.float32).astype(np.float64)
-
-
 def test_baseline_variance_and_autocorrelation_maps_match_numpy(kep):
     rng = np.random.default_rng(3)
     study = gm.Study(nimg=40)
     shape = (4, 3, 2)
-    X, Y = noisy(rng, study, shape)
+    X, Y = study.design(), gm.simulate(rng, study, shape)
     Y[5] = 0  # one voxel with no signal at all
     r = run(kep, study, gm.grid(Y, shape),
             "GLM-residual-variance var\nwrite-float var.nii var\nGLM-map-AR ar\nwrite-float ar.nii ar\n"
@@ -56,7 +47,7 @@ def test_map_ar_lag_counts_and_progress(kep):
     rng = np.random.default_rng(4)
     for nimg, lags in ((5, 9), (50, 40)):
         study = gm.Study(nimg=nimg, events={1: [(1, 3, 1)], 2: [(5, 7, 1)]}, terms=1)
-        _, Y = noisy(rng, study, (2, 2, 2))
+        Y = gm.simulate(rng, study, (2, 2, 2))
         r = run(kep, study, gm.grid(Y, (2, 2, 2)), "GLM-map-AR ar\nshow-stacks\n")
         assert f"ar\r\t\t2\r\t\t\t2\r\t\t\t\t2\r\t\t\t\t\t{lags}\r" in r.stdout, r.stdout
         found = re.findall(r"(\d+) percent done\n", r.stdout)
@@ -94,7 +85,7 @@ def test_fit_events_marks_only_third_event_voxels(kep):
 def test_ar_model_leaves_zero_voxels_as_zero_over_zero_and_refuses_what_it_cannot_smooth(kep):
     rng = np.random.default_rng(8)
     study = gm.Study(nimg=30, header="AR 1\n")
-    X, Y = noisy(rng, study, (3, 2, 2))
+    Y = gm.simulate(rng, study, (3, 2, 2))
     Y[4] = 0
     run(kep, study, gm.grid(Y, (3, 2, 2)), "GLM-map-AR ar\nwrite-float ar.nii ar\n")
     ar = gm.series(gm.load(kep.path("ar.nii")))

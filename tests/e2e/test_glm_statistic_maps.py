@@ -30,23 +30,6 @@ def make_study(header="", exclude=None):
                     exclude=exclude or {})
 
 
-def volume_data(rng, study, shape, phi=()):
-    """Random effects on a baseline of 100 (a third of the effects null), white or
-    AR(len(phi)) noise, float32 samples."""
-    X = study.design()
-    nvox = int(np.prod(shape))
-    beta = np.zeros((nvox, X.shape[1]))
-    beta[:, :3] = rng.normal(0, 1.5, size=(nvox, 3)) * (rng.random((nvox, 3)) < 0.66)
-    beta[:, 3:] = rng.normal(0, 1, size=(nvox, X.shape[1] - 3))
-    beta[:, 3:5] += 100
-    if phi:
-        noise = gm.series(gm.ar_noise(rng, (*shape, study.ntime), phi, SD))
-    else:
-        noise = rng.normal(0, SD, size=(nvox, study.ntime))
-    Y = beta @ X.T + noise
-    return Y.astype(np.float32).astype(np.float64)
-
-
 def run_maps(kep, study, Y, shape, before="", after=""):
     study.write(kep.dir, gm.grid(Y, shape))
     r = kep.script(f"read-GLM study.glm\n{before}GLM-map-conditions maps\nwrite-float maps.nii maps\n{after}")
@@ -102,7 +85,7 @@ def test_maps_match_statsmodels_for_every_condition(kep, exclude, tolerance):
     error and statistic, p 1 and z 0."""
     rng = np.random.default_rng(3)
     study, shape = make_study(exclude=exclude), (5, 4, 3)
-    Y = volume_data(rng, study, shape)
+    Y = gm.simulate(rng, study, shape, sd=SD)
     Y[7] = 0
     r, maps = run_maps(kep, study, Y, shape)
     assert "condition 1,2,3: effect 15, error 16, F 17, p 18, z 19" in r.stdout
@@ -153,7 +136,7 @@ def test_ar_maps_match_generalized_least_squares(kep, order, phi):
     rng = np.random.default_rng(30 + order)
     study, shape = make_study(f"AR {order} 5\n"), (6, 5, 4)
     X, inc = study.design(), study.include()
-    Y = volume_data(rng, study, shape, phi)
+    Y = gm.simulate(rng, study, shape, phi, SD)
     mask = head_mask(shape)
     save(kep, "mask.nii", gm.grid(mask[:, None].astype(np.float32), shape))
     _, maps = run_maps(kep, study, Y, shape, before="read mask.nii mask\nset glm-mask mask\n")
@@ -216,7 +199,7 @@ def test_threshold_p_against_benjamini_hochberg(kep, masked):
     voxel passes."""
     rng = np.random.default_rng(6)
     study, shape = make_study(), (7, 6, 5)
-    Y = volume_data(rng, study, shape)
+    Y = gm.simulate(rng, study, shape, sd=SD)
     Y[rng.random(len(Y)) < 0.1] = 0  # outside the head: p 1 in the map
     mask = rng.random(shape) < 0.5
     save(kep, "mask.nii", mask)
