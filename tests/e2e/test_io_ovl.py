@@ -107,23 +107,16 @@ def test_mirror_in_x(kep):
     assert "in mirror function\nError: no overlay exists in memory.\n" in r.stdout
 
 
-def bitmap(kep, values):
-    values = np.asarray(values, dtype=np.float32).reshape((4, 2, 1, 1), order="F")
+def test_overlay_from_bitmap_rounds_and_clips_and_needs_one_volume(kep):
+    values = np.float32([0.104, 0.094, 1.7, -0.5, 0.5, 0.0, 0.1049, 0.33333]).reshape((4, 2, 1, 1), order="F")
     write_xdisplay(kep.dir, "bm.bfloat", values, np.float32)
-
-
-def test_overlay_from_bitmap_rounds_and_clips(kep):
-    bitmap(kep, [0.104, 0.094, 1.7, -0.5, 0.5, 0.0, 0.1049, 0.33333])
-    r, lines = overlay_lines(kep, "read bm.bfloat b\ncreate-overlay-from-bitmap b")
+    write_xdisplay(kep.dir, "two.bfloat", np.ones((2, 2, 1, 2)), np.float32)
+    r, lines = overlay_lines(kep, "read two.bfloat t\ncreate-overlay-from-bitmap t\n"
+                                  "read bm.bfloat b\ncreate-overlay-from-bitmap b")
+    assert "Error: only pass a single volume to this function.\n" in r.stdout
     # The warning is all the command prints.
     assert "kep > Warning: use normalized bitmaps (range:0 to 1)\nkep > " in r.stdout
     assert lines == ["0 0 0 0.1", "2 0 0 1", "0 1 0 0.5", "2 1 0 0.1", "3 1 0 0.33"]
-
-
-def test_overlay_from_bitmap_needs_one_volume(kep):
-    write_xdisplay(kep.dir, "two.bfloat", np.ones((2, 2, 1, 2)), np.float32)
-    r = kep.stdin("read two.bfloat t\ncreate-overlay-from-bitmap t\nquit\n")
-    assert "Error: only pass a single volume to this function.\n" in r.stdout
 
 
 def test_bitmap_from_overlay(kep):
