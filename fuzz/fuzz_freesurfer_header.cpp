@@ -22,11 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kep_fuzz::write(std::string("fs_001.") + extension, part[2]);
 
   initialize_global_variables();
-  try {
+  return kep_fuzz::guarded([&] {
     XD_HEADER h;
     if (read_volume_header("fs_", &h) == 0 && h.n4d <= (1 << 20)) read_xdisplay_file("fs_", "v", "");
-  } catch (const fatal &) {
-    // an end of the program: the input is done
-  }
-  return 0;
+  });
 }

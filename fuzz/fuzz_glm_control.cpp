@@ -21,9 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   GLM_reset_all();
   kep_fuzz::write("control.txt", data, size);
-  try {
+  return kep_fuzz::guarded([&] {
     if (GLM_read_control_file("control.txt", 0) == 0) kep_fuzz::design_and_fit();
-  } catch (const fatal &) {
-  }
-  return 0;
+  });
 }

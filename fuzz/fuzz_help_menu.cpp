@@ -23,12 +23,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // The first byte of the answers picks the level: a menu opened from another
   // menu returns to the top level file when done.
   const int level = !part[2].empty() && (part[2][0] & 1);
-  try {
+  return kep_fuzz::guarded([&] {
     help_menu(0, "fuzz-menu.txt");
     if (level) help_menu(1, "fuzz-menu.txt");
     print_help_page("documentation/kep-pages.txt");
-  } catch (const fatal &) {
-    // an end of the program: the input is done
-  }
-  return 0;
+  });
 }

@@ -64,6 +64,16 @@ inline std::vector<std::string> parts(const uint8_t *data, size_t size, size_t c
   return out;
 }
 
+// Runs `body`; a deliberate end of the program (a `fatal` thrown) ends the input.
+template <typename Body>
+int guarded(Body body) {
+  try {
+    body();
+  } catch (const fatal &) {
+  }
+  return 0;
+}
+
 inline void write(const std::string &name, const uint8_t *data, size_t size) {
   write(name, std::string(reinterpret_cast<const char *>(data), size));
 }

@@ -29,14 +29,6 @@ def test_end_loop_without_a_loop_does_nothing(kep):
     assert r.stderr == ""
 
 
-def test_failing_stored_line_stops_the_loop_in_a_command_file(kep):
-    write_xdisplay(kep.dir, "h.bfloat", np.zeros((2, 2, 1, 3)))
-    r = kep.script("read-loop h.bfloat s\nshow-stacks nosuch\nend-loop\nshow io-increment\n")
-    assert "macro>> show-stacks nosuch\n" in r.stdout
-    assert "io-increment" not in r.stdout.split("end-loop")[-1]
-    assert r.returncode == 1
-
-
 def test_reorder_interleaved_slices(kep):
     data = np.zeros((1, 1, 4, 1))
     data[0, 0, :, 0] = [10, 11, 12, 13]
