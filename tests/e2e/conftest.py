@@ -190,15 +190,6 @@ def run_ops(kep, inputs, commands, outputs, setup="", resolution=(1.0, 1.0, 1.0)
     return result, written
 
 
-def run_on_stack(kep, data, commands, resolution=(1.0, 1.0, 1.0), setup="", interactive=False):
-    """Reads `data` into stack a from a command file (stdin when `interactive`), runs the lines,
-    returns (result, stack a as written)."""
-    result, written = run_ops(kep, {"a": data}, commands, ["a"], setup, resolution, script=not interactive)
-    if not interactive:
-        assert result.returncode == 1, result  # the process ends with its input
-    return result, written["a"]
-
-
 def assert_close(actual, expected, rtol=2e-6, atol=2e-6):
     actual, expected = np.asarray(actual), np.asarray(expected)
     assert actual.shape == expected.shape, (actual.shape, expected.shape)

@@ -2,7 +2,7 @@
 import numpy as np
 import pytest
 
-from conftest import assert_single_precision, random_stack, run_on_stack, write_complex
+from conftest import assert_single_precision, random_stack, run_ops, write_complex
 
 AXIS = {"x": 3, "y": 2, "z": 1, "t": 0}
 
@@ -33,7 +33,7 @@ SHAPES = [(2, 4, 6, 8), (2, 5, 9, 7), (1, 3, 11, 13), (3, 2, 1, 5)]
 def test_every_transform_command_matches_numpy(kep, shape):
     data = random_stack(shape, seed=sum(shape))
     for command, (axes, direction) in COMMANDS.items():
-        _, written = run_on_stack(kep, data, f"{command} a")
+        written = run_ops(kep, {"a": data}, f"{command} a", ["a"], script=True)[1]["a"]
         expected = data.astype(np.complex128)
         for axis in axes:
             expected = centred(expected, AXIS[axis], direction, scale=True)
@@ -43,17 +43,16 @@ def test_every_transform_command_matches_numpy(kep, shape):
 @pytest.mark.parametrize("nt", [8, 7, 13])
 def test_time_transform_is_centred_and_unscaled(kep, nt):
     data = random_stack((nt, 2, 3, 4), seed=nt)
-    _, written = run_on_stack(kep, data, "transform-time a")
+    written = run_ops(kep, {"a": data}, "transform-time a", ["a"], script=True)[1]["a"]
     assert_single_precision(written, centred(data, 0, -1, scale=False))
 
 
 def test_time_transform_refuses_stacks_of_different_sizes(kep):
     data = random_stack((4, 1, 4, 4), seed=3)
     write_complex(kep.path("other.bfloat"), random_stack((4, 1, 2, 4), seed=4))
-    result, written = run_on_stack(kep, data, "read other.bfloat b\ntransform-time a b",
-                                   interactive=True)
+    result, written = run_ops(kep, {"a": data}, "read other.bfloat b\ntransform-time a b", ["a"])
     assert "Error: Stacks a and b have different dimensions.\n" in result.stderr
-    assert_single_precision(written, data.astype(np.complex128))
+    assert_single_precision(written["a"], data.astype(np.complex128))
 
 
 def kspace_weights(shape, fwhm, resolution, ndim):
@@ -74,7 +73,7 @@ def kspace_weights(shape, fwhm, resolution, ndim):
 def test_smoothing_multiplies_kspace_by_a_gaussian(kep, ndim):
     shape, resolution, fwhm = (3, 5, 12, 9), (1.3, 2.2, 3.1), 4.7
     data = random_stack(shape, seed=ndim)
-    result, written = run_on_stack(kep, data, f"smooth-{ndim}d {fwhm} a>1,2", resolution=resolution)
+    result, out = run_ops(kep, {"a": data}, f"smooth-{ndim}d {fwhm} a>1,2", ["a"], resolution=resolution, script=True)
     k = data.astype(np.complex128)
     axes = (3, 2, 1)[:ndim]
     for axis in axes:
@@ -83,13 +82,13 @@ def test_smoothing_multiplies_kspace_by_a_gaussian(kep, ndim):
     for axis in axes:
         k = centred(k, axis, -1, scale=True)
     # kep takes the FWHM as 2.355 sigma: weights within 2e-3 of the exact Gaussian's
-    assert_single_precision(written, k, factor=2e-3 / 1.2e-7 / np.log2(k.size))
+    assert_single_precision(out["a"], k, factor=2e-3 / 1.2e-7 / np.log2(k.size))
     assert "percent done" not in result.stdout
 
 
 def test_smoothing_reports_each_quarter_of_a_long_list(kep):
     data = random_stack((20, 1, 4, 4), seed=1)
-    result, _ = run_on_stack(kep, data, "smooth-3d 2 a")
+    result, _ = run_ops(kep, {"a": data}, "smooth-3d 2 a", ["a"], script=True)
     assert [line for line in result.stdout.splitlines() if "percent" in line] == [
         "25 percent done", "50 percent done", "75 percent done"]
 
@@ -102,7 +101,7 @@ def hamming(n):
 def test_hamming_window_matches_numpy(kep, command):
     shape = (2, 4, 6, 7)
     data = random_stack(shape, seed=5)
-    _, written = run_on_stack(kep, data, f"{command} a>0")  # the whole stack
+    written = run_ops(kep, {"a": data}, f"{command} a>0", ["a"], script=True)[1]["a"]  # the whole stack
     wz = hamming(4) if command.endswith("xyz") else np.ones(4)
     w = wz[:, None, None] * hamming(6)[None, :, None] * hamming(7)[None, None, :]
     assert_single_precision(written, data * w)
@@ -110,14 +109,14 @@ def test_hamming_window_matches_numpy(kep, command):
 
 def test_hamming_window_of_one_sample_is_nan(kep):
     data = np.ones((1, 1, 3, 1), dtype=np.complex64)
-    _, written = run_on_stack(kep, data, "hamming-window a")
+    written = run_ops(kep, {"a": data}, "hamming-window a", ["a"], script=True)[1]["a"]
     assert np.all(np.isnan(written.real))
 
 
 def test_exponential_weighting_of_listed_volumes(kep):
     shape, tau = (3, 2, 3, 10), 4.0
     data = random_stack(shape, seed=6)
-    _, written = run_on_stack(kep, data, f"exp-filter-1d {tau} a>0,2")
+    written = run_ops(kep, {"a": data}, f"exp-filter-1d {tau} a>0,2", ["a"], script=True)[1]["a"]
     x = np.arange(10)
     expected = data.astype(np.complex128)
     expected[[0, 2]] *= np.exp(x / tau) * np.exp(-x ** 2 / tau ** 2)
@@ -158,7 +157,7 @@ def edge_reference(volume, following=None):
 def test_edge_filter_matches_its_wrap_rule(kep):
     shape = (2, 2, 5, 6)
     data = random_stack(shape, seed=8) + 2
-    _, written = run_on_stack(kep, data, "edge-filter a")
+    written = run_ops(kep, {"a": data}, "edge-filter a", ["a"], script=True)[1]["a"]
     expected = np.stack([edge_reference(data[0], data[1]), edge_reference(data[1])])
     assert_single_precision(written, expected.astype(complex), factor=16)
 
