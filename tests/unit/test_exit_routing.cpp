@@ -36,6 +36,8 @@ TEST(ExitRouting, LibraryEndsAreThrown) {
   };
   const Case cases[] = {
       {[] { ibeta(-1.0, 2.0, 0.5); }, "ibeta: Domain error!, a = -1, b = 2\n"},
+      {[] { ibeta(0.0, 2.0, 0.5); }, "ibeta: Domain error!, a = 0, b = 2\n"},
+      {[] { ibeta(1.5, -0.25, 0.5); }, "ibeta: Domain error!, a = 1.5, b = -0.25\n"},
       {[] {
          float x[1] = {0}, y[1] = {0}, a, b, s;
          fit_line(1, x, y, &a, &b, &s);

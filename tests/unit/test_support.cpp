@@ -26,11 +26,3 @@ std::string capture_stream(FILE *stream, const std::function<void()> &body) {
 }
 
 void reset_interpreter() { initialize_global_variables(); }
-std::string exactly(const std::string &text) {
-  std::string re = "^";
-  for (char c : text) {
-    if (std::string(".[]{}()\\*+?^$|").find(c) != std::string::npos) re += '\\';
-    re += c;
-  }
-  return re + "$";
-}

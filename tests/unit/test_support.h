@@ -72,16 +72,3 @@ class GlmTest : public ScratchTest {
     return result;
   }
 };
-
-// Runs `statement` in a child whose standard output is sent to standard
-// error, ending as the command loop ends on a fatal, and expects it to print
-// exactly `text` and end with status 1.
-std::string exactly(const std::string &text);
-#define EXPECT_FATAL_STDOUT(statement, text) \
-  EXPECT_EXIT(                               \
-      {                                      \
-        fflush(stdout);                      \
-        dup2(2, 1);                          \
-        KEP_AS_LOOP(statement);              \
-      },                                     \
-      ::testing::ExitedWithCode(1), exactly(text))
