@@ -171,19 +171,6 @@ def source(kep, shape=(2, 3, 2, 5), values=None, lines=()):
     return data
 
 
-def test_format_and_mixing_errors(kep):
-    source(kep)
-    r = kep.stdin("read src.bfloat s\nwrite out.blong s\nwrite out.bfloat s\nwrite out.bshort s\n"
-                  "write other.bfloat s>0\nquit\n")
-    assert ("Error: that output file format is not supported.\n"
-            "Use the `bfloat' extension or use `bshort' after `rescale'.\n") in r.stdout
-    assert "Error: don't mix data types in output file `out.bshort'\n" in r.stdout
-    write_xdisplay(kep.dir, "big.bfloat", ramp(shape=(4, 4, 4, 1)), np.float32)
-    r = kep.stdin("read src.bfloat s\nread big.bfloat b\nwrite out.bfloat s\nwrite out.bfloat b\nquit\n")
-    assert "Error: the xdisplay file `out.bfloat' has different dimensions.\n" in r.stdout
-    assert read_header(kep.dir / "out.hdr")["t"] == ["5"]
-
-
 def test_short_and_unsigned_short_conversions(kep):
     values = np.array([40000.7, -3.9, 1.9, -32768.0, 32767.4, 70000.0, -1.0, 65535.9],
                       dtype=np.float32).reshape((2, 2, 2, 1), order="F")
@@ -197,11 +184,16 @@ def test_short_and_unsigned_short_conversions(kep):
     np.testing.assert_array_equal(floats, values.ravel(order="F"))
 
 
-def test_geometry_warnings_on_append(kep):
+def test_appends_check_format_type_and_size_and_warn_of_other_geometry(kep):
     source(kep)
     write_xdisplay(kep.dir, "other.bfloat", ramp(shape=(2, 3, 2, 1)), np.float32,
                    ["resolution 1 3 4 2", "origin 1 2 9", "direction 1 -1 1", "registration paxinos-rat"])
-    r = kep.stdin("read src.bfloat s\nread other.bfloat o\nwrite out.bfloat s\nwrite out.bfloat o\nquit\n")
+    write_xdisplay(kep.dir, "big.bfloat", ramp(shape=(4, 4, 4, 1)), np.float32)
+    r = kep.stdin("read src.bfloat s\nread other.bfloat o\nread big.bfloat b\nwrite out.blong s\nwrite out.bfloat s\n"
+                  "write out.bshort s\nwrite out.bfloat o\nwrite out.bfloat b\nquit\n")
+    assert ("Error: that output file format is not supported.\n"
+            "Use the `bfloat' extension or use `bshort' after `rescale'.\n") in r.stdout
+    assert "Error: don't mix data types in output file `out.bshort'\n" in r.stdout
     assert "Warning: o not combine registered and un-registered data in the same file.\n" in r.stdout
     assert ("Warning: the resolution of stack o (1.000000 3.000000 4.000000)\n"
             "differs from the resolution assigned to the file (2.000000 3.000000 4.000000)\n") in r.stdout
@@ -211,6 +203,8 @@ def test_geometry_warnings_on_append(kep):
     assert ("Warning: the direction of stack o (1.000000 -1.000000 1.000000)\n"
             "differs from the direction assigned to the file (1.000000 1.000000 1.000000)\n") in r.stdout
     assert "6 volumes now reside in file out.\n" in r.stdout
+    assert "Error: the xdisplay file `out.bfloat' has different dimensions.\n" in r.stdout
+    assert read_header(kep.dir / "out.hdr")["t"] == ["6"]
 
 
 def test_complex_output_writes_pairs_and_its_header_line(kep):
