@@ -218,9 +218,9 @@ def whitening_filter(rho, n):
 
 
 def ar_fit(X, inc, Y, shape, p, fwhm):
-    """The two-pass fit of series Y [nvox, ntime] (voxel order x fastest) on a
-    grid of `shape`. All-zero voxels are left out and get zero coefficients.
-    Returns coefficients [nvox, ncoeff] and the coefficient maps used."""
+    """The first pass of the two-pass fit of series Y [nvox, ntime] (voxel order x fastest)
+    on a grid of `shape`: the smoothed autocorrelation maps the refit whitens with. All-zero
+    voxels are left out and get zero coefficients."""
     nvox = Y.shape[0]
     active = np.any(Y != 0, axis=1)
     R = residual_forming(X, inc)
@@ -232,12 +232,7 @@ def ar_fit(X, inc, Y, shape, p, fwhm):
         weight = series(smooth(grid(active.astype(float), shape), fwhm)[..., None])[:, 0]
         sm = series(smooth(grid(rho * active[:, None], shape), fwhm))
         rho = np.where(active[:, None], sm / np.where(weight > 0, weight, 1)[:, None], 0)
-    beta = np.zeros((nvox, X.shape[1]))
-    for v in np.flatnonzero(active):
-        W = whitening_filter(rho[v], X.shape[0])
-        Xw, yw = W @ X, W @ Y[v]
-        beta[v] = np.linalg.solve(Xw.T @ Xw, Xw.T @ (inc * yw))
-    return beta, rho
+    return rho
 
 
 def series(volume):
