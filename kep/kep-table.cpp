@@ -1,7 +1,9 @@
 // The command table: one row per command with its argument form and operation.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iterator>
 #include <new>
 #include <string>
@@ -155,7 +157,7 @@ const Command commands[] = {
     {"smooth-3d", Form::RealAndList, false, [](Decoded &d) { return smooth_in_kspace(d.r[0], 3); }},
     {"smooth-2d", Form::RealAndList, false, [](Decoded &d) { return smooth_in_kspace(d.r[0], 2); }},
     {"weighted-average", Form::NameAndList, false, [](Decoded &d) { return weighted_average(d.name); }},
-    {"read", Form::ReadArgument, false, read_command},
+    {"read", Form::ReadArgument, false, read_command, KNOWS_REAL_ONLY},
     {"read-loop", Form::ReadArgument, false,
      [](Decoded &d) {
        int result = 0;
@@ -163,13 +165,13 @@ const Command commands[] = {
          result = initialize_read_loop(d.kind, d.file, d.name, d.subset);
        set_read_loop_running(1);
        return result;
-     }},
+     }, KNOWS_REAL_ONLY},
     {"end-loop", Form::Nothing, false,
      [](Decoded &) {
        set_read_loop_running(0);
        return flush_read_loop_commands();
      },
-     RUNS_IN_READ_LOOP},
+     RUNS_IN_READ_LOOP | KNOWS_REAL_ONLY},
     {"mode", Form::WholeText, false,
      [](Decoded &d) {
        if (flags & FLAG_MODE_FILE2) {
@@ -179,11 +181,11 @@ const Command commands[] = {
        strip_com_arguments(d.text);
        return open_command_file(com_argv[1]);
      },
-     RUNS_IN_READ_LOOP},
-    {"write", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_FROM_NAME, d.name); }},
-    {"write-short", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_SHORT, d.name); }},
-    {"write-float", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_FLOAT, d.name); }},
-    {"write-slices", Form::FileAndList, false, [](Decoded &d) { return write_slices(d.name); }},
+     RUNS_IN_READ_LOOP | KNOWS_REAL_ONLY},
+    {"write", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_FROM_NAME, d.name); }, KNOWS_REAL_ONLY},
+    {"write-short", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_SHORT, d.name); }, KNOWS_REAL_ONLY},
+    {"write-float", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_FLOAT, d.name); }, KNOWS_REAL_ONLY},
+    {"write-slices", Form::FileAndList, false, [](Decoded &d) { return write_slices(d.name); }, KNOWS_REAL_ONLY},
     {"write-overlay", Form::WholeText, false, [](Decoded &d) { return write_ovl(d.text); }},
     {"delete-overlay", Form::Nothing, false,
      [](Decoded &) {
@@ -203,18 +205,18 @@ const Command commands[] = {
      [](Decoded &) { return magnitude_window_together(); }},
     {"scale", Form::RealAndList, false, [](Decoded &d) { return scale_volumes(d.r[0]); }},
     {"normalize", Form::RealAndList, false, [](Decoded &d) { return normalize_volumes(d.r[0]); }},
-    {"bye", Form::Nothing, false, end_process},
-    {"quit", Form::Nothing, false, end_process},
-    {"stop", Form::Nothing, false, end_process},
-    {"exit", Form::Nothing, false, end_process},
-    {"help", Form::WholeText, false, [](Decoded &d) { return help_command(d.text); }},
+    {"bye", Form::Nothing, false, end_process, KNOWS_REAL_ONLY},
+    {"quit", Form::Nothing, false, end_process, KNOWS_REAL_ONLY},
+    {"stop", Form::Nothing, false, end_process, KNOWS_REAL_ONLY},
+    {"exit", Form::Nothing, false, end_process, KNOWS_REAL_ONLY},
+    {"help", Form::WholeText, false, [](Decoded &d) { return help_command(d.text); }, KNOWS_REAL_ONLY},
     {"set", Form::WholeText, false, set_command, TAKES_RAW_LINE},
     {"show", Form::WholeText, false, show_command, TAKES_RAW_LINE},
-    {"show-stacks", Form::VolumeList, false, [](Decoded &) { return show_stacks(); }},
+    {"show-stacks", Form::VolumeList, false, [](Decoded &) { return show_stacks(); }, KNOWS_REAL_ONLY},
     {"convert-complex", Form::VolumeList, false, [](Decoded &) { return convert_complex(); }},
     {"convert-to-real", Form::VolumeList, false, [](Decoded &) { return convert_to_real(); }},
-    {"copy", Form::NameAndList, false, [](Decoded &d) { return copy_volumes(d.name); }},
-    {"delete", Form::VolumeList, false, [](Decoded &) { return delete_stacks(); }},
+    {"copy", Form::NameAndList, false, [](Decoded &d) { return copy_volumes(d.name); }, KNOWS_REAL_ONLY},
+    {"delete", Form::VolumeList, false, [](Decoded &) { return delete_stacks(); }, KNOWS_REAL_ONLY},
     {"clip-x", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::X); }},
     {"clip-y", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::Y); }},
     {"clip-z", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::Z); }},
@@ -252,32 +254,32 @@ const Command commands[] = {
     {"map-snr", Form::NameAndList, false, [](Decoded &d) { return map_snr(d.name); }},
     {"map-t2", Form::NameAndList, false, [](Decoded &d) { return map_t2(DecayMap::T2, d.name); }},
     {"map-diffusion", Form::NameAndList, false, [](Decoded &d) { return map_t2(DecayMap::Diffusion, d.name); }},
-    {"read-GLM", Form::WholeText, false, [](Decoded &d) { return macro_read_glm_control_file(d.text); }},
-    {"GLM-remove-baseline", Form::Nothing, true, [](Decoded &) { return glm_remove_or_correct_baseline(BaselineStep::Remove); }},
+    {"read-GLM", Form::WholeText, false, [](Decoded &d) { return macro_read_glm_control_file(d.text); }, KNOWS_REAL_ONLY},
+    {"GLM-remove-baseline", Form::Nothing, true, [](Decoded &) { return glm_remove_or_correct_baseline(BaselineStep::Remove); }, KNOWS_REAL_ONLY},
     {"GLM-correct-baseline", Form::Nothing, true,
-     [](Decoded &) { return glm_remove_or_correct_baseline(BaselineStep::Correct); }},
-    {"GLM-histogram", Form::Nothing, true, [](Decoded &) { return glm_histogram_unbiased(); }},
+     [](Decoded &) { return glm_remove_or_correct_baseline(BaselineStep::Correct); }, KNOWS_REAL_ONLY},
+    {"GLM-histogram", Form::Nothing, true, [](Decoded &) { return glm_histogram_unbiased(); }, KNOWS_REAL_ONLY},
     {"GLM-residue", Form::WordNameAndList, true,
-     [](Decoded &d) { return glm_create_residue(d.word, d.name); }},
-    {"GLM-fit-events", Form::NameAndList, true, [](Decoded &d) { return glm_fit_events(d.name); }},
+     [](Decoded &d) { return glm_create_residue(d.word, d.name); }, KNOWS_REAL_ONLY},
+    {"GLM-fit-events", Form::NameAndList, true, [](Decoded &d) { return glm_fit_events(d.name); }, KNOWS_REAL_ONLY},
     {"GLM-find-maximal-effect", Form::WordNameAndList, true,
-     [](Decoded &d) { return glm_maximal_effect(d.word, d.name); }},
+     [](Decoded &d) { return glm_maximal_effect(d.word, d.name); }, KNOWS_REAL_ONLY},
     {"GLM-residual-variance", Form::NameAndList, true,
-     [](Decoded &d) { return glm_create_residual_variance(d.name); }},
-    {"GLM-map-AR", Form::NameAndList, true, [](Decoded &d) { return glm_create_AR_maps(d.name); }},
+     [](Decoded &d) { return glm_create_residual_variance(d.name); }, KNOWS_REAL_ONLY},
+    {"GLM-map-AR", Form::NameAndList, true, [](Decoded &d) { return glm_create_AR_maps(d.name); }, KNOWS_REAL_ONLY},
     {"GLM-vary-tau", Form::IntNameAndList, true,
-     [](Decoded &d) { return glm_vary_time_constant(d.n, d.name); }},
+     [](Decoded &d) { return glm_vary_time_constant(d.n, d.name); }, KNOWS_REAL_ONLY},
     {"GLM-vary-taus", Form::IntNameAndList, false,
-     [](Decoded &d) { return glm_vary_time_constants(d.n, d.name); }},
+     [](Decoded &d) { return glm_vary_time_constants(d.n, d.name); }, KNOWS_REAL_ONLY},
     {"histogram", Form::VolumeList, false, [](Decoded &) { return fill_histogram(); }},
     {"weighted-histogram", Form::VolumeList, false, [](Decoded &) { return fill_weighted_histogram(); }},
     {"scatter-plot", Form::FileAndList, false, [](Decoded &d) { return scatter_plot(d.name); }},
     {"calculate-overlay-overlap", Form::RealAndList, false,
      [](Decoded &d) { return calculate_overlay_volume_overlap(d.r[0]); }},
-    {"GLM-map-conditions", Form::NameAndList, true, [](Decoded &d) { return glm_map_conditions(d.name); }},
-    {"threshold-p", Form::WholeText, false, [](Decoded &d) { return threshold_p_command(d.text); }},
-    {"clusters", Form::WholeText, false, [](Decoded &d) { return clusters_command(d.text); }},
-    {"GLM-write-design", Form::WholeText, false, [](Decoded &d) { return glm_write_design(d.text); }},
+    {"GLM-map-conditions", Form::NameAndList, true, [](Decoded &d) { return glm_map_conditions(d.name); }, KNOWS_REAL_ONLY},
+    {"threshold-p", Form::WholeText, false, [](Decoded &d) { return threshold_p_command(d.text); }, KNOWS_REAL_ONLY},
+    {"clusters", Form::WholeText, false, [](Decoded &d) { return clusters_command(d.text); }, KNOWS_REAL_ONLY},
+    {"GLM-write-design", Form::WholeText, false, [](Decoded &d) { return glm_write_design(d.text); }, KNOWS_REAL_ONLY},
 };
 
 const char *const macros[] = {"reorder-interleaved-slices"};
@@ -370,6 +372,49 @@ int interpret_command(int kind, const char *word) {
   return -1;
 }
 
+namespace {
+
+// Hands an operation that only knows complex samples complex storage for every
+// stack its volume lists name, and afterwards gives the real-only form back to
+// each stack it listed, created or replaced whose imaginary parts stayed zero.
+class complex_storage_for {
+ public:
+  explicit complex_storage_for(bool needed) : needed_(needed) {
+    if (!needed_) return;
+    for (const data_stack *s = stack_root.get(); s; s = s->next.get()) before_.push_back({s, s->storage()});
+    was_ = set_lists_complex(true);
+  }
+  // Called once the lists are decoded.
+  void listed() {
+    if (!needed_) return;
+    for (const volume_list *root : {volume_list_root, comparison_list_root})
+      for (const volume_list *v = root; v; v = v->next) listed_.push_back(v->stack);
+  }
+  ~complex_storage_for() {
+    if (!needed_) return;
+    set_lists_complex(was_);
+    if (std::uncaught_exceptions() > 0) return;  // the program is ending
+    for (data_stack *s = stack_root.get(); s; s = s->next.get()) {
+      if (s->real_only()) continue;
+      const bool unchanged =
+          std::find(before_.begin(), before_.end(),
+                    std::pair<const data_stack *, const void *>{s, s->storage()}) != before_.end();
+      const bool was_listed = std::find(listed_.begin(), listed_.end(), s) != listed_.end();
+      if (!unchanged || was_listed) make_real_if_possible(s);
+    }
+  }
+  complex_storage_for(const complex_storage_for &) = delete;
+  complex_storage_for &operator=(const complex_storage_for &) = delete;
+
+ private:
+  bool needed_;
+  bool was_ = false;
+  std::vector<std::pair<const data_stack *, const void *>> before_;
+  std::vector<const data_stack *> listed_;
+};
+
+}  // namespace
+
 int act_on_command(int index, char *arguments) {
   initialize_volume_list();
   last_operation_status = 0;
@@ -389,6 +434,7 @@ int act_on_command(int index, char *arguments) {
   memcpy(text.data(), arguments, length);
   Decoded d;
   d.text = text.data();
+  complex_storage_for storage((c.flags & KNOWS_REAL_ONLY) == 0);
   if (c.glm) {
     // These commands always act on the stack "glm": keep their own words and
     // let "glm" stand where the volume list would be. While one of their own
@@ -408,6 +454,7 @@ int act_on_command(int index, char *arguments) {
     char glm[KEP_LINE] = "glm";
     if (decode_volume_list(0, glm)) return 1;
   }
+  storage.listed();
   warn_before_operation(c.name, c.glm);
   // Operations size their work before they allocate; memory that still runs
   // out ends the program like every other failed allocation.
@@ -429,7 +476,9 @@ int act_on_macro(int index, char *arguments) {
   std::vector<char> text(length + 1 > KEP_LINE ? length + 1 : KEP_LINE, '\0');
   memcpy(text.data(), arguments, length);
   int start = 0;
+  complex_storage_for storage(true);
   if (decode_int_and_list(text.data(), &start)) return 1;
+  storage.listed();
   last_operation_status = macro_reorder_interleaved_slices(start) != 0 ? 1 : 0;
   return 0;
 }

@@ -22,12 +22,11 @@ void warn_before_operation(const char *command, bool glm_command) {
   // Counted per stack, in the order the stacks are first listed.
   std::vector<std::pair<const data_stack *, long>> counts;
   // A volume listed again is counted once.
-  std::unordered_set<const FCOMPLEX *> scanned;
+  std::unordered_set<const void *> scanned;
   for (const volume_list *v = volume_list_root; v; v = v->next) {
-    if (!scanned.insert(v->SpaceTime.fcData).second) continue;
+    if (!scanned.insert(v->SpaceTime.fData).second) continue;
     long nan = 0;
-    const FCOMPLEX *p = v->SpaceTime.fcData;
-    for (int i = 0; i < v->n3d; i++) nan += std::isnan(p[i].real) || std::isnan(p[i].imag);
+    for (int i = 0; i < v->n3d; i++) nan += std::isnan(v->re(i)) || std::isnan(v->im(i));
     size_t k = 0;
     while (k < counts.size() && counts[k].first != v->stack) k++;
     if (k == counts.size()) counts.emplace_back(v->stack, 0);
