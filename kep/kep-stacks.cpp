@@ -291,20 +291,33 @@ bool copy_releases_sources = false;
 
 void set_copy_releases_sources(bool on) { copy_releases_sources = on; }
 
+void copy_volume(const volume_list *v, FCOMPLEX *out) {
+  if (!v->real_only()) {
+    memcpy(out, v->SpaceTime.fcData, sizeof(FCOMPLEX) * v->n3d);
+    return;
+  }
+  for (long i = 0; i < v->n3d; i++) out[i] = {v->SpaceTime.fData[i], 0.0f};
+}
+
+void copy_volume(const volume_list *v, float *out) {
+  memcpy(out, v->SpaceTime.fData, sizeof(float) * v->n3d);
+}
+
+bool all_real_only(const volume_list *root) {
+  for (const volume_list *v = root; v; v = v->next)
+    if (!v->real_only()) return false;
+  return true;
+}
+
 namespace {
 
 // Volume v's samples into `dst` from sample `offset` on (dst's form; a real
 // stack only takes real-only volumes).
 void copy_volume_into(data_stack *dst, long offset, const volume_list *v) {
-  const long n3d = v->n3d;
-  if (dst->reals) {
-    memcpy(dst->reals.get() + offset, v->SpaceTime.fData, sizeof(float) * n3d);
-  } else if (!v->real_only()) {
-    memcpy(dst->samples.get() + offset, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
-  } else {
-    FCOMPLEX *out = dst->samples.get() + offset;
-    for (long i = 0; i < n3d; i++) out[i] = {v->SpaceTime.fData[i], 0.0f};
-  }
+  if (dst->reals)
+    copy_volume(v, dst->reals.get() + offset);
+  else
+    copy_volume(v, dst->samples.get() + offset);
 }
 
 size_t storage_bytes(const data_stack *s) {
@@ -317,16 +330,16 @@ int copy_volumes(const char *name) {
   if (volume_list_root == nullptr) return 1;
   const volume_list *first = volume_list_root;
   long count = 0;
-  bool replaces_source = false, all_real = true;
+  bool replaces_source = false;
   for (const volume_list *v = first; v; v = v->next) {
     if (v->dim.x != first->dim.x || v->dim.y != first->dim.y || v->dim.z != first->dim.z) {
       kep_textf(2, "Stacks %s and %s have different dimensions.", first->stack->name, v->stack->name);
       return 1;
     }
     replaces_source = replaces_source || strcmp(v->stack->name, name) == 0;
-    all_real = all_real && v->real_only();
     count++;
   }
+  const bool all_real = all_real_only(first);
   const SampleForm form = all_real ? SampleForm::Real : SampleForm::Complex;
   const long n3d = first->n3d;
   // Refused before anything is gathered when the joined size does not fit.

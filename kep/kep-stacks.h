@@ -34,6 +34,12 @@ void make_complex(data_stack *stack);
 // back (a -0 or NaN imaginary part keeps the pairs, so nothing written
 // changes); returns whether it did.
 bool make_real_if_possible(data_stack *stack);
+// Volume v's n3d samples into `out`: as pairs (a real-only volume gives zero
+// imaginary parts), or as real parts, of a real-only volume only.
+void copy_volume(const volume_list *v, FCOMPLEX *out);
+void copy_volume(const volume_list *v, float *out);
+// Whether every volume of the list is real-only.
+bool all_real_only(const volume_list *root);
 // A new array of `count` samples or floats, with huge pages asked for when
 // it is large (that spares the page faults of filling it); null when there
 // is no memory.
