@@ -22,6 +22,7 @@
 #include "kep-interrupt.h"
 #include "kep-read.h"
 #include "kep-stacks.h"
+#include "kep-util.h"
 #include "kep.h"
 #include "text.h"
 
@@ -150,6 +151,9 @@ void convert_listed(const unsigned char *first, const XD_HEADER &h, const std::v
     if (v != list[next]) continue;
     convert(const_cast<unsigned char *>(first), volume, h.storage_type, false, h.scale_slope, h.scale_offset,
             out + next * static_cast<size_t>(volume));
+    // The file's pages are not kept mapped once converted: a read then
+    // needs little more memory than the stack it fills.
+    release_pages(const_cast<unsigned char *>(first), static_cast<size_t>(volume_bytes));
     next++;
   }
 }
