@@ -26,7 +26,14 @@ void warn_before_operation(const char *command, bool glm_command) {
   for (const volume_list *v = volume_list_root; v; v = v->next) {
     if (!scanned.insert(v->SpaceTime.fData).second) continue;
     long nan = 0;
-    for (int i = 0; i < v->n3d; i++) nan += std::isnan(v->re(i)) || std::isnan(v->im(i));
+    // One plain pass over the floats of the volume, whatever its form.
+    const float *p = v->SpaceTime.fData;
+    const long floats = v->real_only() ? v->n3d : 2L * v->n3d;
+    if (v->real_only()) {
+      for (long i = 0; i < floats; i++) nan += p[i] != p[i];
+    } else {
+      for (long i = 0; i < floats; i += 2) nan += (p[i] != p[i]) | (p[i + 1] != p[i + 1]);
+    }
     size_t k = 0;
     while (k < counts.size() && counts[k].first != v->stack) k++;
     if (k == counts.size()) counts.emplace_back(v->stack, 0);
