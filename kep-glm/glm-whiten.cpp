@@ -30,6 +30,7 @@ struct LaggedProducts {
   long rows = 0, columns = 0;
   std::vector<std::vector<double>> g;        // by order: [(s * (q + 1) + u) * nc * nc + i * nc + j]
   std::vector<double> u_columns, x_columns;  // [c * n + t]
+  bool same_columns = false;                 // no image excluded: U and the original design agree
 };
 thread_local LaggedProducts lagged;
 
@@ -48,6 +49,7 @@ void prepare_lagged() {
       lagged.u_columns[static_cast<size_t>(c) * n + t] = unwhitened[t][c];
       lagged.x_columns[static_cast<size_t>(c) * n + t] = GLM.Xorig_tc[t][c];
     }
+  lagged.same_columns = lagged.u_columns == lagged.x_columns;
   lagged.rows = n;
   lagged.columns = nc;
   lagged.valid = true;
@@ -301,13 +303,23 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
   fast_fit.assign(static_cast<size_t>(n), 0.0);
   fast_m.assign(static_cast<size_t>(n), 0.0);
   double *__restrict fd = fast_fit.data(), *__restrict m = fast_m.data();
-  for (int c = 0; c < nc; c++) {
-    const double bc = beta[c];
-    const double *__restrict x = X + static_cast<size_t>(c) * n, *__restrict u =
-                                                                     U + static_cast<size_t>(c) * n;
-    for (int t = 0; t < n; t++) {
-      fd[t] += x[t] * bc;
-      m[t] += u[t] * bc;
+  if (lagged.same_columns) {
+    // U beta is the fit itself, summed in the same order.
+    for (int c = 0; c < nc; c++) {
+      const double bc = beta[c];
+      const double *__restrict x = X + static_cast<size_t>(c) * n;
+      for (int t = 0; t < n; t++) fd[t] += x[t] * bc;
+    }
+    std::memcpy(m, fd, sizeof(double) * n);
+  } else {
+    for (int c = 0; c < nc; c++) {
+      const double bc = beta[c];
+      const double *__restrict x = X + static_cast<size_t>(c) * n, *__restrict u =
+                                                                       U + static_cast<size_t>(c) * n;
+      for (int t = 0; t < n; t++) {
+        fd[t] += x[t] * bc;
+        m[t] += u[t] * bc;
+      }
     }
   }
   for (int t = 0; t < n; t++) fit[t] = static_cast<float>(fd[t]);

@@ -20,7 +20,8 @@ namespace {
 constexpr long kBlock = 4096;
 
 // out[g] += every node of `groups[g]`, for all groups, blockwise. Then each
-// output sample is divided by `divisor`.
+// output sample is divided by `divisor`. Real-only volumes add zero
+// imaginary parts, as pairs would.
 void sum_groups(const std::vector<std::vector<const volume_list *>> &groups, FCOMPLEX *out, long n3d,
                 float divisor) {
   for (size_t g = 0; g < groups.size(); g++) {
@@ -29,6 +30,14 @@ void sum_groups(const std::vector<std::vector<const volume_list *>> &groups, FCO
       const long end = std::min(n3d, start + kBlock);
       for (long i = start; i < end; i++) o[i] = {0.0f, 0.0f};
       for (const volume_list *v : groups[g]) {
+        if (v->real_only()) {
+          const float *a = v->SpaceTime.fData;
+          for (long i = start; i < end; i++) {
+            o[i].real += a[i];
+            o[i].imag += 0.0f;
+          }
+          continue;
+        }
         const FCOMPLEX *a = v->SpaceTime.fcData;
         for (long i = start; i < end; i++) {
           o[i].real += a[i].real;
@@ -43,8 +52,50 @@ void sum_groups(const std::vector<std::vector<const volume_list *>> &groups, FCO
   }
 }
 
+// The same when every volume is real-only: the imaginary parts stay zero.
+void sum_groups(const std::vector<std::vector<const volume_list *>> &groups, float *out, long n3d,
+                float divisor) {
+  for (size_t g = 0; g < groups.size(); g++) {
+    float *o = out + static_cast<long>(g) * n3d;
+    for (long start = 0; start < n3d; start += kBlock) {
+      const long end = std::min(n3d, start + kBlock);
+      std::fill(o + start, o + end, 0.0f);
+      for (const volume_list *v : groups[g]) {
+        const float *a = v->SpaceTime.fData;
+        for (long i = start; i < end; i++) o[i] += a[i];
+      }
+      for (long i = start; i < end; i++) o[i] /= divisor;
+    }
+  }
+}
+
+// Averages the groups into the stack `name` of nt volumes, shaped like the
+// first listed volume; real-only when every listed volume is.
+int average_groups(const char *name, const std::vector<std::vector<const volume_list *>> &groups, long n3d,
+                   float divisor) {
+  const volume_list *first = volume_list_root;
+  const int nt = static_cast<int>(groups.size());
+  bool real = true;
+  for (const volume_list *v = first; v; v = v->next) real = real && v->real_only();
+  data_stack *made = nullptr;
+  if (real) {
+    std::unique_ptr<float[]> out = scratch_buffer<float>(n3d * nt);
+    sum_groups(groups, out.get(), n3d, divisor);
+    made =
+        install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, nt, std::move(out));
+  } else {
+    std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n3d * nt);
+    sum_groups(groups, out.get(), n3d, divisor);
+    made =
+        install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, nt, std::move(out));
+  }
+  if (made == nullptr) return 1;
+  initialize_volume_list();  // the list may point into replaced storage
+  return 0;
+}
+
 // Installs `samples` as the stack `name` shaped like the first listed volume.
-int finish(const char *name, long nt, std::unique_ptr<FCOMPLEX[]> samples) {
+int finish(const char *name, long nt, std::unique_ptr<float[]> samples) {
   const volume_list *first = volume_list_root;
   if (install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, static_cast<int>(nt),
                          std::move(samples)) == nullptr)
@@ -69,9 +120,7 @@ int average_volumes(const char *name) {
   if (!checked_stack_size(name, dim.x, dim.y, dim.z, 1, &n4d)) return 1;
   std::vector<std::vector<const volume_list *>> groups(1);
   for (const volume_list *v = volume_list_root; v; v = v->next) groups[0].push_back(v);
-  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n4d);
-  sum_groups(groups, out.get(), n4d, static_cast<float>(count));
-  return finish(name, 1, std::move(out));
+  return average_groups(name, groups, n4d, static_cast<float>(count));
 }
 
 int average_by_n(const char *name, int n) {
@@ -93,9 +142,7 @@ int average_by_n(const char *name, int n) {
   int position = 0;
   for (const volume_list *v = volume_list_root; v; v = v->next, position++)
     if (position / n < ngroups) groups[position / n].push_back(v);
-  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n4d);
-  sum_groups(groups, out.get(), n4d / ngroups, static_cast<float>(n));
-  return finish(name, ngroups, std::move(out));
+  return average_groups(name, groups, n4d / ngroups, static_cast<float>(n));
 }
 
 int average_epochs(const char *name, int n) {
@@ -117,9 +164,7 @@ int average_epochs(const char *name, int n) {
   int position = 0;
   for (const volume_list *v = volume_list_root; v; v = v->next, position++)
     if (position / n < epochs) groups[position % n].push_back(v);
-  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n4d);
-  sum_groups(groups, out.get(), n4d / n, static_cast<float>(epochs));
-  return finish(name, n, std::move(out));
+  return average_groups(name, groups, n4d / n, static_cast<float>(epochs));
 }
 
 int average_stacks(const char *name) {
@@ -135,28 +180,48 @@ int average_stacks(const char *name) {
   }
   int64_t n4d = 0;
   if (!checked_stack_size(name, first->dim.x, first->dim.y, first->dim.z, first->nt, &n4d)) return 1;
-  std::unique_ptr<FCOMPLEX[]> out = zeroed_buffer<FCOMPLEX>(n4d);
   std::unique_ptr<int[]> counter = zeroed_buffer<int>(n4d);
-  FCOMPLEX *o = out.get();
   int *k = counter.get();
+  bool real = true;
+  for (const data_stack *s : stacks) real = real && s->real_only();
+  data_stack *made = nullptr;
   // A real part of exactly 0 marks a missing sample.
-  for (const data_stack *s : stacks) {
-    const FCOMPLEX *a = s->SpaceTime.fcData;
-    for (long i = 0; i < n4d; i++) {
-      if (a[i].real == 0.0f) continue;
-      o[i].real += a[i].real;
-      o[i].imag += a[i].imag;
-      k[i]++;
+  if (real) {
+    std::unique_ptr<float[]> out = zeroed_buffer<float>(n4d);
+    float *o = out.get();
+    for (const data_stack *s : stacks) {
+      const float *a = s->reals.get();
+      for (long i = 0; i < n4d; i++) {
+        if (a[i] == 0.0f) continue;
+        o[i] += a[i];
+        k[i]++;
+      }
     }
+    for (long i = 0; i < n4d; i++)
+      if (k[i] != 0) o[i] /= static_cast<float>(k[i]);
+    made =
+        install_stack_with(name, first, first->dim.x, first->dim.y, first->dim.z, first->nt, std::move(out));
+  } else {
+    std::unique_ptr<FCOMPLEX[]> out = zeroed_buffer<FCOMPLEX>(n4d);
+    FCOMPLEX *o = out.get();
+    for (const data_stack *s : stacks) {
+      for (long i = 0; i < n4d; i++) {
+        const float re = s->re(i);
+        if (re == 0.0f) continue;
+        o[i].real += re;
+        o[i].imag += s->im(i);
+        k[i]++;
+      }
+    }
+    for (long i = 0; i < n4d; i++) {
+      if (k[i] == 0) continue;
+      o[i].real /= static_cast<float>(k[i]);
+      o[i].imag /= static_cast<float>(k[i]);
+    }
+    made =
+        install_stack_with(name, first, first->dim.x, first->dim.y, first->dim.z, first->nt, std::move(out));
   }
-  for (long i = 0; i < n4d; i++) {
-    if (k[i] == 0) continue;
-    o[i].real /= static_cast<float>(k[i]);
-    o[i].imag /= static_cast<float>(k[i]);
-  }
-  if (install_stack_with(name, first, first->dim.x, first->dim.y, first->dim.z, first->nt, std::move(out)) ==
-      nullptr)
-    return 1;
+  if (made == nullptr) return 1;
   initialize_volume_list();
   return 0;
 }
@@ -182,17 +247,17 @@ int weighted_average(const char *name) {
   std::unique_ptr<float[]> d = scratch_buffer<float>(static_cast<int64_t>(dim.z) * count);
   for (int z = 0; z < dim.z; z++) {
     for (int k = 0; k < count; k++) {
-      const FCOMPLEX *a = nodes[k]->SpaceTime.fcData;
-      const bool real = nodes[k]->stack != nullptr && (nodes[k]->stack->status & (STATUS_POLAR | STATUS_MAP));
+      const volume_list *a = nodes[k];
+      const bool real = a->stack != nullptr && (a->stack->status & (STATUS_POLAR | STATUS_MAP));
       double sum = 0.0;
       for (long i = z * n2d; i < (z + 1) * n2d; i++) {
-        const double amp = real ? a[i].real : static_cast<float>(modulus(a[i]));
+        const double amp = real ? a->re(i) : static_cast<float>(modulus({a->re(i), a->im(i)}));
         sum += square(static_cast<float>(modulus(mean[i])) - amp);
       }
       d[static_cast<long>(z) * count + k] = static_cast<float>(sum / static_cast<double>(n3d));
     }
   }
-  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n3d);
+  std::unique_ptr<float[]> out = scratch_buffer<float>(n3d);
   std::vector<double> w(count);
   for (int z = 0; z < dim.z; z++) {
     double wsum = 0.0;
@@ -204,14 +269,13 @@ int weighted_average(const char *name) {
     for (long i = z * n2d; i < (z + 1) * n2d; i++) {
       double re = 0.0, im = 0.0;
       for (int k = 0; k < count; k++) {
-        const FCOMPLEX a = nodes[k]->SpaceTime.fcData[i];
-        re += w[k] * a.real;
-        im += w[k] * a.imag;
+        re += w[k] * nodes[k]->re(i);
+        im += w[k] * nodes[k]->im(i);
       }
       // All weights 0 (identical volumes) gives 0/0 here: left unguarded.
       re /= wsum;
       im /= wsum;
-      out[i] = {static_cast<float>(sqrt(re * re + im * im)), 0.0f};
+      out[i] = static_cast<float>(sqrt(re * re + im * im));
     }
   }
   return finish(name, 1, std::move(out));
@@ -327,9 +391,10 @@ int smooth_volumes(float fwhm, int with_z) {
     printf("smooth '%s': (nx,ny,nz,nt) = (%d, %d, %d, %d).\n", st->name, st->dim.x, st->dim.y, st->dim.z,
            st->nt);
     printf("relative steps: (%d, %d, %d)\n", hx, hy, hz);
-    smooth_one_stack(&st->SpaceTime.fcData[0].real, 2, st->dim.x, st->dim.y, st->dim.z, st->nt,
-                     within(hx, st->dim.x), within(hy, st->dim.y), within(hz, st->dim.z), r, s,
-                     !(flags & FLAG_QUIET));
+    const bool real = st->real_only();
+    smooth_one_stack(real ? st->reals.get() : &st->samples[0].real, real ? 1 : 2, st->dim.x, st->dim.y,
+                     st->dim.z, st->nt, within(hx, st->dim.x), within(hy, st->dim.y), within(hz, st->dim.z),
+                     r, s, !(flags & FLAG_QUIET));
   }
   return 0;
 }

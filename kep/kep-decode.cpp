@@ -1,6 +1,7 @@
 // Volume lists and the argument decoders of the commands.
 #include "kep-decode.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -23,6 +24,7 @@ struct decoded_state {
   std::deque<volume_list> comparison_nodes;
   std::vector<int> slice_order;
   std::vector<float> map_array;
+  bool lists_complex = false;  // see set_lists_complex
 };
 
 decoded_state decoded;
@@ -173,6 +175,36 @@ int decode_subset(const char *subset, int nt, std::vector<int> &numbers) {
   return 0;
 }
 
+namespace {
+
+void point_at_volume(volume_list &node) {
+  const long offset = static_cast<long>(node.stack->n3d) * node.t;
+  if (node.stack->real_only())
+    node.SpaceTime.fData = node.stack->reals.get() + offset;
+  else
+    node.SpaceTime.fcData = node.stack->samples.get() + offset;
+}
+
+}  // namespace
+
+void repoint_volume_lists() {
+  // A node may still name a stack its command has since deleted.
+  std::vector<const data_stack *> live;
+  for (const data_stack *s = stack_root.get(); s; s = s->next.get()) live.push_back(s);
+  auto repoint = [&](std::deque<volume_list> &nodes) {
+    for (volume_list &node : nodes)
+      if (std::find(live.begin(), live.end(), node.stack) != live.end()) point_at_volume(node);
+  };
+  repoint(decoded.main_nodes);
+  repoint(decoded.comparison_nodes);
+}
+
+bool set_lists_complex(bool on) {
+  const bool was = decoded.lists_complex;
+  decoded.lists_complex = on;
+  return was;
+}
+
 int decode_volume_list(int kind, char *text) {
   std::deque<volume_list> &nodes = kind == 0 ? decoded.main_nodes : decoded.comparison_nodes;
   volume_list *&root = kind == 0 ? decoded.main_root : decoded.comparison_root;
@@ -180,12 +212,14 @@ int decode_volume_list(int kind, char *text) {
   root = nullptr;
   volume_list *tail = nullptr;
   auto append = [&](data_stack *s, int t) {
+    if (decoded.lists_complex) make_complex(s);
     volume_list node;
     node.stack = s;
     node.dim = s->dim;
     node.n2d = s->n2d;
     node.n3d = s->n3d;
-    node.SpaceTime.fcData = s->SpaceTime.fcData + static_cast<long>(s->n3d) * t;
+    node.t = t;
+    point_at_volume(node);
     nodes.push_back(node);
     volume_list *added = &nodes.back();
     if (tail)

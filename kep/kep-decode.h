@@ -19,6 +19,13 @@ void set_slice_order(std::vector<int> order);
 void reset_decode();
 
 void initialize_volume_list();
+// Points every listed volume at its stack's storage again after the storage
+// changed form.
+void repoint_volume_lists();
+// While on, every stack a list names is first given complex storage: for
+// operations that only know complex samples (the command loop decides).
+// Returns the setting it replaces.
+bool set_lists_complex(bool on);
 int decode_volume_list(int kind, char *text);
 // Decodes a volume subset against nt volumes; empty selects 0..nt-1.
 int decode_subset(const char *subset, int nt, std::vector<int> &numbers);

@@ -207,8 +207,8 @@ int vary_time_constants(const char *command, int n, const char *name) {
   if (out == nullptr) return 1;
   for (long v = 0; v < f.nvox; v++) {
     const double F = step.F[static_cast<size_t>(v)];
-    out->SpaceTime.fcData[v] = {step.tau[static_cast<size_t>(v)], 0.0f};
-    out->SpaceTime.fcData[out->n3d + v] = {F > 0.0 ? static_cast<float>(F) : 0.0f, 0.0f};
+    out->reals[v] = step.tau[static_cast<size_t>(v)];
+    out->reals[out->n3d + v] = F > 0.0 ? static_cast<float>(F) : 0.0f;
   }
   printf(
       "stack %s contains 2 volumes: the time constant (s) with the largest F of condition %s, and that F\n",

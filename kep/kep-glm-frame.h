@@ -21,12 +21,13 @@ class VoxelStep {
 
 struct Frame {
   data_stack *stack = nullptr;
-  int nt = 0;                            // volumes in the list, in list order
-  long nvox = 0;                         // voxels per volume
-  std::vector<const FCOMPLEX *> volume;  // first sample of each listed volume
-  bool magnitude = false;                // polar or map: the real part is the amplitude
-  bool masked = false;                   // a GLM mask is set: only `voxels` are fitted
-  std::vector<long> voxels;              // the voxels inside the mask, in order
+  int nt = 0;                         // volumes in the list, in list order
+  long nvox = 0;                      // voxels per volume
+  std::vector<const float *> volume;  // first sample of each listed volume
+  bool pairs = false;                 // the volumes hold (real, imaginary) pairs, else real parts alone
+  bool magnitude = false;             // polar or map: the real part is the amplitude
+  bool masked = false;                // a GLM mask is set: only `voxels` are fitted
+  std::vector<long> voxels;           // the voxels inside the mask, in order
 
   long count() const { return masked ? static_cast<long>(voxels.size()) : nvox; }
   long voxel(long position) const { return masked ? voxels[position] : position; }

@@ -5,6 +5,7 @@
 // near 1, and z comes from log p so that it stays finite far in the tails.
 #include "kep-glm-maps.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
@@ -38,8 +39,7 @@ class ConditionMaps : public VoxelStep {
       const float values[MAPS_PER_CONDITION] = {effect, error, rows == 1 ? stat : static_cast<float>(F),
                                                 stored, static_cast<float>(z)};
       for (int m = 0; m < MAPS_PER_CONDITION; m++)
-        out_->SpaceTime.fcData[static_cast<long>(MAPS_PER_CONDITION * k + m) * out_->n3d + v] = {values[m],
-                                                                                                 0.0f};
+        out_->reals[static_cast<long>(MAPS_PER_CONDITION * k + m) * out_->n3d + v] = values[m];
     }
     return 0;
   }
@@ -65,8 +65,8 @@ int glm_map_conditions(const char *name) {
   data_stack *out = glm_create_map(f, name, MAPS_PER_CONDITION * count);
   if (out == nullptr) return 1;
   for (int k = 0; k < count; k++) {
-    FCOMPLEX *p = out->SpaceTime.fcData + static_cast<long>(MAPS_PER_CONDITION * k + 3) * out->n3d;
-    for (long v = 0; v < out->n3d; v++) p[v] = {1.0f, 0.0f};
+    float *p = out->reals.get() + static_cast<long>(MAPS_PER_CONDITION * k + 3) * out->n3d;
+    std::fill(p, p + out->n3d, 1.0f);
   }
   ConditionMaps step(f.nt, count, out);
   if (glm_run_fit(f, step)) return 1;

@@ -41,7 +41,7 @@ const volume_list *single_volume(char *text, const char *rest, const char *comma
   return volume_list_root;
 }
 
-float real_part(const volume_list *v, long n) { return v->SpaceTime.fcData[n].real; }
+float real_part(const volume_list *v, long n) { return v->re(n); }
 
 IPOINT3D voxel_point(long v, const data_stack *s) {
   const long z = v / s->n2d, y = (v - s->n2d * z) / s->dim.x;
@@ -252,16 +252,16 @@ int clusters_command(char *text) {
     return 1;
   }
 
-  data_stack *out = install_stack_checked(name, s, s->dim.x, s->dim.y, s->dim.z, 1);
+  data_stack *out = install_stack_checked(name, s, s->dim.x, s->dim.y, s->dim.z, 1, SampleForm::Real);
   if (out == nullptr) return 1;
   out->status |= STATUS_POLAR | STATUS_MAP;
   out->fov = s->fov;  // the geometry came with the template, on the same grid
-  FCOMPLEX *index = out->SpaceTime.fcData;
-  memset(index, 0, sizeof(FCOMPLEX) * static_cast<size_t>(out->n4d));
+  float *index = out->reals.get();
+  std::fill(index, index + out->n4d, 0.0f);
   std::vector<long> members;
   for (size_t i = 0; i < kept.size(); i++)
     for (long n : kept[i]->members) {
-      index[n] = {static_cast<float>(i + 1), 0.0f};
+      index[n] = static_cast<float>(i + 1);
       members.push_back(n);
     }
   std::sort(members.begin(), members.end());

@@ -11,6 +11,7 @@
 // All-zero voxels (outside the head) are skipped by both passes and get zeros.
 #include "kep-glm.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -34,10 +35,13 @@ namespace {
 
 constexpr int BLOCK_VOXELS = 256;
 
-float amplitude(const FCOMPLEX &c, bool magnitude) {
-  if (magnitude) return c.real;
-  return static_cast<float>(
-      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+// Sample i of a volume: the real part alone when the stack holds no pairs.
+float amplitude(const float *volume, long i, bool pairs, bool magnitude) {
+  if (!pairs)
+    return magnitude ? volume[i] : static_cast<float>(sqrt(static_cast<double>(volume[i]) * volume[i]));
+  const float re = volume[2 * i], im = volume[2 * i + 1];
+  if (magnitude) return re;
+  return static_cast<float>(sqrt(static_cast<double>(re) * re + static_cast<double>(im) * im));
 }
 
 // The common checks; fills the frame from the current volume list.
@@ -61,7 +65,8 @@ int open_frame(Frame &f, bool need_events) {
   f.stack = volume_list_root->stack;
   f.nvox = volume_list_root->n3d;
   f.magnitude = (f.stack->status & (STATUS_POLAR | STATUS_MAP)) != 0;
-  for (const volume_list *v = volume_list_root; v; v = v->next) f.volume.push_back(v->SpaceTime.fcData);
+  f.pairs = !f.stack->real_only();
+  for (const volume_list *v = volume_list_root; v; v = v->next) f.volume.push_back(v->SpaceTime.fData);
   f.nt = static_cast<int>(f.volume.size());
   return glm_mask_voxels(f.stack, &f.masked, &f.voxels);
 }
@@ -75,15 +80,15 @@ void progress(long v, long nvox) {
 // from every volume into rows [image][voxel].
 void gather(const Frame &f, long v0, int n, float *rows) {
   for (int k = 0; k < f.nt; k++) {
-    const FCOMPLEX *src = f.volume[k] + v0;
+    const float *volume = f.volume[k];
     float *dst = rows + static_cast<long>(k) * n;
     if (f.masked) {
       const long *v = f.voxels.data() + v0;
-      for (int i = 0; i < n; i++) dst[i] = amplitude(f.volume[k][v[i]], f.magnitude);
-    } else if (f.magnitude) {
-      for (int i = 0; i < n; i++) dst[i] = src[i].real;
+      for (int i = 0; i < n; i++) dst[i] = amplitude(volume, v[i], f.pairs, f.magnitude);
+    } else if (!f.pairs && f.magnitude) {
+      memcpy(dst, volume + v0, sizeof(float) * static_cast<size_t>(n));
     } else {
-      for (int i = 0; i < n; i++) dst[i] = amplitude(src[i], false);
+      for (int i = 0; i < n; i++) dst[i] = amplitude(volume, v0 + i, f.pairs, f.magnitude);
     }
   }
 }
@@ -307,11 +312,11 @@ data_stack *create_map(const Frame &f, const char *name, int volumes) {
     return nullptr;
   }
   const data_stack *s = f.stack;
-  data_stack *out = install_stack_checked(name, s, s->dim.x, s->dim.y, s->dim.z, volumes);
+  data_stack *out = install_stack_checked(name, s, s->dim.x, s->dim.y, s->dim.z, volumes, SampleForm::Real);
   if (out == nullptr) return nullptr;
   out->status |= STATUS_POLAR | STATUS_MAP;
   out->fov = s->fov;  // the geometry came with the template, on the same grid
-  memset(out->SpaceTime.fcData, 0, sizeof(FCOMPLEX) * static_cast<size_t>(out->n4d));
+  std::fill(out->reals.get(), out->reals.get() + out->n4d, 0.0f);
   return out;
 }
 
@@ -322,7 +327,7 @@ std::string trial_type_of(int e) {
 }
 
 void store(data_stack *out, int volume, long v, float value) {
-  out->SpaceTime.fcData[static_cast<long>(volume) * out->n3d + v] = {value, 0.0f};
+  out->reals[static_cast<long>(volume) * out->n3d + v] = value;
 }
 
 class Baseline : public VoxelStep {
@@ -335,7 +340,15 @@ class Baseline : public VoxelStep {
                                             : GLM_correct_baseline(f_.nt, data, fit, &mean);
       if (r) return 1;
     }
-    for (int k = 0; k < f_.nt; k++) const_cast<FCOMPLEX *>(f_.volume[k])[v] = {data[k], 0.0f};
+    for (int k = 0; k < f_.nt; k++) {
+      float *volume = const_cast<float *>(f_.volume[k]);
+      if (f_.pairs) {
+        volume[2 * v] = data[k];
+        volume[2 * v + 1] = 0.0f;
+      } else {
+        volume[v] = data[k];
+      }
+    }
     return 0;
   }
 

@@ -69,20 +69,46 @@ void convert_samples(const FCOMPLEX *samples, int64_t count, bool pairs, bool re
   }
 }
 
-void convert_block(const volume_list *v, int64_t first, int64_t count, int storage, unsigned char *out) {
-  const FCOMPLEX *samples = v->SpaceTime.fcData + first;
+// The same for real-only samples (imaginary parts zero).
+template <typename T, typename F>
+void convert_reals(const float *reals, int64_t count, bool pairs, bool real_part, F to, T *out) {
+  if (pairs) {
+    const T zero = to(0.0f);
+    for (int64_t i = 0; i < count; i++) {
+      out[2 * i] = to(reals[i]);
+      out[2 * i + 1] = zero;
+    }
+  } else if (real_part) {
+    for (int64_t i = 0; i < count; i++) out[i] = to(reals[i]);
+  } else {
+    for (int64_t i = 0; i < count; i++) {
+      const double re = reals[i];
+      out[i] = to(static_cast<float>(sqrt(re * re)));
+    }
+  }
+}
+
+template <typename T, typename F>
+void convert_volume(const volume_list *v, int64_t first, int64_t count, F to, T *out) {
   const bool pairs = complex_output();
   const bool real_part = v->stack != nullptr && (v->stack->status & (STATUS_POLAR | STATUS_MAP)) != 0;
+  if (v->real_only())
+    convert_reals(v->SpaceTime.fData + first, count, pairs, real_part, to, out);
+  else
+    convert_samples(v->SpaceTime.fcData + first, count, pairs, real_part, to, out);
+}
+
+void convert_block(const volume_list *v, int64_t first, int64_t count, int storage, unsigned char *out) {
   switch (storage) {
     case STORAGE_FLOAT:
-      convert_samples(
-          samples, count, pairs, real_part, [](float x) { return x; }, reinterpret_cast<float *>(out));
+      convert_volume(
+          v, first, count, [](float x) { return x; }, reinterpret_cast<float *>(out));
       break;
     case STORAGE_USHORT:
-      convert_samples(samples, count, pairs, real_part, to_ushort, reinterpret_cast<uint16_t *>(out));
+      convert_volume(v, first, count, to_ushort, reinterpret_cast<uint16_t *>(out));
       break;
     default:
-      convert_samples(samples, count, pairs, real_part, to_short, reinterpret_cast<int16_t *>(out));
+      convert_volume(v, first, count, to_short, reinterpret_cast<int16_t *>(out));
       break;
   }
 }

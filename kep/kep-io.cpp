@@ -22,6 +22,7 @@
 #include "kep-interrupt.h"
 #include "kep-read.h"
 #include "kep-stacks.h"
+#include "kep-util.h"
 #include "kep.h"
 #include "text.h"
 
@@ -58,59 +59,50 @@ void swap_buffer(unsigned char *raw, int64_t count, int size) {
   }
 }
 
-// Converts `count` stored elements to samples: one element per sample for
-// magnitude data (imaginary part 0), two per sample for pairs.
+// Converts `count` stored elements to floats: the real parts alone for
+// magnitude data, the interleaved pairs for complex data.
 template <typename T>
-void convert_elements(const unsigned char *raw, int64_t count, bool pairs, float slope, float offset,
-                      FCOMPLEX *out) {
+void convert_elements(const unsigned char *raw, int64_t count, float slope, float offset, float *out) {
   const T *src = reinterpret_cast<const T *>(raw);
-  if (pairs) {
-    float *dst = reinterpret_cast<float *>(out);
-    if (slope != 0.0f)
-      for (int64_t i = 0; i < count; i++) dst[i] = static_cast<float>(src[i]) * slope + offset;
-    else
-      for (int64_t i = 0; i < count; i++) dst[i] = static_cast<float>(src[i]);
-  } else {
-    if (slope != 0.0f)
-      for (int64_t i = 0; i < count; i++) out[i] = {static_cast<float>(src[i]) * slope + offset, 0.0f};
-    else
-      for (int64_t i = 0; i < count; i++) out[i] = {static_cast<float>(src[i]), 0.0f};
-  }
+  if (slope != 0.0f)
+    for (int64_t i = 0; i < count; i++) out[i] = static_cast<float>(src[i]) * slope + offset;
+  else
+    for (int64_t i = 0; i < count; i++) out[i] = static_cast<float>(src[i]);
 }
 
-void convert(unsigned char *raw, int64_t count, int storage, bool swap, bool pairs, float slope, float offset,
-             FCOMPLEX *out) {
+void convert(unsigned char *raw, int64_t count, int storage, bool swap, float slope, float offset,
+             float *out) {
   if (swap) swap_buffer(raw, count, element_size(storage));
   switch (storage) {
     case STORAGE_SHORT:
-      convert_elements<int16_t>(raw, count, pairs, slope, offset, out);
+      convert_elements<int16_t>(raw, count, slope, offset, out);
       break;
     case STORAGE_USHORT:
-      convert_elements<uint16_t>(raw, count, pairs, slope, offset, out);
+      convert_elements<uint16_t>(raw, count, slope, offset, out);
       break;
     case STORAGE_LONG:
-      convert_elements<int32_t>(raw, count, pairs, slope, offset, out);
+      convert_elements<int32_t>(raw, count, slope, offset, out);
       break;
     case STORAGE_UCHAR:
-      convert_elements<uint8_t>(raw, count, pairs, slope, offset, out);
+      convert_elements<uint8_t>(raw, count, slope, offset, out);
       break;
     case STORAGE_DOUBLE:
-      convert_elements<double>(raw, count, pairs, slope, offset, out);
+      convert_elements<double>(raw, count, slope, offset, out);
       break;
     case STORAGE_CHAR:
-      convert_elements<int8_t>(raw, count, pairs, slope, offset, out);
+      convert_elements<int8_t>(raw, count, slope, offset, out);
       break;
     case STORAGE_UINT32:
-      convert_elements<uint32_t>(raw, count, pairs, slope, offset, out);
+      convert_elements<uint32_t>(raw, count, slope, offset, out);
       break;
     case STORAGE_INT64:
-      convert_elements<int64_t>(raw, count, pairs, slope, offset, out);
+      convert_elements<int64_t>(raw, count, slope, offset, out);
       break;
     case STORAGE_UINT64:
-      convert_elements<uint64_t>(raw, count, pairs, slope, offset, out);
+      convert_elements<uint64_t>(raw, count, slope, offset, out);
       break;
     default:
-      convert_elements<float>(raw, count, pairs, slope, offset, out);
+      convert_elements<float>(raw, count, slope, offset, out);
       break;
   }
 }
@@ -150,22 +142,25 @@ class bus_guard {
 
 // Converts the listed volumes from `first` on, the first listed one at its start.
 void convert_listed(const unsigned char *first, const XD_HEADER &h, const std::vector<int> &list,
-                    int64_t volume_bytes, FCOMPLEX *out) {
+                    int64_t volume_bytes, float *out) {
   const bool pairs = h.data_type != DATA_MAGNITUDE;
   const int64_t volume = static_cast<int64_t>(h.n3d) * (pairs ? 2 : 1);
   size_t next = 0;
   for (int v = list.front(); v <= list.back(); v++, first += volume_bytes) {
     if (kep_interrupted()) return;
     if (v != list[next]) continue;
-    convert(const_cast<unsigned char *>(first), volume, h.storage_type, false, pairs, h.scale_slope,
-            h.scale_offset, out + next * static_cast<size_t>(h.n3d));
+    convert(const_cast<unsigned char *>(first), volume, h.storage_type, false, h.scale_slope, h.scale_offset,
+            out + next * static_cast<size_t>(volume));
+    // The file's pages are not kept mapped once converted: a read then
+    // needs little more memory than the stack it fills.
+    release_pages(const_cast<unsigned char *>(first), static_cast<size_t>(volume_bytes));
     next++;
   }
 }
 
 // The same from a mapping, under the guard: 1 when the file was cut meanwhile.
 int convert_mapped(const unsigned char *first, const XD_HEADER &h, const std::vector<int> &list,
-                   int64_t volume_bytes, FCOMPLEX *out) {
+                   int64_t volume_bytes, float *out) {
   const bus_guard guard;
   if (sigsetjmp(bus_trap, 1) != 0) return 1;
   convert_listed(first, h, list, volume_bytes, out);
@@ -207,7 +202,7 @@ bool same_file(const struct stat &a, const struct stat &b) {
          a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
-int read_packed_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
+int read_packed_file(const XD_HEADER &h, const std::vector<int> &list, float *out) {
   const std::string name = data_file_name(h.file_name);
   packed_stream stream = std::move(last_packed);
   last_packed = packed_stream{};
@@ -248,8 +243,8 @@ int read_packed_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
       return 1;
     }
     if (v != list[next]) continue;
-    convert(buffer.get(), volume, h.storage_type, swap, pairs, h.scale_slope, h.scale_offset,
-            out + next * static_cast<size_t>(h.n3d));
+    convert(buffer.get(), volume, h.storage_type, swap, h.scale_slope, h.scale_offset,
+            out + next * static_cast<size_t>(volume));
     next++;
   }
   stream.name = name;
@@ -259,7 +254,7 @@ int read_packed_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
   return 0;
 }
 
-int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
+int read_single_file(const XD_HEADER &h, const std::vector<int> &list, float *out) {
   const std::string name = data_file_name(h.file_name);
   volume_source file(name.c_str(), false);
   if (!file.is_open()) {
@@ -318,15 +313,15 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
       return 1;
     }
     if (v != list[next]) continue;
-    convert(buffer.get(), volume, h.storage_type, swap, pairs, h.scale_slope, h.scale_offset,
-            out + next * static_cast<size_t>(h.n3d));
+    convert(buffer.get(), volume, h.storage_type, swap, h.scale_slope, h.scale_offset,
+            out + next * static_cast<size_t>(volume));
     next++;
   }
   return 0;
 }
 
 // A FreeSurfer series: one file per slice, each with every time point.
-int read_slice_files(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
+int read_slice_files(const XD_HEADER &h, const std::vector<int> &list, float *out) {
   const int size = element_size(h.storage_type);
   const int64_t plane = h.n2d;
   std::unique_ptr<unsigned char[]> buffer(
@@ -363,7 +358,7 @@ int read_slice_files(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
         return 1;
       }
       if (v != list[next]) continue;
-      convert(buffer.get(), plane, h.storage_type, swap, false, 0.0f, 0.0f,
+      convert(buffer.get(), plane, h.storage_type, swap, 0.0f, 0.0f,
               out + z * plane + next * static_cast<int64_t>(h.n3d));
       next++;
     }
@@ -374,7 +369,7 @@ int read_slice_files(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX 
 // The samples of the listed volumes, from where the format keeps them: one
 // file per slice, or one file, compressed when the data file's name says so
 // (a ".hdr" may describe a compressed data file).
-int read_volume_data(const XD_HEADER &h, const std::vector<int> &list, FCOMPLEX *out) {
+int read_volume_data(const XD_HEADER &h, const std::vector<int> &list, float *out) {
   if (h.format->data == volume_format::slice_files) return read_slice_files(h, list, out);
   if (gzipped_nifti_name(data_file_name(h.file_name).c_str())) return read_packed_file(h, list, out);
   return read_single_file(h, list, out);
@@ -387,20 +382,6 @@ void print_off_diagonal_warning() {
 }
 
 }  // namespace
-
-// Samples for a whole file: large arrays ask for huge pages, which spares
-// the page faults that otherwise dominate reading a big file.
-std::unique_ptr<FCOMPLEX[]> allocate_samples(size_t count) {
-  std::unique_ptr<FCOMPLEX[]> samples(new (std::nothrow) FCOMPLEX[count]);
-  constexpr uintptr_t huge = uintptr_t{2} << 20;
-  const size_t bytes = count * sizeof(FCOMPLEX);
-  if (samples && bytes >= 2 * huge) {
-    const uintptr_t start = (reinterpret_cast<uintptr_t>(samples.get()) + huge - 1) & ~(huge - 1);
-    const uintptr_t end = (reinterpret_cast<uintptr_t>(samples.get()) + bytes) & ~(huge - 1);
-    if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
-  }
-  return samples;
-}
 
 void set_read_geometry(data_stack *s, const XD_HEADER &h) {
   s->status = STATUS_READ | (h.data_type == DATA_MAGNITUDE ? STATUS_POLAR : 0);
@@ -467,14 +448,21 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
 
   // The samples are gathered apart and only handed to the stack once the
   // whole read has worked, so a failure leaves every stack as it was.
+  // Magnitude data keep their real parts alone (see data_stack).
   const size_t samples = static_cast<size_t>(h.n3d) * static_cast<size_t>(count);
-  std::unique_ptr<FCOMPLEX[]> data = allocate_samples(samples);
-  if (!data) {
+  const bool magnitude = h.data_type == DATA_MAGNITUDE;
+  std::unique_ptr<float[]> reals;
+  std::unique_ptr<FCOMPLEX[]> pairs;
+  if (magnitude)
+    reals = allocate_plane<float>(samples);
+  else
+    pairs = allocate_plane<FCOMPLEX>(samples);
+  if (!reals && !pairs) {
     printf("Error: not enough memory to read %d volumes of %d x %d x %d from file %s.\n", count, h.dim.x,
            h.dim.y, h.dim.z, file_name);
     return 1;
   }
-  if (read_volume_data(h, list, data.get())) return 1;
+  if (read_volume_data(h, list, magnitude ? reals.get() : reinterpret_cast<float *>(pairs.get()))) return 1;
 
   data_stack *target = nullptr;
   if (distortions) {
@@ -487,13 +475,16 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
     target->n4d = h.n3d * count;
     target->npts_volume = 2 * h.n3d;
     target->data_type = 0;
-  } else {
+    target->reals = std::move(reals);
+    target->samples = std::move(pairs);
+    target->SpaceTime.fData = target->reals.get();
+    if (target->samples) target->SpaceTime.fcData = target->samples.get();
+    make_complex(target);  // the registration reads the fields as pairs
+  } else if (magnitude) {
     // The header reader has checked that the file's sample counts fit.
-    target = install_stack_with_samples(stack_name, h.dim.x, h.dim.y, h.dim.z, count, std::move(data));
-  }
-  if (distortions) {
-    target->samples = std::move(data);
-    target->SpaceTime.fcData = target->samples.get();
+    target = install_stack_with_samples(stack_name, h.dim.x, h.dim.y, h.dim.z, count, std::move(reals));
+  } else {
+    target = install_stack_with_samples(stack_name, h.dim.x, h.dim.y, h.dim.z, count, std::move(pairs));
   }
   set_read_geometry(target, h);
   if (distortions) {
@@ -539,6 +530,6 @@ bool plan_whole_read(const char *file_name, planned_read *plan) {
   return true;
 }
 
-int read_planned_volumes(const planned_read &plan, FCOMPLEX *out) {
+int read_planned_volumes(const planned_read &plan, float *out) {
   return read_volume_data(plan.header, plan.list, out);
 }

@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-util.h"
+#include "kep.h"
 
 namespace {
 
@@ -55,9 +55,11 @@ void constant_on_volume(Arithmetic operation, float k, float *p, long floats, lo
       });
       break;
     case Arithmetic::Exp:
-      apply_each(p, floats, stride, [k](float a) { return static_cast<float>(expl(static_cast<long double>(a) / k)); });
+      apply_each(p, floats, stride,
+                 [k](float a) { return static_cast<float>(expl(static_cast<long double>(a) / k)); });
       break;
-    default: break;
+    default:
+      break;
   }
 }
 
@@ -65,13 +67,15 @@ void constant_on_volume(Arithmetic operation, float k, float *p, long floats, lo
 inline FCOMPLEX complex_quotient(FCOMPLEX a, FCOMPLEX c) {
   double d = static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag;
   if (d == 0.0) return {0.0f, 0.0f};
-  return {static_cast<float>((static_cast<double>(a.real) * c.real + static_cast<double>(a.imag) * c.imag) / d),
-          static_cast<float>((static_cast<double>(a.imag) * c.real - static_cast<double>(a.real) * c.imag) / d)};
+  return {
+      static_cast<float>((static_cast<double>(a.real) * c.real + static_cast<double>(a.imag) * c.imag) / d),
+      static_cast<float>((static_cast<double>(a.imag) * c.real - static_cast<double>(a.real) * c.imag) / d)};
 }
 
 inline float amplitude(FCOMPLEX c, bool polar_or_map) {
   if (polar_or_map) return c.real;
-  return static_cast<float>(sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+  return static_cast<float>(
+      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
 }
 
 // Runs f(a[i], c[i]) for i < n; the fixed inner trip count lets the
@@ -127,8 +131,42 @@ void combine(Arithmetic operation, bool componentwise, FCOMPLEX *__restrict a, c
         pairwise(a, c, n, [](FCOMPLEX &x, const FCOMPLEX &y) { x = complex_quotient(x, y); });
       }
       break;
-    default: break;
+    default:
+      break;
   }
+}
+
+// The same for real-only samples: what the pair arithmetic does to real
+// parts whose imaginary parts are zero, for the operations that leave those
+// zero (sums, differences, and the per-part product and quotient).
+void combine_reals(Arithmetic operation, float *__restrict a, const float *__restrict c, long n) {
+  switch (operation) {
+    case Arithmetic::Subtract:
+      for (long i = 0; i < n; i++) a[i] -= c[i];
+      break;
+    case Arithmetic::Add:
+      for (long i = 0; i < n; i++) a[i] += c[i];
+      break;
+    case Arithmetic::Multiply:
+      for (long i = 0; i < n; i++) a[i] *= c[i];
+      break;
+    case Arithmetic::Divide:
+      for (long i = 0; i < n; i++) a[i] = c[i] == 0.0f ? 0.0f : a[i] / c[i];
+      break;
+    default:
+      break;
+  }
+}
+
+// Complex storage for every stack the two lists name, and afterwards the
+// real-only form back to those whose imaginary parts stayed zero.
+void listed_as_pairs() {
+  for (const volume_list *root : {volume_list_root, comparison_list_root})
+    for (const volume_list *v = root; v; v = v->next) make_complex(v->stack);
+}
+void listed_back_to_reals() {
+  for (const volume_list *root : {volume_list_root, comparison_list_root})
+    for (const volume_list *v = root; v; v = v->next) make_real_if_possible(v->stack);
 }
 
 }  // namespace
@@ -139,8 +177,17 @@ int arithmetic_function_constant(Arithmetic operation, float value) {
     kep_text(2, "You are attempting division by zero.");
     return 1;
   }
+  // Of a real-only stack only a polar one keeps zero imaginary parts here
+  // (the constant reaches both parts of any other).
   for (volume_list *v = volume_list_root; v; v = v->next)
-    constant_on_volume(operation, value, &v->SpaceTime.fcData[0].real, 2L * v->n3d, polar(v->stack) ? 2 : 1);
+    if (v->real_only() && !polar(v->stack)) make_complex(v->stack);
+  for (volume_list *v = volume_list_root; v; v = v->next) {
+    if (v->real_only())
+      constant_on_volume(operation, value, v->SpaceTime.fData, v->n3d, 1);
+    else
+      constant_on_volume(operation, value, &v->SpaceTime.fcData[0].real, 2L * v->n3d,
+                         polar(v->stack) ? 2 : 1);
+  }
   return 0;
 }
 
@@ -162,24 +209,39 @@ int arithmetic_function(Arithmetic operation) {
   // The reference may be one of the listed volumes: work from a copy so that
   // every volume meets the reference as it was.
   const long n = ref->n3d;
-  std::unique_ptr<FCOMPLEX[]> c = scratch_buffer<FCOMPLEX>(n);
-  memcpy(c.get(), ref->SpaceTime.fcData, sizeof(FCOMPLEX) * n);
   // One polar test for the whole list, taken from its last node.
   const bool componentwise = polar(last->stack);
   if (operation == Arithmetic::Atan) {
     const bool ref_real = ref->stack != nullptr && (ref->stack->status & (STATUS_POLAR | STATUS_MAP));
+    std::unique_ptr<float[]> c = scratch_buffer<float>(n);
+    for (long i = 0; i < n; i++) c[i] = amplitude({ref->re(i), ref->im(i)}, ref_real);
     for (volume_list *v = volume_list_root; v; v = v->next) {
       const bool real = v->stack != nullptr && (v->stack->status & (STATUS_POLAR | STATUS_MAP));
-      FCOMPLEX *a = v->SpaceTime.fcData;
       for (long i = 0; i < n; i++) {
-        double ratio = -static_cast<double>(amplitude(c[i], ref_real)) / amplitude(a[i], real);
-        a[i].real = static_cast<float>(atan(ratio) * 57.29577950560105);
-        a[i].imag = 0.0f;
+        double ratio = -static_cast<double>(c[i]) / amplitude({v->re(i), v->im(i)}, real);
+        const float angle = static_cast<float>(atan(ratio) * 57.29577950560105);
+        if (v->real_only())
+          v->SpaceTime.fData[i] = angle;
+        else
+          v->SpaceTime.fcData[i] = {angle, 0.0f};
       }
     }
     return 0;
   }
-  for (volume_list *v = volume_list_root; v; v = v->next) combine(operation, componentwise, v->SpaceTime.fcData, c.get(), n);
+  const bool sum = operation == Arithmetic::Add || operation == Arithmetic::Subtract;
+  if (all_real_only(volume_list_root) && ref->real_only() && (sum || componentwise)) {
+    std::unique_ptr<float[]> c = scratch_buffer<float>(n);
+    memcpy(c.get(), ref->SpaceTime.fData, sizeof(float) * n);
+    for (volume_list *v = volume_list_root; v; v = v->next)
+      combine_reals(operation, v->SpaceTime.fData, c.get(), n);
+    return 0;
+  }
+  listed_as_pairs();
+  std::unique_ptr<FCOMPLEX[]> c = scratch_buffer<FCOMPLEX>(n);
+  memcpy(c.get(), ref->SpaceTime.fcData, sizeof(FCOMPLEX) * n);
+  for (volume_list *v = volume_list_root; v; v = v->next)
+    combine(operation, componentwise, v->SpaceTime.fcData, c.get(), n);
+  listed_back_to_reals();
   return 0;
 }
 
@@ -193,6 +255,25 @@ int arithmetic_function_on_stacks(Arithmetic operation) {
       return 1;
     }
   }
+  bool real_path = ref->real_only();
+  for (const data_stack *s : stacks)
+    real_path = real_path && s->real_only() &&
+                (operation == Arithmetic::Add || operation == Arithmetic::Subtract ||
+                 (operation == Arithmetic::Divide && polar(s)));
+  if (real_path) {
+    for (data_stack *s : stacks) {
+      std::unique_ptr<float[]> copy;
+      const float *c = ref->reals.get();
+      if (s == ref) {
+        copy = scratch_buffer<float>(s->n4d);
+        memcpy(copy.get(), c, sizeof(float) * s->n4d);
+        c = copy.get();
+      }
+      combine_reals(operation, s->reals.get(), c, s->n4d);
+    }
+    return 0;
+  }
+  listed_as_pairs();
   for (data_stack *s : stacks) {
     // A stack combined with itself needs the original as the reference.
     std::unique_ptr<FCOMPLEX[]> copy;
@@ -206,13 +287,21 @@ int arithmetic_function_on_stacks(Arithmetic operation) {
     const bool componentwise = operation == Arithmetic::Divide && polar(s);
     combine(operation, componentwise, s->SpaceTime.fcData, c, s->n4d);
   }
+  listed_back_to_reals();
   return 0;
 }
 
 int absolute_value() {
   for (volume_list *v = volume_list_root; v; v = v->next) {
-    FCOMPLEX *a = v->SpaceTime.fcData;
     const int status = v->stack ? v->stack->status : 0;
+    if (v->real_only()) {
+      float *a = v->SpaceTime.fData;
+      const bool keep = (status & (STATUS_POLAR | STATUS_MAP)) == STATUS_MAP;
+      for (long i = 0; i < v->n3d; i++)
+        if (!keep) a[i] = (status & STATUS_POLAR) ? fabsf(a[i]) : amplitude({a[i], 0.0f}, false);
+      continue;
+    }
+    FCOMPLEX *a = v->SpaceTime.fcData;
     if (status & STATUS_POLAR) {
       for (long i = 0; i < v->n3d; i++) {
         a[i].real = fabsf(a[i].real);
@@ -240,7 +329,8 @@ int create_fCBV(FcbvVolumes kind, const char *name) {
       kep_text(0, "1) pre-injection, 2) post-injection, 3) functional volume series.");
       kep_text(2, "There should be >= 3 volumes passed to this command.");
     } else {
-      kep_text(0, "1) pre-injection, 2) post-injection, 3) functional baseline, 4) functional volume series.");
+      kep_text(0,
+               "1) pre-injection, 2) post-injection, 3) functional baseline, 4) functional volume series.");
       kep_text(2, "There should be >= 4 volumes passed to this command.");
     }
     return 1;

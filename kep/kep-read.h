@@ -17,11 +17,9 @@ struct planned_read {
 // volumes; false (nothing reported) when `read` itself would refuse the file.
 // What the header reader prints is left as it is.
 bool plan_whole_read(const char *file_name, planned_read *plan);
-// Reads the planned volumes into `out` (n3d samples per volume); 1 after an
-// error message.
-int read_planned_volumes(const planned_read &plan, FCOMPLEX *out);
-// Samples for a whole file, uncleared; null when memory is short.
-std::unique_ptr<FCOMPLEX[]> allocate_samples(size_t count);
+// Reads the planned volumes into `out` (n3d floats per volume of magnitude
+// data, n3d pairs of complex data); 1 after an error message.
+int read_planned_volumes(const planned_read &plan, float *out);
 // The geometry and status of a stack made from the file of header `h`.
 void set_read_geometry(data_stack *s, const XD_HEADER &h);
 // The messages `read` ends with.

@@ -6,11 +6,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <type_traits>
 
-#include "kep.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-util.h"
+#include "kep.h"
 #include "numerics.h"
 
 namespace {
@@ -40,37 +41,80 @@ KeptRange kept_range(int old, int fresh) {
   return {o, o, old - o};
 }
 
-// Crops `stack` to nx x ny x nz around its centre, in place. Returns 1 when
-// the new sizes are not a crop of the old ones.
-int clip_stack(data_stack *stack, int nx, int ny, int nz) {
-  const IPOINT3D old = stack->dim;
-  if (nx < 1 || ny < 1 || nz < 1 || nx > old.x || ny > old.y || nz > old.z) {
-    printf("Error: stack %s cannot be clipped from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y,
-           old.z, nx, ny, nz);
-    return 1;
-  }
-  int64_t n4d = 0;
-  if (!checked_stack_size(stack->name, nx, ny, nz, stack->nt, &n4d)) return 1;
-  const KeptRange rx = kept_range(old.x, nx), ry = kept_range(old.y, ny), rz = kept_range(old.z, nz);
-  // The kept rows are appended in storage order. On an axis of odd old size
-  // the kept count can exceed the new size; copying then stops at the end of
-  // the new buffer, and a shortfall leaves zeros.
-  std::unique_ptr<FCOMPLEX[]> fresh = scratch_buffer<FCOMPLEX>(n4d);
-  FCOMPLEX *out = fresh.get();
+// The kept rows of `stack` (samples `in`, in its form), appended in storage
+// order. On an axis of odd old size the kept count can exceed the new size;
+// copying then stops at the end of the new buffer, and a shortfall leaves zeros.
+template <typename T>
+std::unique_ptr<T[]> clipped(const T *in, const data_stack *stack, KeptRange rx, KeptRange ry, KeptRange rz,
+                             int64_t n4d) {
+  std::unique_ptr<T[]> fresh = scratch_buffer<T>(n4d);
+  T *out = fresh.get();
   int64_t room = n4d;
-  const FCOMPLEX *in = stack->SpaceTime.fcData;
   const long row = rx.hi - rx.lo;
   for (long t = 0; t < stack->nt && room > 0; t++)
     for (long z = rz.lo; z < rz.hi && room > 0; z++)
       for (long y = ry.lo; y < ry.hi && room > 0; y++) {
         const long n = std::min<int64_t>(row, room);
-        memcpy(out, in + t * stack->n3d + z * stack->n2d + y * old.x + rx.lo, sizeof(FCOMPLEX) * n);
+        memcpy(out, in + t * stack->n3d + z * stack->n2d + y * stack->dim.x + rx.lo, sizeof(T) * n);
         out += n;
         room -= n;
       }
-  std::fill(out, out + room, FCOMPLEX{0.0f, 0.0f});
+  std::fill(out, out + room, T{});
+  return fresh;
+}
+
+inline FCOMPLEX scaled(FCOMPLEX a, float f) { return {a.real * f, a.imag * f}; }
+inline float scaled(float a, float f) { return a * f; }
+
+// `stack` (samples `a`, in its form) zero-filled to nx x ny x nz from the
+// offsets on, each sample scaled by f.
+template <typename T>
+std::unique_ptr<T[]> padded(const T *a, const data_stack *stack, long nx, long ny, long nz, long ox, long oy,
+                            long oz, float f, int64_t n4d) {
+  const IPOINT3D old = stack->dim;
+  // One streaming pass: every output row is written once, zeros and data
+  // alike, so fresh memory is touched a single time.
+  std::unique_ptr<T[]> fresh = scratch_buffer<T>(n4d);
+  constexpr T zero{};
+  T *o = fresh.get();
+  const long n2d = nx * ny;
+  for (long t = 0; t < stack->nt; t++) {
+    for (long z = 0; z < nz; z++) {
+      if (z < oz || z >= oz + old.z) {
+        o = std::fill_n(o, n2d, zero);
+        continue;
+      }
+      o = std::fill_n(o, oy * nx, zero);
+      for (long y = 0; y < old.y; y++) {
+        o = std::fill_n(o, ox, zero);
+        for (long x = 0; x < old.x; x++) o[x] = scaled(a[x], f);
+        o += old.x;
+        a += old.x;
+        o = std::fill_n(o, nx - ox - old.x, zero);
+      }
+      o = std::fill_n(o, (ny - oy - old.y) * nx, zero);
+    }
+  }
+  return fresh;
+}
+
+// Crops `stack` to nx x ny x nz around its centre, in place. Returns 1 when
+// the new sizes are not a crop of the old ones.
+int clip_stack(data_stack *stack, int nx, int ny, int nz) {
+  const IPOINT3D old = stack->dim;
+  if (nx < 1 || ny < 1 || nz < 1 || nx > old.x || ny > old.y || nz > old.z) {
+    printf("Error: stack %s cannot be clipped from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x,
+           old.y, old.z, nx, ny, nz);
+    return 1;
+  }
+  int64_t n4d = 0;
+  if (!checked_stack_size(stack->name, nx, ny, nz, stack->nt, &n4d)) return 1;
+  const KeptRange rx = kept_range(old.x, nx), ry = kept_range(old.y, ny), rz = kept_range(old.z, nz);
+  if (stack->real_only())
+    replace_samples(stack, clipped(stack->reals.get(), stack, rx, ry, rz, n4d), nx, ny, nz, stack->nt);
+  else
+    replace_samples(stack, clipped(stack->samples.get(), stack, rx, ry, rz, n4d), nx, ny, nz, stack->nt);
   printf("Stack %s was clipped from %d x %d to %d x %d.\n", stack->name, old.y, old.x, ny, nx);
-  replace_samples(stack, std::move(fresh), nx, ny, nz, stack->nt);
   POINT3D &origin = stack->origin;
   const POINT3D &res = stack->resolution, &dir = stack->direction;
   origin.x += rx.offset * res.x * dir.x;
@@ -95,32 +139,14 @@ int pad_stack(data_stack *stack, int nx, int ny, int nz, int far_y) {
   const long ox = (nx - old.x) / 2, oz = (nz - old.z) / 2;
   const long oy = far_y ? ny - old.y : (ny - old.y) / 2;
   const float f = static_cast<float>(static_cast<double>(n4d) / static_cast<double>(stack->n3d));
-  // One streaming pass: every output row is written once, zeros and data
-  // alike, so fresh memory is touched a single time.
-  std::unique_ptr<FCOMPLEX[]> fresh = scratch_buffer<FCOMPLEX>(n4d);
-  constexpr FCOMPLEX zero{0.0f, 0.0f};
-  const FCOMPLEX *a = stack->SpaceTime.fcData;
-  FCOMPLEX *o = fresh.get();
-  const long n2d = static_cast<long>(nx) * ny;
-  for (long t = 0; t < stack->nt; t++) {
-    for (long z = 0; z < nz; z++) {
-      if (z < oz || z >= oz + old.z) {
-        o = std::fill_n(o, n2d, zero);
-        continue;
-      }
-      o = std::fill_n(o, oy * nx, zero);
-      for (long y = 0; y < old.y; y++) {
-        o = std::fill_n(o, ox, zero);
-        for (long x = 0; x < old.x; x++) o[x] = {a[x].real * f, a[x].imag * f};
-        o += old.x;
-        a += old.x;
-        o = std::fill_n(o, nx - ox - old.x, zero);
-      }
-      o = std::fill_n(o, (ny - oy - old.y) * nx, zero);
-    }
-  }
-  printf("Stack %s was padded from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y, old.z, nx, ny, nz);
-  replace_samples(stack, std::move(fresh), nx, ny, nz, stack->nt);
+  printf("Stack %s was padded from %d x %d x %d to %d x %d x %d.\n", stack->name, old.x, old.y, old.z, nx, ny,
+         nz);
+  if (stack->real_only())
+    replace_samples(stack, padded(stack->reals.get(), stack, nx, ny, nz, ox, oy, oz, f, n4d), nx, ny, nz,
+                    stack->nt);
+  else
+    replace_samples(stack, padded(stack->samples.get(), stack, nx, ny, nz, ox, oy, oz, f, n4d), nx, ny, nz,
+                    stack->nt);
   if (stack->off_diagonal) drop_rotation(stack);
   return 0;
 }
@@ -147,7 +173,8 @@ void swap_quadrants(volume_list *v, bool mirror, Axes axes, float divide_x, floa
   if (axes == Axes::X || axes == Axes::XY) {
     for (long r = 0; r < ny * nz; r++) {
       FCOMPLEX *line = c + r * nx;
-      for (long x = 0; x < nx / 2; x++) exchange(line + x, line + (mirror ? nx - 1 - x : x + nx / 2), divide_x);
+      for (long x = 0; x < nx / 2; x++)
+        exchange(line + x, line + (mirror ? nx - 1 - x : x + nx / 2), divide_x);
     }
   }
   if (axes == Axes::Y || axes == Axes::XY) {
@@ -197,7 +224,8 @@ int clip_stacks_to_n(Axes axis, int n) {
       d.x = n;
     else if (axis == Axes::Y)
       d.y = n;
-    else d.z = n;
+    else
+      d.z = n;
     if (clip_stack(s, d.x, d.y, d.z)) return 1;
   }
   return 0;
@@ -240,12 +268,33 @@ int pad_2n_stacks() {
   return 0;
 }
 
+namespace {
+
+// Calls f with the stack's storage in its form.
+template <typename F>
+void with_storage(volume_list *v, F f) {
+  if (v->real_only())
+    f(v->SpaceTime.fData);
+  else
+    f(v->SpaceTime.fcData);
+}
+
+// The listed volumes (or those `taken`) gathered as a new stack's samples:
+// real parts alone when every listed volume is real-only.
+template <typename T>
+std::unique_ptr<T[]> gathered(int64_t n4d, bool zeroed) {
+  return zeroed ? zeroed_buffer<T>(n4d) : scratch_buffer<T>(n4d);
+}
+
+}  // namespace
+
 int reverse_slice_order() {
   for (volume_list *v = volume_list_root; v; v = v->next) {
     const long n2d = v->n2d;
-    for (long k = 0; k < v->dim.z / 2; k++)
-      std::swap_ranges(v->SpaceTime.fcData + k * n2d, v->SpaceTime.fcData + (k + 1) * n2d,
-                       v->SpaceTime.fcData + (v->dim.z - 1 - k) * n2d);
+    with_storage(v, [&](auto *c) {
+      for (long k = 0; k < v->dim.z / 2; k++)
+        std::swap_ranges(c + k * n2d, c + (k + 1) * n2d, c + (v->dim.z - 1 - k) * n2d);
+    });
   }
   return 0;
 }
@@ -270,17 +319,22 @@ int reorder_slices() {
   }
   for (int k = 0; k < nslice_order; k++) {
     if (slice_order[static_cast<size_t>(k)] < 0 || slice_order[static_cast<size_t>(k)] >= dim.z) {
-      printf("The `slice-order' array names slice %d; the slices are 0 to %d.\n", slice_order[static_cast<size_t>(k)], dim.z - 1);
+      printf("The `slice-order' array names slice %d; the slices are 0 to %d.\n",
+             slice_order[static_cast<size_t>(k)], dim.z - 1);
       return 1;
     }
   }
   const long n2d = static_cast<long>(dim.x) * dim.y, n3d = n2d * dim.z;
   std::unique_ptr<FCOMPLEX[]> scratch = scratch_buffer<FCOMPLEX>(n3d);
   for (volume_list *v = volume_list_root; v; v = v->next) {
-    std::fill(scratch.get(), scratch.get() + n3d, FCOMPLEX{0.0f, 0.0f});
-    for (int k = 0; k < dim.z; k++)
-      memcpy(scratch.get() + slice_order[static_cast<size_t>(k)] * n2d, v->SpaceTime.fcData + k * n2d, sizeof(FCOMPLEX) * n2d);
-    memcpy(v->SpaceTime.fcData, scratch.get(), sizeof(FCOMPLEX) * n3d);
+    with_storage(v, [&](auto *c) {
+      using T = std::remove_pointer_t<decltype(c)>;
+      T *to = reinterpret_cast<T *>(scratch.get());
+      std::fill(to, to + n3d, T{});
+      for (int k = 0; k < dim.z; k++)
+        memcpy(to + slice_order[static_cast<size_t>(k)] * n2d, c + k * n2d, sizeof(T) * n2d);
+      memcpy(c, to, sizeof(T) * n3d);
+    });
   }
   return 0;
 }
@@ -306,21 +360,24 @@ int shuffle_stacks(const char *name) {
   const long n3d = f->n3d;
   // Gathered aside (the new stack may replace a listed one); volumes that no
   // node fills stay zero, and a run longer than nt has no place to go.
-  std::unique_ptr<FCOMPLEX[]> out = zeroed_buffer<FCOMPLEX>(n4d);
-  long s = -1, k = 0;
-  const data_stack *previous = nullptr;
-  for (const volume_list *v = first; v; v = v->next) {
-    if (v->stack != previous) {
-      previous = v->stack;
-      s++;
-      k = 0;
+  auto shuffle = [&](auto out) {
+    long s = -1, k = 0;
+    const data_stack *previous = nullptr;
+    for (const volume_list *v = first; v; v = v->next) {
+      if (v->stack != previous) {
+        previous = v->stack;
+        s++;
+        k = 0;
+      }
+      if (k < f->nt) copy_volume(v, out.get() + (nstacks * k + s) * n3d);
+      k++;
     }
-    if (k < f->nt) memcpy(out.get() + (nstacks * k + s) * n3d, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
-    k++;
-  }
-  if (install_stack_with(name, f, f->dim.x, f->dim.y, f->dim.z, static_cast<int>(nstacks * f->nt), std::move(out)) ==
-      nullptr)
-    return 1;
+    return install_stack_with(name, f, f->dim.x, f->dim.y, f->dim.z, static_cast<int>(nstacks * f->nt),
+                              std::move(out));
+  };
+  const data_stack *made =
+      all_real_only(first) ? shuffle(gathered<float>(n4d, true)) : shuffle(gathered<FCOMPLEX>(n4d, true));
+  if (made == nullptr) return 1;
   initialize_volume_list();
   return 0;
 }
@@ -340,15 +397,19 @@ int slice_volumes(const char *name, int n) {
     taken.push_back(v);
   }
   int64_t n4d = 0;
-  if (!checked_stack_size(name, first->dim.x, first->dim.y, first->dim.z, static_cast<int64_t>(taken.size()), &n4d))
+  if (!checked_stack_size(name, first->dim.x, first->dim.y, first->dim.z, static_cast<int64_t>(taken.size()),
+                          &n4d))
     return 1;
   const long n3d = first->n3d;
-  std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n4d);
-  for (size_t t = 0; t < taken.size(); t++)
-    memcpy(out.get() + static_cast<long>(t) * n3d, taken[t]->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
-  if (install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, static_cast<int>(taken.size()),
-                         std::move(out)) == nullptr)
-    return 1;
+  bool real = true;
+  for (const volume_list *v : taken) real = real && v->real_only();
+  auto slice = [&](auto out) {
+    for (size_t t = 0; t < taken.size(); t++) copy_volume(taken[t], out.get() + static_cast<long>(t) * n3d);
+    return install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z,
+                              static_cast<int>(taken.size()), std::move(out));
+  };
+  const data_stack *made = real ? slice(gathered<float>(n4d, false)) : slice(gathered<FCOMPLEX>(n4d, false));
+  if (made == nullptr) return 1;
   initialize_volume_list();
   return 0;
 }

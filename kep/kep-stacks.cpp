@@ -41,8 +41,29 @@ data_stack *find_stack(const char *name) {
   return nullptr;
 }
 
-data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
-                          int nt) {
+template <typename T>
+std::unique_ptr<T[]> allocate_plane(size_t count) {
+  std::unique_ptr<T[]> plane(new (std::nothrow) T[count > 0 ? count : 1]);
+  if (plane) prefer_huge_pages(plane.get(), sizeof(T) * (count > 0 ? count : 1));
+  return plane;
+}
+template std::unique_ptr<FCOMPLEX[]> allocate_plane<FCOMPLEX>(size_t);
+template std::unique_ptr<float[]> allocate_plane<float>(size_t);
+
+namespace {
+
+// Points the stack's SpaceTime at the storage it holds.
+void point_at_storage(data_stack *stack) {
+  if (stack->reals)
+    stack->SpaceTime.fData = stack->reals.get();
+  else
+    stack->SpaceTime.fcData = stack->samples.get();
+}
+
+}  // namespace
+
+data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz, int nt,
+                          SampleForm form) {
   // Callers size stacks they know to fit; a size that does not is a fault,
   // stopped here before any count can wrap.
   int64_t n2d = 0, n3d = 0, n4d = 0;
@@ -55,6 +76,7 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   data_stack *stack = find_stack(name);
   if (stack != nullptr) {
     stack->samples.reset();
+    stack->reals.reset();
     stack->SpaceTime.fcData = nullptr;
   } else {
     std::unique_ptr<data_stack> fresh(new (std::nothrow) data_stack);
@@ -72,11 +94,12 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   stack->n4d = static_cast<int>(n4d);
   stack->npts_volume = 2 * stack->n3d;
   stack->data_type = 1;
-  FCOMPLEX *samples = new (std::nothrow) FCOMPLEX[stack->n4d > 0 ? stack->n4d : 1];
-  if (samples == nullptr) alloc_error("Allocation error in fcomplex_vector().");
-  prefer_huge_pages(samples, sizeof(FCOMPLEX) * static_cast<size_t>(stack->n4d > 0 ? stack->n4d : 1));
-  stack->samples.reset(samples);
-  stack->SpaceTime.fcData = samples;
+  if (form == SampleForm::Real)
+    stack->reals = allocate_plane<float>(static_cast<size_t>(stack->n4d));
+  else
+    stack->samples = allocate_plane<FCOMPLEX>(static_cast<size_t>(stack->n4d));
+  if (!stack->reals && !stack->samples) alloc_error("Allocation error in fcomplex_vector().");
+  point_at_storage(stack);
   if (template_stack != nullptr) {
     // A stack on the template's grid takes its whole geometry; on any other
     // grid the matrix (and a rotation in it) would be stale.
@@ -102,11 +125,12 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
 }
 
 data_stack *install_stack_checked(const char *name, const data_stack *template_stack, long nx, long ny,
-                                  long nz, long nt) {
+                                  long nz, long nt, SampleForm form) {
   int64_t n2d = 0, n3d = 0, n4d = 0, bytes = 0;
   if (nx < 1 || ny < 1 || nz < 1 || nt < 1 || !checked_product(nx, ny, INT_MAX, &n2d) ||
       !checked_product(n2d, nz, INT_MAX / 2, &n3d) || !checked_product(n3d, nt, INT_MAX, &n4d) ||
-      !checked_product(n4d, static_cast<int64_t>(sizeof(FCOMPLEX)), INT64_MAX, &bytes)) {
+      !checked_product(n4d, static_cast<int64_t>(form == SampleForm::Real ? sizeof(float) : sizeof(FCOMPLEX)),
+                       INT64_MAX, &bytes)) {
     kep_textf(2, "The stack %s cannot hold %ld x %ld x %ld x %ld samples.", name, nx, ny, nz, nt);
     return nullptr;
   }
@@ -118,23 +142,74 @@ data_stack *install_stack_checked(const char *name, const data_stack *template_s
   }
   free(probe);
   return install_stack(name, template_stack, static_cast<int>(nx), static_cast<int>(ny), static_cast<int>(nz),
-                       static_cast<int>(nt));
+                       static_cast<int>(nt), form);
 }
 
-data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
-                                       std::unique_ptr<FCOMPLEX[]> samples) {
-  // Registered as a one-sample stack, then given the real shape and samples:
-  // a large read never holds two copies of its data.
-  data_stack *stack = install_stack(name, nullptr, 1, 1, 1, 1);
+namespace {
+
+// Registered as a one-sample stack, then given the real shape and storage:
+// a large read never holds two copies of its data.
+data_stack *install_shaped(const char *name, int nx, int ny, int nz, int nt) {
+  data_stack *stack = install_stack(name, nullptr, 1, 1, 1, 1, SampleForm::Real);
+  stack->reals.reset();
   stack->dim = {nx, ny, nz};
   stack->nt = nt;
   stack->n2d = nx * ny;
   stack->n3d = stack->n2d * nz;
   stack->n4d = stack->n3d * nt;
   stack->npts_volume = 2 * stack->n3d;
-  stack->samples = std::move(samples);
-  stack->SpaceTime.fcData = stack->samples.get();
   return stack;
+}
+
+}  // namespace
+
+data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
+                                       std::unique_ptr<FCOMPLEX[]> samples) {
+  data_stack *stack = install_shaped(name, nx, ny, nz, nt);
+  stack->samples = std::move(samples);
+  point_at_storage(stack);
+  return stack;
+}
+
+data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
+                                       std::unique_ptr<float[]> reals) {
+  data_stack *stack = install_shaped(name, nx, ny, nz, nt);
+  stack->reals = std::move(reals);
+  point_at_storage(stack);
+  return stack;
+}
+
+void make_complex(data_stack *stack) {
+  if (!stack->reals) return;
+  const size_t n = static_cast<size_t>(stack->n4d);
+  std::unique_ptr<FCOMPLEX[]> samples = allocate_plane<FCOMPLEX>(n);
+  if (!samples) alloc_error("Allocation error in fcomplex_vector().");
+  const float *re = stack->reals.get();
+  for (size_t i = 0; i < n; i++) samples[i] = {re[i], 0.0f};
+  stack->reals.reset();
+  stack->samples = std::move(samples);
+  point_at_storage(stack);
+  repoint_volume_lists();
+}
+
+bool make_real_if_possible(data_stack *stack) {
+  if (!stack->samples) return false;
+  const size_t n = static_cast<size_t>(stack->n4d);
+  const FCOMPLEX *c = stack->samples.get();
+  // Bitwise: -0 must survive, as it would be written.
+  for (size_t i = 0; i < n; i++) {
+    uint32_t bits;
+    memcpy(&bits, &c[i].imag, sizeof bits);
+    if (bits != 0) return false;
+  }
+  std::unique_ptr<float[]> reals = allocate_plane<float>(n);
+  if (!reals) return false;  // the pairs serve as well
+  for (size_t i = 0; i < n; i++) reals[i] = c[i].real;
+  stack->samples.reset();
+  stack->reals = std::move(reals);
+  point_at_storage(stack);
+  repoint_volume_lists();
+  return true;
 }
 
 void free_stack(data_stack *stack) {
@@ -155,24 +230,22 @@ int delete_stacks() {
 }
 
 float stack_amp(const data_stack *stack, long n) {
-  const FCOMPLEX &c = stack->SpaceTime.fcData[n];
-  if (stack->status & (STATUS_POLAR | STATUS_MAP)) return c.real;
-  return static_cast<float>(
-      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+  const double re = stack->re(n), im = stack->im(n);
+  if (stack->status & (STATUS_POLAR | STATUS_MAP)) return static_cast<float>(re);
+  return static_cast<float>(sqrt(re * re + im * im));
 }
 
 float volume_amp(const volume_list *vol, long n) {
-  const FCOMPLEX &c = vol->SpaceTime.fcData[n];
-  if (vol->stack != nullptr && (vol->stack->status & (STATUS_POLAR | STATUS_MAP))) return c.real;
-  return static_cast<float>(
-      sqrt(static_cast<double>(c.real) * c.real + static_cast<double>(c.imag) * c.imag));
+  const double re = vol->re(n), im = vol->im(n);
+  if (vol->stack->status & (STATUS_POLAR | STATUS_MAP)) return static_cast<float>(re);
+  return static_cast<float>(sqrt(re * re + im * im));
 }
 
 float volume_phase(const volume_list *vol, long n) {
-  const FCOMPLEX &c = vol->SpaceTime.fcData[n];
-  if (vol->stack != nullptr && (vol->stack->status & (STATUS_POLAR | STATUS_MAP))) return c.imag;
+  const float re = vol->re(n), im = vol->im(n);
+  if (vol->stack->status & (STATUS_POLAR | STATUS_MAP)) return im;
   float amp = 0.0f, phase = 0.0f;
-  polar_from_complex(c.real, c.imag, &amp, &phase);
+  polar_from_complex(re, im, &amp, &phase);
   return phase;
 }
 
@@ -197,9 +270,9 @@ int show_stacks() {
       float a = stack_amp(s, n);
       if (a < lo) lo = a;
       if (a > hi) hi = a;
-      const FCOMPLEX &c = s->SpaceTime.fcData[n];
-      nan += std::isnan(c.real) || std::isnan(c.imag);
-      infinite += std::isinf(c.real) || std::isinf(c.imag);
+      const float re = s->re(n), im = s->im(n);
+      nan += std::isnan(re) || std::isnan(im);
+      infinite += std::isinf(re) || std::isinf(im);
     }
     printf("%s\r\t\t%d\r\t\t\t%d\r\t\t\t\t%d\r\t\t\t\t\t%d\r\t\t\t\t\t\t%s\r\t\t\t\t\t\t\t\t%g\n", s->name,
            s->dim.x, s->dim.y, s->dim.z, s->nt, type, lo);
@@ -218,6 +291,41 @@ bool copy_releases_sources = false;
 
 void set_copy_releases_sources(bool on) { copy_releases_sources = on; }
 
+void copy_volume(const volume_list *v, FCOMPLEX *out) {
+  if (!v->real_only()) {
+    memcpy(out, v->SpaceTime.fcData, sizeof(FCOMPLEX) * v->n3d);
+    return;
+  }
+  for (long i = 0; i < v->n3d; i++) out[i] = {v->SpaceTime.fData[i], 0.0f};
+}
+
+void copy_volume(const volume_list *v, float *out) {
+  memcpy(out, v->SpaceTime.fData, sizeof(float) * v->n3d);
+}
+
+bool all_real_only(const volume_list *root) {
+  for (const volume_list *v = root; v; v = v->next)
+    if (!v->real_only()) return false;
+  return true;
+}
+
+namespace {
+
+// Volume v's samples into `dst` from sample `offset` on (dst's form; a real
+// stack only takes real-only volumes).
+void copy_volume_into(data_stack *dst, long offset, const volume_list *v) {
+  if (dst->reals)
+    copy_volume(v, dst->reals.get() + offset);
+  else
+    copy_volume(v, dst->samples.get() + offset);
+}
+
+size_t storage_bytes(const data_stack *s) {
+  return static_cast<size_t>(s->n4d) * (s->real_only() ? sizeof(float) : sizeof(FCOMPLEX));
+}
+
+}  // namespace
+
 int copy_volumes(const char *name) {
   if (volume_list_root == nullptr) return 1;
   const volume_list *first = volume_list_root;
@@ -231,6 +339,8 @@ int copy_volumes(const char *name) {
     replaces_source = replaces_source || strcmp(v->stack->name, name) == 0;
     count++;
   }
+  const bool all_real = all_real_only(first);
+  const SampleForm form = all_real ? SampleForm::Real : SampleForm::Complex;
   const long n3d = first->n3d;
   // Refused before anything is gathered when the joined size does not fit.
   int64_t n4d = 0;
@@ -239,30 +349,38 @@ int copy_volumes(const char *name) {
   IPOINT3D dim = first->dim;
   data_stack *created = nullptr;
   if (replaces_source) {
-    // The new stack replaces one of the sources: gather the volumes first.
-    std::unique_ptr<FCOMPLEX[]> gathered(new (std::nothrow) FCOMPLEX[static_cast<size_t>(n3d * count)]);
-    if (!gathered) alloc_error("Allocation error in fcomplex_vector().");
+    // The new stack replaces one of the sources: gather the volumes first,
+    // into a stack of their own that then takes the name.
+    data_stack gathered;
+    gathered.n3d = static_cast<int>(n3d);
+    gathered.n4d = static_cast<int>(n3d * count);
+    if (all_real)
+      gathered.reals = allocate_plane<float>(static_cast<size_t>(n3d * count));
+    else
+      gathered.samples = allocate_plane<FCOMPLEX>(static_cast<size_t>(n3d * count));
+    if (!gathered.reals && !gathered.samples) alloc_error("Allocation error in fcomplex_vector().");
     long t = 0;
-    for (const volume_list *v = first; v; v = v->next, t++)
-      memcpy(gathered.get() + t * n3d, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
-    created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count);
+    for (const volume_list *v = first; v; v = v->next, t++) copy_volume_into(&gathered, t * n3d, v);
+    created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count, form);
     if (created == nullptr) return 1;
-    memcpy(created->SpaceTime.fcData, gathered.get(), sizeof(FCOMPLEX) * n3d * count);
+    if (all_real)
+      memcpy(created->reals.get(), gathered.reals.get(), sizeof(float) * n3d * count);
+    else
+      memcpy(created->samples.get(), gathered.samples.get(), sizeof(FCOMPLEX) * n3d * count);
   } else {
     // Straight into the new stack: one copy of the samples, not two.
-    created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count);
+    created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count, form);
     if (created == nullptr) return 1;
     long t = 0;
     for (const volume_list *v = first; v; v = v->next, t++) {
-      memcpy(created->SpaceTime.fcData + t * n3d, v->SpaceTime.fcData, sizeof(FCOMPLEX) * n3d);
+      copy_volume_into(created, t * n3d, v);
       // Sources about to be deleted give their memory back as soon as they are copied,
       // so that joining runs needs little more than the joined stack.
       if (!copy_releases_sources || (v->next != nullptr && v->next->stack == v->stack)) continue;
       bool listed_again = false;
       for (const volume_list *w = v->next; w && !listed_again; w = w->next)
         listed_again = w->stack == v->stack;
-      if (!listed_again)
-        release_pages(v->stack->SpaceTime.fcData, sizeof(FCOMPLEX) * static_cast<size_t>(v->stack->n4d));
+      if (!listed_again) release_pages(const_cast<void *>(v->stack->storage()), storage_bytes(v->stack));
     }
   }
   initialize_volume_list();  // the list may point into replaced storage

@@ -11,15 +11,40 @@ extern const std::unique_ptr<data_stack> &stack_root;
 // Frees every stack.
 void reset_stacks();
 
-data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz, int nt);
+// The form a new stack's storage takes (see data_stack): interleaved pairs,
+// or real parts alone.
+enum class SampleForm { Complex, Real };
+
+data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz, int nt,
+                          SampleForm form = SampleForm::Complex);
 // Same, but refuses sizes that overflow the sample count before touching
 // the registry: returns null after an error message.
 data_stack *install_stack_checked(const char *name, const data_stack *template_stack, long nx, long ny,
-                                  long nz, long nt);
+                                  long nz, long nt, SampleForm form = SampleForm::Complex);
 // Same, for samples already gathered (n4d of them, sizes already checked):
 // the stack takes them over instead of allocating its own.
 data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
                                        std::unique_ptr<FCOMPLEX[]> samples);
+data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
+                                       std::unique_ptr<float[]> reals);
+// Gives a real-only stack complex storage (imaginary parts zero) for an
+// operation that writes pairs; the volume lists are pointed at it.
+void make_complex(data_stack *stack);
+// Gives a complex stack whose imaginary parts are all +0 its real-only form
+// back (a -0 or NaN imaginary part keeps the pairs, so nothing written
+// changes); returns whether it did.
+bool make_real_if_possible(data_stack *stack);
+// Volume v's n3d samples into `out`: as pairs (a real-only volume gives zero
+// imaginary parts), or as real parts, of a real-only volume only.
+void copy_volume(const volume_list *v, FCOMPLEX *out);
+void copy_volume(const volume_list *v, float *out);
+// Whether every volume of the list is real-only.
+bool all_real_only(const volume_list *root);
+// A new array of `count` samples or floats, with huge pages asked for when
+// it is large (that spares the page faults of filling it); null when there
+// is no memory.
+template <typename T>
+std::unique_ptr<T[]> allocate_plane(size_t count);
 void free_stack(data_stack *stack);
 data_stack *find_stack(const char *name);
 int delete_stacks();

@@ -1,7 +1,9 @@
 // The command table: one row per command with its argument form and operation.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iterator>
 #include <new>
 #include <string>
@@ -123,39 +125,39 @@ const Command commands[] = {
     {"down-sample", Form::VolumeList, false, [](Decoded &) { return downsample_stacks(); }},
     {"shift-pixels", Form::ThreeRealsAndList, false,
      [](Decoded &d) { return ishift_pixels(d.r[0], d.r[1], d.r[2]); }},
-    {"abs", Form::VolumeList, false, [](Decoded &) { return absolute_value(); }},
-    {"add", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Add); }},
+    {"abs", Form::VolumeList, false, [](Decoded &) { return absolute_value(); }, KNOWS_REAL_ONLY},
+    {"add", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Add); }, KNOWS_REAL_ONLY},
     {"add-constant", Form::RealAndList, false,
-     [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Add, d.r[0]); }},
-    {"add-stacks", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function_on_stacks(Arithmetic::Add); }},
+     [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Add, d.r[0]); }, KNOWS_REAL_ONLY},
+    {"add-stacks", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function_on_stacks(Arithmetic::Add); }, KNOWS_REAL_ONLY},
     {"create-fCBV", Form::NameAndList, false, [](Decoded &d) { return create_fCBV(FcbvVolumes::PrePostSeries, d.name); }},
     {"create-fCBV1", Form::NameAndList, false, [](Decoded &d) { return create_fCBV(FcbvVolumes::PrePostBaselineSeries, d.name); }},
-    {"divide", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Divide); }},
+    {"divide", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Divide); }, KNOWS_REAL_ONLY},
     {"divide-constant", Form::RealAndList, false,
-     [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Divide, d.r[0]); }},
+     [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Divide, d.r[0]); }, KNOWS_REAL_ONLY},
     {"divide-stacks", Form::ComparisonList, false,
-     [](Decoded &) { return arithmetic_function_on_stacks(Arithmetic::Divide); }},
-    {"exp", Form::RealAndList, false, [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Exp, d.r[0]); }},
-    {"ln", Form::RealAndList, false, [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Ln, d.r[0]); }},
-    {"atan", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Atan); }},
-    {"multiply", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Multiply); }},
+     [](Decoded &) { return arithmetic_function_on_stacks(Arithmetic::Divide); }, KNOWS_REAL_ONLY},
+    {"exp", Form::RealAndList, false, [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Exp, d.r[0]); }, KNOWS_REAL_ONLY},
+    {"ln", Form::RealAndList, false, [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Ln, d.r[0]); }, KNOWS_REAL_ONLY},
+    {"atan", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Atan); }, KNOWS_REAL_ONLY},
+    {"multiply", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Multiply); }, KNOWS_REAL_ONLY},
     {"multiply-constant", Form::RealAndList, false,
-     [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Multiply, d.r[0]); }},
+     [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Multiply, d.r[0]); }, KNOWS_REAL_ONLY},
     {"multiply-stacks", Form::ComparisonList, false,
-     [](Decoded &) { return arithmetic_function_on_stacks(Arithmetic::Multiply); }},
-    {"subtract", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Subtract); }},
+     [](Decoded &) { return arithmetic_function_on_stacks(Arithmetic::Multiply); }, KNOWS_REAL_ONLY},
+    {"subtract", Form::ComparisonList, false, [](Decoded &) { return arithmetic_function(Arithmetic::Subtract); }, KNOWS_REAL_ONLY},
     {"subtract-constant", Form::RealAndList, false,
-     [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Subtract, d.r[0]); }},
+     [](Decoded &d) { return arithmetic_function_constant(Arithmetic::Subtract, d.r[0]); }, KNOWS_REAL_ONLY},
     {"subtract-stacks", Form::ComparisonList, false,
-     [](Decoded &) { return arithmetic_function_on_stacks(Arithmetic::Subtract); }},
-    {"average", Form::NameAndList, false, [](Decoded &d) { return average_volumes(d.name); }},
-    {"average-by", Form::IntNameAndList, false, [](Decoded &d) { return average_by_n(d.name, d.n); }},
-    {"average-epochs", Form::IntNameAndList, false, [](Decoded &d) { return average_epochs(d.name, d.n); }},
-    {"average-stacks", Form::NameAndList, false, [](Decoded &d) { return average_stacks(d.name); }},
+     [](Decoded &) { return arithmetic_function_on_stacks(Arithmetic::Subtract); }, KNOWS_REAL_ONLY},
+    {"average", Form::NameAndList, false, [](Decoded &d) { return average_volumes(d.name); }, KNOWS_REAL_ONLY},
+    {"average-by", Form::IntNameAndList, false, [](Decoded &d) { return average_by_n(d.name, d.n); }, KNOWS_REAL_ONLY},
+    {"average-epochs", Form::IntNameAndList, false, [](Decoded &d) { return average_epochs(d.name, d.n); }, KNOWS_REAL_ONLY},
+    {"average-stacks", Form::NameAndList, false, [](Decoded &d) { return average_stacks(d.name); }, KNOWS_REAL_ONLY},
     {"smooth-3d", Form::RealAndList, false, [](Decoded &d) { return smooth_in_kspace(d.r[0], 3); }},
     {"smooth-2d", Form::RealAndList, false, [](Decoded &d) { return smooth_in_kspace(d.r[0], 2); }},
-    {"weighted-average", Form::NameAndList, false, [](Decoded &d) { return weighted_average(d.name); }},
-    {"read", Form::ReadArgument, false, read_command},
+    {"weighted-average", Form::NameAndList, false, [](Decoded &d) { return weighted_average(d.name); }, KNOWS_REAL_ONLY},
+    {"read", Form::ReadArgument, false, read_command, KNOWS_REAL_ONLY},
     {"read-loop", Form::ReadArgument, false,
      [](Decoded &d) {
        int result = 0;
@@ -163,13 +165,13 @@ const Command commands[] = {
          result = initialize_read_loop(d.kind, d.file, d.name, d.subset);
        set_read_loop_running(1);
        return result;
-     }},
+     }, KNOWS_REAL_ONLY},
     {"end-loop", Form::Nothing, false,
      [](Decoded &) {
        set_read_loop_running(0);
        return flush_read_loop_commands();
      },
-     RUNS_IN_READ_LOOP},
+     RUNS_IN_READ_LOOP | KNOWS_REAL_ONLY},
     {"mode", Form::WholeText, false,
      [](Decoded &d) {
        if (flags & FLAG_MODE_FILE2) {
@@ -179,11 +181,11 @@ const Command commands[] = {
        strip_com_arguments(d.text);
        return open_command_file(com_argv[1]);
      },
-     RUNS_IN_READ_LOOP},
-    {"write", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_FROM_NAME, d.name); }},
-    {"write-short", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_SHORT, d.name); }},
-    {"write-float", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_FLOAT, d.name); }},
-    {"write-slices", Form::FileAndList, false, [](Decoded &d) { return write_slices(d.name); }},
+     RUNS_IN_READ_LOOP | KNOWS_REAL_ONLY},
+    {"write", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_FROM_NAME, d.name); }, KNOWS_REAL_ONLY},
+    {"write-short", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_SHORT, d.name); }, KNOWS_REAL_ONLY},
+    {"write-float", Form::FileAndList, false, [](Decoded &d) { return write_output_file(STORAGE_FLOAT, d.name); }, KNOWS_REAL_ONLY},
+    {"write-slices", Form::FileAndList, false, [](Decoded &d) { return write_slices(d.name); }, KNOWS_REAL_ONLY},
     {"write-overlay", Form::WholeText, false, [](Decoded &d) { return write_ovl(d.text); }},
     {"delete-overlay", Form::Nothing, false,
      [](Decoded &) {
@@ -203,37 +205,37 @@ const Command commands[] = {
      [](Decoded &) { return magnitude_window_together(); }},
     {"scale", Form::RealAndList, false, [](Decoded &d) { return scale_volumes(d.r[0]); }},
     {"normalize", Form::RealAndList, false, [](Decoded &d) { return normalize_volumes(d.r[0]); }},
-    {"bye", Form::Nothing, false, end_process},
-    {"quit", Form::Nothing, false, end_process},
-    {"stop", Form::Nothing, false, end_process},
-    {"exit", Form::Nothing, false, end_process},
-    {"help", Form::WholeText, false, [](Decoded &d) { return help_command(d.text); }},
+    {"bye", Form::Nothing, false, end_process, KNOWS_REAL_ONLY},
+    {"quit", Form::Nothing, false, end_process, KNOWS_REAL_ONLY},
+    {"stop", Form::Nothing, false, end_process, KNOWS_REAL_ONLY},
+    {"exit", Form::Nothing, false, end_process, KNOWS_REAL_ONLY},
+    {"help", Form::WholeText, false, [](Decoded &d) { return help_command(d.text); }, KNOWS_REAL_ONLY},
     {"set", Form::WholeText, false, set_command, TAKES_RAW_LINE},
     {"show", Form::WholeText, false, show_command, TAKES_RAW_LINE},
-    {"show-stacks", Form::VolumeList, false, [](Decoded &) { return show_stacks(); }},
+    {"show-stacks", Form::VolumeList, false, [](Decoded &) { return show_stacks(); }, KNOWS_REAL_ONLY},
     {"convert-complex", Form::VolumeList, false, [](Decoded &) { return convert_complex(); }},
     {"convert-to-real", Form::VolumeList, false, [](Decoded &) { return convert_to_real(); }},
-    {"copy", Form::NameAndList, false, [](Decoded &d) { return copy_volumes(d.name); }},
-    {"delete", Form::VolumeList, false, [](Decoded &) { return delete_stacks(); }},
-    {"clip-x", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::X); }},
-    {"clip-y", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::Y); }},
-    {"clip-z", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::Z); }},
-    {"clip-x-to", Form::IntAndList, false, [](Decoded &d) { return clip_stacks_to_n(Axes::X, d.n); }},
-    {"clip-y-to", Form::IntAndList, false, [](Decoded &d) { return clip_stacks_to_n(Axes::Y, d.n); }},
-    {"clip-z-to", Form::IntAndList, false, [](Decoded &d) { return clip_stacks_to_n(Axes::Z, d.n); }},
-    {"pad-x", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::X); }},
-    {"pad-y", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::Y); }},
-    {"pad-z", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::Z); }},
-    {"pad-xy", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::XY); }},
-    {"pad-to", Form::IntAndList, false, [](Decoded &d) { return pad_stacks_to_n(Axes::XY, d.n); }},
-    {"pad-x-to", Form::IntAndList, false, [](Decoded &d) { return pad_stacks_to_n(Axes::X, d.n); }},
-    {"pad-y-to", Form::IntAndList, false, [](Decoded &d) { return pad_stacks_to_n(Axes::Y, d.n); }},
-    {"pad-xyz", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::XYZ); }},
-    {"pad-2^n", Form::VolumeList, false, [](Decoded &) { return pad_2n_stacks(); }},
-    {"reorder-slices", Form::VolumeList, false, [](Decoded &) { return reorder_slices(); }},
-    {"shuffle", Form::NameAndList, false, [](Decoded &d) { return shuffle_stacks(d.name); }},
-    {"slice", Form::IntNameAndList, false, [](Decoded &d) { return slice_volumes(d.name, d.n); }},
-    {"reverse-slice-order", Form::VolumeList, false, [](Decoded &) { return reverse_slice_order(); }},
+    {"copy", Form::NameAndList, false, [](Decoded &d) { return copy_volumes(d.name); }, KNOWS_REAL_ONLY},
+    {"delete", Form::VolumeList, false, [](Decoded &) { return delete_stacks(); }, KNOWS_REAL_ONLY},
+    {"clip-x", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::X); }, KNOWS_REAL_ONLY},
+    {"clip-y", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::Y); }, KNOWS_REAL_ONLY},
+    {"clip-z", Form::VolumeList, false, [](Decoded &) { return clip_stacks(Axes::Z); }, KNOWS_REAL_ONLY},
+    {"clip-x-to", Form::IntAndList, false, [](Decoded &d) { return clip_stacks_to_n(Axes::X, d.n); }, KNOWS_REAL_ONLY},
+    {"clip-y-to", Form::IntAndList, false, [](Decoded &d) { return clip_stacks_to_n(Axes::Y, d.n); }, KNOWS_REAL_ONLY},
+    {"clip-z-to", Form::IntAndList, false, [](Decoded &d) { return clip_stacks_to_n(Axes::Z, d.n); }, KNOWS_REAL_ONLY},
+    {"pad-x", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::X); }, KNOWS_REAL_ONLY},
+    {"pad-y", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::Y); }, KNOWS_REAL_ONLY},
+    {"pad-z", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::Z); }, KNOWS_REAL_ONLY},
+    {"pad-xy", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::XY); }, KNOWS_REAL_ONLY},
+    {"pad-to", Form::IntAndList, false, [](Decoded &d) { return pad_stacks_to_n(Axes::XY, d.n); }, KNOWS_REAL_ONLY},
+    {"pad-x-to", Form::IntAndList, false, [](Decoded &d) { return pad_stacks_to_n(Axes::X, d.n); }, KNOWS_REAL_ONLY},
+    {"pad-y-to", Form::IntAndList, false, [](Decoded &d) { return pad_stacks_to_n(Axes::Y, d.n); }, KNOWS_REAL_ONLY},
+    {"pad-xyz", Form::VolumeList, false, [](Decoded &) { return pad_stacks(Axes::XYZ); }, KNOWS_REAL_ONLY},
+    {"pad-2^n", Form::VolumeList, false, [](Decoded &) { return pad_2n_stacks(); }, KNOWS_REAL_ONLY},
+    {"reorder-slices", Form::VolumeList, false, [](Decoded &) { return reorder_slices(); }, KNOWS_REAL_ONLY},
+    {"shuffle", Form::NameAndList, false, [](Decoded &d) { return shuffle_stacks(d.name); }, KNOWS_REAL_ONLY},
+    {"slice", Form::IntNameAndList, false, [](Decoded &d) { return slice_volumes(d.name, d.n); }, KNOWS_REAL_ONLY},
+    {"reverse-slice-order", Form::VolumeList, false, [](Decoded &) { return reverse_slice_order(); }, KNOWS_REAL_ONLY},
     {"inverse-transform", Form::VolumeList, false, [](Decoded &) { return ft_1d(FourierAxis::X, FourierDirection::Inverse) | ft_1d(FourierAxis::Y, FourierDirection::Inverse); }},
     {"inverse-transform-x", Form::VolumeList, false, [](Decoded &) { return ft_1d(FourierAxis::X, FourierDirection::Inverse); }},
     {"inverse-transform-y", Form::VolumeList, false, [](Decoded &) { return ft_1d(FourierAxis::Y, FourierDirection::Inverse); }},
@@ -252,32 +254,32 @@ const Command commands[] = {
     {"map-snr", Form::NameAndList, false, [](Decoded &d) { return map_snr(d.name); }},
     {"map-t2", Form::NameAndList, false, [](Decoded &d) { return map_t2(DecayMap::T2, d.name); }},
     {"map-diffusion", Form::NameAndList, false, [](Decoded &d) { return map_t2(DecayMap::Diffusion, d.name); }},
-    {"read-GLM", Form::WholeText, false, [](Decoded &d) { return macro_read_glm_control_file(d.text); }},
-    {"GLM-remove-baseline", Form::Nothing, true, [](Decoded &) { return glm_remove_or_correct_baseline(BaselineStep::Remove); }},
+    {"read-GLM", Form::WholeText, false, [](Decoded &d) { return macro_read_glm_control_file(d.text); }, KNOWS_REAL_ONLY},
+    {"GLM-remove-baseline", Form::Nothing, true, [](Decoded &) { return glm_remove_or_correct_baseline(BaselineStep::Remove); }, KNOWS_REAL_ONLY},
     {"GLM-correct-baseline", Form::Nothing, true,
-     [](Decoded &) { return glm_remove_or_correct_baseline(BaselineStep::Correct); }},
-    {"GLM-histogram", Form::Nothing, true, [](Decoded &) { return glm_histogram_unbiased(); }},
+     [](Decoded &) { return glm_remove_or_correct_baseline(BaselineStep::Correct); }, KNOWS_REAL_ONLY},
+    {"GLM-histogram", Form::Nothing, true, [](Decoded &) { return glm_histogram_unbiased(); }, KNOWS_REAL_ONLY},
     {"GLM-residue", Form::WordNameAndList, true,
-     [](Decoded &d) { return glm_create_residue(d.word, d.name); }},
-    {"GLM-fit-events", Form::NameAndList, true, [](Decoded &d) { return glm_fit_events(d.name); }},
+     [](Decoded &d) { return glm_create_residue(d.word, d.name); }, KNOWS_REAL_ONLY},
+    {"GLM-fit-events", Form::NameAndList, true, [](Decoded &d) { return glm_fit_events(d.name); }, KNOWS_REAL_ONLY},
     {"GLM-find-maximal-effect", Form::WordNameAndList, true,
-     [](Decoded &d) { return glm_maximal_effect(d.word, d.name); }},
+     [](Decoded &d) { return glm_maximal_effect(d.word, d.name); }, KNOWS_REAL_ONLY},
     {"GLM-residual-variance", Form::NameAndList, true,
-     [](Decoded &d) { return glm_create_residual_variance(d.name); }},
-    {"GLM-map-AR", Form::NameAndList, true, [](Decoded &d) { return glm_create_AR_maps(d.name); }},
+     [](Decoded &d) { return glm_create_residual_variance(d.name); }, KNOWS_REAL_ONLY},
+    {"GLM-map-AR", Form::NameAndList, true, [](Decoded &d) { return glm_create_AR_maps(d.name); }, KNOWS_REAL_ONLY},
     {"GLM-vary-tau", Form::IntNameAndList, true,
-     [](Decoded &d) { return glm_vary_time_constant(d.n, d.name); }},
+     [](Decoded &d) { return glm_vary_time_constant(d.n, d.name); }, KNOWS_REAL_ONLY},
     {"GLM-vary-taus", Form::IntNameAndList, false,
-     [](Decoded &d) { return glm_vary_time_constants(d.n, d.name); }},
+     [](Decoded &d) { return glm_vary_time_constants(d.n, d.name); }, KNOWS_REAL_ONLY},
     {"histogram", Form::VolumeList, false, [](Decoded &) { return fill_histogram(); }},
     {"weighted-histogram", Form::VolumeList, false, [](Decoded &) { return fill_weighted_histogram(); }},
     {"scatter-plot", Form::FileAndList, false, [](Decoded &d) { return scatter_plot(d.name); }},
     {"calculate-overlay-overlap", Form::RealAndList, false,
      [](Decoded &d) { return calculate_overlay_volume_overlap(d.r[0]); }},
-    {"GLM-map-conditions", Form::NameAndList, true, [](Decoded &d) { return glm_map_conditions(d.name); }},
-    {"threshold-p", Form::WholeText, false, [](Decoded &d) { return threshold_p_command(d.text); }},
-    {"clusters", Form::WholeText, false, [](Decoded &d) { return clusters_command(d.text); }},
-    {"GLM-write-design", Form::WholeText, false, [](Decoded &d) { return glm_write_design(d.text); }},
+    {"GLM-map-conditions", Form::NameAndList, true, [](Decoded &d) { return glm_map_conditions(d.name); }, KNOWS_REAL_ONLY},
+    {"threshold-p", Form::WholeText, false, [](Decoded &d) { return threshold_p_command(d.text); }, KNOWS_REAL_ONLY},
+    {"clusters", Form::WholeText, false, [](Decoded &d) { return clusters_command(d.text); }, KNOWS_REAL_ONLY},
+    {"GLM-write-design", Form::WholeText, false, [](Decoded &d) { return glm_write_design(d.text); }, KNOWS_REAL_ONLY},
 };
 
 const char *const macros[] = {"reorder-interleaved-slices"};
@@ -370,6 +372,49 @@ int interpret_command(int kind, const char *word) {
   return -1;
 }
 
+namespace {
+
+// Hands an operation that only knows complex samples complex storage for every
+// stack its volume lists name, and afterwards gives the real-only form back to
+// each stack it listed, created or replaced whose imaginary parts stayed zero.
+class complex_storage_for {
+ public:
+  explicit complex_storage_for(bool needed) : needed_(needed) {
+    if (!needed_) return;
+    for (const data_stack *s = stack_root.get(); s; s = s->next.get()) before_.push_back({s, s->storage()});
+    was_ = set_lists_complex(true);
+  }
+  // Called once the lists are decoded.
+  void listed() {
+    if (!needed_) return;
+    for (const volume_list *root : {volume_list_root, comparison_list_root})
+      for (const volume_list *v = root; v; v = v->next) listed_.push_back(v->stack);
+  }
+  ~complex_storage_for() {
+    if (!needed_) return;
+    set_lists_complex(was_);
+    if (std::uncaught_exceptions() > 0) return;  // the program is ending
+    for (data_stack *s = stack_root.get(); s; s = s->next.get()) {
+      if (s->real_only()) continue;
+      const bool unchanged =
+          std::find(before_.begin(), before_.end(),
+                    std::pair<const data_stack *, const void *>{s, s->storage()}) != before_.end();
+      const bool was_listed = std::find(listed_.begin(), listed_.end(), s) != listed_.end();
+      if (!unchanged || was_listed) make_real_if_possible(s);
+    }
+  }
+  complex_storage_for(const complex_storage_for &) = delete;
+  complex_storage_for &operator=(const complex_storage_for &) = delete;
+
+ private:
+  bool needed_;
+  bool was_ = false;
+  std::vector<std::pair<const data_stack *, const void *>> before_;
+  std::vector<const data_stack *> listed_;
+};
+
+}  // namespace
+
 int act_on_command(int index, char *arguments) {
   initialize_volume_list();
   last_operation_status = 0;
@@ -389,6 +434,7 @@ int act_on_command(int index, char *arguments) {
   memcpy(text.data(), arguments, length);
   Decoded d;
   d.text = text.data();
+  complex_storage_for storage((c.flags & KNOWS_REAL_ONLY) == 0);
   if (c.glm) {
     // These commands always act on the stack "glm": keep their own words and
     // let "glm" stand where the volume list would be. While one of their own
@@ -408,6 +454,7 @@ int act_on_command(int index, char *arguments) {
     char glm[KEP_LINE] = "glm";
     if (decode_volume_list(0, glm)) return 1;
   }
+  storage.listed();
   warn_before_operation(c.name, c.glm);
   // Operations size their work before they allocate; memory that still runs
   // out ends the program like every other failed allocation.
@@ -429,7 +476,9 @@ int act_on_macro(int index, char *arguments) {
   std::vector<char> text(length + 1 > KEP_LINE ? length + 1 : KEP_LINE, '\0');
   memcpy(text.data(), arguments, length);
   int start = 0;
+  complex_storage_for storage(true);
   if (decode_int_and_list(text.data(), &start)) return 1;
+  storage.listed();
   last_operation_status = macro_reorder_interleaved_slices(start) != 0 ? 1 : 0;
   return 0;
 }

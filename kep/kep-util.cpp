@@ -141,9 +141,9 @@ bool checked_stack_size(const char *name, int64_t nx, int64_t ny, int64_t nz, in
   return true;
 }
 
-void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int nx, int ny, int nz, int nt) {
-  stack->samples = std::move(samples);
-  stack->SpaceTime.fcData = stack->samples.get();
+namespace {
+
+void reshape(data_stack *stack, int nx, int ny, int nz, int nt) {
   stack->dim = {nx, ny, nz};
   stack->nt = nt;
   stack->n2d = nx * ny;
@@ -151,6 +151,22 @@ void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int
   stack->n4d = stack->n3d * nt;
   // After a reshape this field counts the floats of the whole stack.
   stack->npts_volume = 2 * stack->n4d;
+}
+
+}  // namespace
+
+void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int nx, int ny, int nz, int nt) {
+  stack->reals.reset();
+  stack->samples = std::move(samples);
+  stack->SpaceTime.fcData = stack->samples.get();
+  reshape(stack, nx, ny, nz, nt);
+}
+
+void replace_samples(data_stack *stack, std::unique_ptr<float[]> reals, int nx, int ny, int nz, int nt) {
+  stack->samples.reset();
+  stack->reals = std::move(reals);
+  stack->SpaceTime.fData = stack->reals.get();
+  reshape(stack, nx, ny, nz, nt);
 }
 
 void drop_rotation(data_stack *stack) {
@@ -167,6 +183,15 @@ data_stack *install_stack_with(const char *name, const data_stack *template_stac
   if (s == nullptr) return nullptr;
   s->samples = std::move(samples);
   s->SpaceTime.fcData = s->samples.get();
+  return s;
+}
+
+data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
+                               int nt, std::unique_ptr<float[]> reals) {
+  data_stack *s = install_stack_checked(name, template_stack, nx, ny, nz, nt, SampleForm::Real);
+  if (s == nullptr) return nullptr;
+  s->reals = std::move(reals);
+  s->SpaceTime.fData = s->reals.get();
   return s;
 }
 

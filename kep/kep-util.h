@@ -49,6 +49,7 @@ bool checked_stack_size(const char *name, int64_t nx, int64_t ny, int64_t nz, in
 
 // Reshapes `stack` in place: its samples become `samples` with the given sizes.
 void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int nx, int ny, int nz, int nt);
+void replace_samples(data_stack *stack, std::unique_ptr<float[]> reals, int nx, int ny, int nz, int nt);
 
 // After a reshape that moves the grid in a way its matrix cannot follow: the
 // voxel-to-world matrix becomes the axis-aligned one of the stack's voxel
@@ -60,6 +61,8 @@ void drop_rotation(data_stack *stack);
 // name could still be read) its contents. Null after an error message.
 data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
                                int nt, std::unique_ptr<FCOMPLEX[]> samples);
+data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
+                               int nt, std::unique_ptr<float[]> reals);
 
 // Complex forms (kep-util.cpp).
 void polar_from_complex(float re, float im, float *amp, float *phase);

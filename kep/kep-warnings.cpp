@@ -22,12 +22,18 @@ void warn_before_operation(const char *command, bool glm_command) {
   // Counted per stack, in the order the stacks are first listed.
   std::vector<std::pair<const data_stack *, long>> counts;
   // A volume listed again is counted once.
-  std::unordered_set<const FCOMPLEX *> scanned;
+  std::unordered_set<const void *> scanned;
   for (const volume_list *v = volume_list_root; v; v = v->next) {
-    if (!scanned.insert(v->SpaceTime.fcData).second) continue;
+    if (!scanned.insert(v->SpaceTime.fData).second) continue;
     long nan = 0;
-    const FCOMPLEX *p = v->SpaceTime.fcData;
-    for (int i = 0; i < v->n3d; i++) nan += std::isnan(p[i].real) || std::isnan(p[i].imag);
+    // One plain pass over the floats of the volume, whatever its form.
+    const float *p = v->SpaceTime.fData;
+    const long floats = v->real_only() ? v->n3d : 2L * v->n3d;
+    if (v->real_only()) {
+      for (long i = 0; i < floats; i++) nan += p[i] != p[i];
+    } else {
+      for (long i = 0; i < floats; i += 2) nan += (p[i] != p[i]) | (p[i + 1] != p[i + 1]);
+    }
     size_t k = 0;
     while (k < counts.size() && counts[k].first != v->stack) k++;
     if (k == counts.size()) counts.emplace_back(v->stack, 0);

@@ -12,6 +12,14 @@
 #include "util.h"
 
 // One image stack: a 4-D array of complex samples with its geometry.
+//
+// Storage: a stack whose imaginary parts are all zero (every magnitude or
+// real file read, every map) keeps only its real parts, one float per sample
+// in `reals` (`SpaceTime.fData`); any other keeps interleaved pairs in
+// `samples` (`SpaceTime.fcData`). Exactly one of the two is held. Operations
+// that know both forms read through `re`/`im`; the command loop hands every
+// other operation complex storage (`make_complex`) and gives the real form
+// back afterwards where the imaginary parts stayed zero (kep-stacks.h).
 struct data_stack : volume_geometry {
   data_stack() { resolution_t = 1.0f; }  // a stack counts time in steps of 1 until told
   IPOINT3D dim{0, 0, 0};
@@ -30,8 +38,17 @@ struct data_stack : volume_geometry {
   char name[KEP_LINE]{};
   std::unique_ptr<data_stack> next;  // the registry owns the chain
 
-  // The samples, owned here; SpaceTime points into them.
+  // The samples, owned here; SpaceTime points into the one held.
   std::unique_ptr<FCOMPLEX[]> samples;
+  std::unique_ptr<float[]> reals;
+
+  bool real_only() const { return reals != nullptr; }
+  float re(long n) const { return reals ? reals[n] : samples[n].real; }
+  float im(long n) const { return reals ? 0.0f : samples[n].imag; }
+  // The storage held, to tell whether it was replaced.
+  const void *storage() const {
+    return reals ? static_cast<const void *>(reals.get()) : static_cast<const void *>(samples.get());
+  }
 };
 
 // Status bits of a stack.
@@ -44,10 +61,14 @@ struct volume_list {
   IPOINT3D dim{0, 0, 0};
   int n2d = 0;
   int n3d = 0;
-  ::SpaceTime SpaceTime{nullptr};
+  ::SpaceTime SpaceTime{nullptr};  // volume t of the stack's storage, in its form
+  int t = 0;                       // which volume of the stack
   volume_list *next = nullptr;
-};
 
+  bool real_only() const { return stack->real_only(); }
+  float re(long n) const { return real_only() ? SpaceTime.fData[n] : SpaceTime.fcData[n].real; }
+  float im(long n) const { return real_only() ? 0.0f : SpaceTime.fcData[n].imag; }
+};
 
 // Command table (kep-table.cpp).
 int interpret_command(int kind, const char *word);
@@ -66,8 +87,8 @@ constexpr int MACRO_OFFSET = 150;
 enum CommandFlag : unsigned {
   TAKES_RAW_LINE = 1,     // reads the argument text itself and reports its own result (set, show)
   RUNS_IN_READ_LOOP = 2,  // runs at once inside a read loop instead of being stored (end-loop, mode)
+  KNOWS_REAL_ONLY = 4,    // the operation reads and writes real-only stacks as they are (see data_stack)
 };
 bool command_has(int index, CommandFlag flag);
 // Runs a TAKES_RAW_LINE command on `arguments`; returns its operation's result.
 int run_raw_line_command(int index, const char *arguments);
-
