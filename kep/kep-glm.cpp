@@ -507,6 +507,16 @@ class ARMaps : public VoxelStep {
 
 int glm_open_frame(Frame &f, bool need_events) { return open_frame(f, need_events); }
 int glm_run_fit(const Frame &f, VoxelStep &step) { return run_fit(f, step); }
+int glm_conditions(const char *none) {
+  int count = 0;
+  if (GLM_define_conditions(1, GLM_input.condition_string, &count)) return 0;
+  if (count < 1) {
+    kep_text(2, none);
+    return 0;
+  }
+  return count;
+}
+
 data_stack *glm_create_map(const Frame &f, const char *name, int volumes) {
   return create_map(f, name, volumes);
 }
