@@ -195,7 +195,8 @@ def main():
 
     print(f"study: {nx}x{ny}x{nz} voxels ({voxels_in_head} in the head), 2 runs of {images} images, TR 2 s, "
           f"3 events; best of {repeats}")
-    print(f"stack glm: {stack_bytes / 1e6:.1f} MB ({nx}*{ny}*{nz}*{nt} samples of 8 bytes)")
+    print(f"runs' float32 data: {stack_bytes / 2e6:.1f} MB ({nx}*{ny}*{nz}*{nt} samples of 4 bytes; "
+          f"kep's stack glm holds them as such)")
     print("wall: best of the repeats; cpu: the repeat of least processor time")
     print(f"load average before {load_before[0]:.2f}, after {load_after[0]:.2f} (2 cores: "
           f"{os.cpu_count()} visible)")

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <string>
 #include <vector>
 
 #include "glm.h"
@@ -178,12 +179,8 @@ int vary_time_constants(const char *command, int n, const char *name) {
     kep_textf(2, "The result cannot replace the stack %s that is being fitted.", name);
     return 1;
   }
-  int count = 0;
-  if (GLM_define_conditions(1, GLM_input.condition_string, &count)) return 1;
-  if (count < 1) {
-    kep_textf(2, "%s: the GLM control file names no conditions.", command);
-    return 1;
-  }
+  const std::string none = std::string(command) + ": the GLM control file names no conditions.";
+  if (glm_conditions(none.c_str()) == 0) return 1;
   ResponseTiming taus;
   if (taus.empty()) {
     kep_textf(
@@ -221,12 +218,8 @@ int vary_time_constants(const char *command, int n, const char *name) {
 int glm_histogram_unbiased() {
   Frame f;
   if (glm_open_frame(f, true)) return 1;
-  int count = 0;
-  if (GLM_define_conditions(1, GLM_input.condition_string, &count)) return 1;
-  if (count < 1) {
-    kep_text(2, "GLM-histogram: the GLM control file names no conditions.");
-    return 1;
-  }
+  const int count = glm_conditions("GLM-histogram: the GLM control file names no conditions.");
+  if (count == 0) return 1;
   ConditionPValues step(f.nt, count, f.nvox);
   if (glm_run_fit(f, step)) return 1;
   std::vector<std::vector<double>> p;

@@ -38,6 +38,9 @@ int glm_open_frame(Frame &f, bool need_events);
 // Fits every voxel to fit (with the two-pass autoregressive model when the
 // control file asks for it) and hands each to `step`.
 int glm_run_fit(const Frame &f, VoxelStep &step);
+// Defines the conditions of the control file; their count, or 0 after an
+// error message (`none` when the file names no condition).
+int glm_conditions(const char *none);
 // An output map stack shaped like "glm", zeroed; null after a message.
 data_stack *glm_create_map(const Frame &f, const char *name, int volumes);
 

@@ -56,12 +56,8 @@ class ConditionMaps : public VoxelStep {
 int glm_map_conditions(const char *name) {
   Frame f;
   if (glm_open_frame(f, true)) return 1;
-  int count = 0;
-  if (GLM_define_conditions(1, GLM_input.condition_string, &count)) return 1;
-  if (count < 1) {
-    kep_text(2, "The GLM control file names no conditions to map.");
-    return 1;
-  }
+  const int count = glm_conditions("The GLM control file names no conditions to map.");
+  if (count == 0) return 1;
   data_stack *out = glm_create_map(f, name, MAPS_PER_CONDITION * count);
   if (out == nullptr) return 1;
   for (int k = 0; k < count; k++) {

@@ -120,8 +120,8 @@ int pack_active(const float *rows, int n, int nt, std::vector<int> &kept, std::v
 
 // One thread's work space, taken once per pass.
 struct Workspace {
-  std::vector<float> rows, fits, packed, beta, variance, data, fit, zero_beta, work, coefficients, rho;
-  std::vector<double> scratch;
+  std::vector<float> rows, fits, packed, beta, variance, data, fit, zero_beta, work, coefficients;
+  std::vector<double> residuals, lags;
   std::vector<int> kept;
   Workspace(int nt, int ncoeff, int p)
       : rows(static_cast<size_t>(nt) * BLOCK_VOXELS),
@@ -133,8 +133,8 @@ struct Workspace {
         zero_beta(ncoeff > 0 ? ncoeff : 1, 0.0f),
         work(nt),
         coefficients(p + 1),
-        rho(p > 0 ? p : 1),
-        scratch(static_cast<size_t>(nt) + 2 * (p + 1)) {}
+        residuals(static_cast<size_t>(nt) * BLOCK_VOXELS),
+        lags(static_cast<size_t>(p + 1) * BLOCK_VOXELS) {}
 };
 
 // Runs block(v0, n, space) for every block of BLOCK_VOXELS positions of the
@@ -216,22 +216,29 @@ int block_pass(const Frame &f, bool report, Each each) {
   });
 }
 
-// Bias-reduced autocorrelations rho_1..rho_p of one voxel from its residual.
-// `scratch` holds nt + 2 (p + 1) doubles, so that no voxel allocates.
-void autocorrelations(const float *data, const float *fit, int nt, int p, float *rho, double *scratch) {
-  double *e = scratch, *a = scratch + nt, *c = a + p + 1;
-  for (int t = 0; t < nt; t++) e[t] = GLM.include_time[t] * (static_cast<double>(data[t]) - fit[t]);
-  for (int k = 0; k <= p; k++) {
-    double sum = 0.0;
-    for (int t = k; t < nt; t++) sum += e[t] * e[t - k];
-    a[k] = sum;
+// The lagged sums a_k = sum over t >= k of e_t e_(t-k), e the residual with
+// excluded images zeroed, for the m voxels of a block (data and fits
+// [image][voxel]) into lags[k * m + j]; the voxels run side by side, each
+// voxel's products added in image order. The bias-reduced autocorrelations
+// are (ARMixm1_rr a)_k / (ARMixm1_rr a)_0.
+void block_autocorrelations(const float *data, const float *fits, int nt, int m, int p,
+                            std::vector<double> &residuals, std::vector<double> &lags) {
+  residuals.resize(static_cast<size_t>(nt) * m);
+  lags.assign(static_cast<size_t>(p + 1) * m, 0.0);
+  for (int t = 0; t < nt; t++) {
+    const int include = GLM.include_time[t];
+    const float *d = data + static_cast<size_t>(t) * m, *fit = fits + static_cast<size_t>(t) * m;
+    double *e = residuals.data() + static_cast<size_t>(t) * m;
+    for (int j = 0; j < m; j++) e[j] = include * (static_cast<double>(d[j]) - fit[j]);
   }
   for (int k = 0; k <= p; k++) {
-    c[k] = 0.0;
-    for (int j = 0; j <= p; j++) c[k] += GLM.ARMixm1_rr[k][j] * a[j];
+    double *a = lags.data() + static_cast<size_t>(k) * m;
+    for (int t = k; t < nt; t++) {
+      const double *e = residuals.data() + static_cast<size_t>(t) * m,
+                   *lagged = e - static_cast<size_t>(k) * m;
+      for (int j = 0; j < m; j++) a[j] += e[j] * lagged[j];
+    }
   }
-  if (c[0] == 0.0) c[0] = 1.0;
-  for (int k = 1; k <= p; k++) rho[k - 1] = static_cast<float>(c[k] / c[0]);
 }
 
 int run_fit(const Frame &f, VoxelStep &step) {
@@ -250,15 +257,29 @@ int run_fit(const Frame &f, VoxelStep &step) {
   GLM_reset_whitening();
   std::vector<float> rho(static_cast<size_t>(p) * f.nvox, 0.0f), weight(f.nvox, 0.0f);
   std::vector<char> active(f.nvox, 0);
-  // The progress lines are those of pass two.
-  int failed = block_pass(f, false, [&](long v, Workspace &w, float) {
-    bool any = false;
-    for (int t = 0; t < f.nt && !any; t++) any = w.data[t] != 0.0f;
-    if (!any) return 0;
-    active[v] = 1;
-    weight[v] = 1.0f;
-    autocorrelations(w.data.data(), w.fit.data(), f.nt, p, w.rho.data(), w.scratch.data());
-    for (int k = 0; k < p; k++) rho[k * f.nvox + v] = w.rho[k];
+  // The progress lines are those of pass two. The sums of `autocorrelations`
+  // run over the whole block at once, each voxel's in the same order.
+  int failed = for_each_block(f, false, [&](long v0, int n, Workspace &w) {
+    gather(f, v0, n, w.rows.data());
+    const int m = pack_active(w.rows.data(), n, f.nt, w.kept, w.packed);
+    if (m == 0) return 0;
+    const float *fitted = m == n ? w.rows.data() : w.packed.data();
+    if (GLM_fit_block(f.nt, m, fitted, w.fits.data(), w.beta.data(), w.variance.data())) return 1;
+    block_autocorrelations(fitted, w.fits.data(), f.nt, m, p, w.residuals, w.lags);
+    for (int j = 0; j < m; j++) {
+      const long v = f.voxel(v0 + w.kept[j]);
+      active[v] = 1;
+      weight[v] = 1.0f;
+      double c0 = 0.0;
+      for (int k = 0; k <= p; k++) {
+        double c = 0.0;
+        for (int i = 0; i <= p; i++) c += GLM.ARMixm1_rr[k][i] * w.lags[static_cast<size_t>(i) * m + j];
+        if (k == 0)
+          c0 = c == 0.0 ? 1.0 : c;
+        else
+          rho[(k - 1) * f.nvox + v] = static_cast<float>(c / c0);
+      }
+    }
     return 0;
   });
   if (failed) return 1;
@@ -486,6 +507,16 @@ class ARMaps : public VoxelStep {
 
 int glm_open_frame(Frame &f, bool need_events) { return open_frame(f, need_events); }
 int glm_run_fit(const Frame &f, VoxelStep &step) { return run_fit(f, step); }
+int glm_conditions(const char *none) {
+  int count = 0;
+  if (GLM_define_conditions(1, GLM_input.condition_string, &count)) return 0;
+  if (count < 1) {
+    kep_text(2, none);
+    return 0;
+  }
+  return count;
+}
+
 data_stack *glm_create_map(const Frame &f, const char *name, int volumes) {
   return create_map(f, name, volumes);
 }
