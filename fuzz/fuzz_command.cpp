@@ -33,6 +33,12 @@ void reset() {
     data_stack *d = install_stack(names[s], nullptr, sizes[s][0], sizes[s][1], sizes[s][2], sizes[s][3]);
     for (int n = 0; n < d->n4d; n++) d->SpaceTime.fcData[n] = {static_cast<float>(n % 7) - 2.0f, 0.5f * n};
   }
+  // Real-only stacks, polar (as magnitude files are read) and not, beside them.
+  for (const char *name : {"r", "rc"}) {
+    data_stack *d = install_stack(name, nullptr, 4, 4, 2, 3, SampleForm::Real);
+    for (int n = 0; n < d->n4d; n++) d->reals[n] = static_cast<float>(n % 5) - 1.0f;
+    if (name[1] == '\0') d->status = STATUS_POLAR;
+  }
 }
 
 }  // namespace
