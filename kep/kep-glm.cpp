@@ -606,31 +606,3 @@ int glm_create_AR_maps(const char *name) {
   ARMaps step(f.nt, lags, out);
   return run_fit(f, step);
 }
-
-namespace {
-
-class PValues : public VoxelStep {
- public:
-  PValues(int nt, float *p) : nt_(nt), p_(p) {}
-  int voxel(long v, float *, float *, float variance, bool skipped, float *) override {
-    float stat = 0, p = 1, pc = 1, effect = 0, error = 0;
-    if (!skipped && GLM_calculate_F(nt_, variance, 0, 0, &stat, &p, &pc, &effect, &error)) return 1;
-    p_[v] = p;
-    return 0;
-  }
-
- private:
-  int nt_;
-  float *p_;
-};
-
-}  // namespace
-
-int glm_p_values(float *p) {
-  Frame f;
-  if (open_frame(f, true)) return 1;
-  int count = 0;
-  if (GLM_define_conditions(1, GLM_input.condition_string, &count)) return 1;
-  PValues step(f.nt, p);
-  return run_fit(f, step);
-}

@@ -11,6 +11,3 @@ int glm_fit_events(const char *name);
 int glm_maximal_effect(const char *word, const char *name);
 int glm_create_residual_variance(const char *name);
 int glm_create_AR_maps(const char *name);
-// The p of the first condition at every voxel of "glm" (n3d values), fitted as
-// the commands fit it; all-zero voxels skipped by an AR fit get 1.
-int glm_p_values(float *p);
