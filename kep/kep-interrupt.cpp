@@ -108,7 +108,7 @@ void stack_snapshot::take() {
   incomplete.clear();
   entries_.clear();
   for (const data_stack *s = stack_root.get(); s; s = s->next.get())
-    entries_.push_back({s, s->storage(), s->name});
+    entries_.push_back({s, s->generation, s->name});
 }
 
 void stack_snapshot::settle() const {
@@ -119,7 +119,7 @@ void stack_snapshot::settle() const {
       if (e.stack == s && e.name == s->name) before = &e;
     if (before == nullptr)
       free_stack(s);
-    else if (before->samples != s->storage())
+    else if (before->generation != s->generation)
       interrupted_in(s);
     s = next;
   }

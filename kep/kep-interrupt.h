@@ -50,7 +50,7 @@ class stack_snapshot {
  private:
   struct entry {
     const data_stack *stack;
-    const void *samples;
+    unsigned generation;
     std::string name;
   };
   std::vector<entry> entries_;

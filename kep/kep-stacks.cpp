@@ -100,6 +100,7 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
     stack->samples = allocate_plane<FCOMPLEX>(static_cast<size_t>(stack->n4d));
   if (!stack->reals && !stack->samples) alloc_error("Allocation error in fcomplex_vector().");
   point_at_storage(stack);
+  stack->generation++;
   if (template_stack != nullptr) {
     // A stack on the template's grid takes its whole geometry; on any other
     // grid the matrix (and a rotation in it) would be stale.

@@ -156,6 +156,7 @@ void reshape(data_stack *stack, int nx, int ny, int nz, int nt) {
 }  // namespace
 
 void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int nx, int ny, int nz, int nt) {
+  stack->generation++;
   stack->reals.reset();
   stack->samples = std::move(samples);
   stack->SpaceTime.fcData = stack->samples.get();
@@ -163,6 +164,7 @@ void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int
 }
 
 void replace_samples(data_stack *stack, std::unique_ptr<float[]> reals, int nx, int ny, int nz, int nt) {
+  stack->generation++;
   stack->samples.reset();
   stack->reals = std::move(reals);
   stack->SpaceTime.fData = stack->reals.get();

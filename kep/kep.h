@@ -45,7 +45,10 @@ struct data_stack : volume_geometry {
   bool real_only() const { return reals != nullptr; }
   float re(long n) const { return reals ? reals[n] : samples[n].real; }
   float im(long n) const { return reals ? 0.0f : samples[n].imag; }
-  // The storage held, to tell whether it was replaced.
+  // Counts the times the samples were replaced (a new size or new contents),
+  // not changes of form: what an interrupted command is judged by.
+  unsigned generation = 0;
+  // The storage held.
   const void *storage() const {
     return reals ? static_cast<const void *>(reals.get()) : static_cast<const void *>(samples.get());
   }
