@@ -1,5 +1,7 @@
 #include "kep-warnings.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <unordered_set>
@@ -8,6 +10,7 @@
 
 #include "kep-decode.h"
 #include "kep.h"
+#include "threads.h"
 
 namespace {
 
@@ -19,25 +22,37 @@ void warn_before_operation(const char *command, bool glm_command) {
   const bool smoothing = starts_with(command, "smooth");
   const bool fourier = strstr(command, "transform") != nullptr;
   if (!smoothing && !fourier && !glm_command && !starts_with(command, "GLM-")) return;
+  // A volume listed again is counted once.
+  std::vector<const volume_list *> volumes;
+  std::unordered_set<const void *> scanned;
+  for (const volume_list *v = volume_list_root; v; v = v->next)
+    if (scanned.insert(v->SpaceTime.fData).second) volumes.push_back(v);
+  // One plain pass over the floats of each volume, whatever its form; the
+  // volumes shared among the worker threads (counts do not depend on order).
+  std::vector<long> nans(volumes.size(), 0);
+  std::atomic<size_t> next{0};
+  const int workers =
+      static_cast<int>(std::min<size_t>(static_cast<size_t>(worker_threads()), volumes.size()));
+  run_workers(workers > 0 ? workers : 1, [&](int) {
+    for (size_t k = next++; k < volumes.size(); k = next++) {
+      const volume_list *v = volumes[k];
+      const float *p = v->SpaceTime.fData;
+      long nan = 0;
+      if (v->real_only()) {
+        for (long i = 0; i < v->n3d; i++) nan += p[i] != p[i];
+      } else {
+        for (long i = 0; i < 2L * v->n3d; i += 2) nan += (p[i] != p[i]) | (p[i + 1] != p[i + 1]);
+      }
+      nans[k] = nan;
+    }
+  });
   // Counted per stack, in the order the stacks are first listed.
   std::vector<std::pair<const data_stack *, long>> counts;
-  // A volume listed again is counted once.
-  std::unordered_set<const void *> scanned;
-  for (const volume_list *v = volume_list_root; v; v = v->next) {
-    if (!scanned.insert(v->SpaceTime.fData).second) continue;
-    long nan = 0;
-    // One plain pass over the floats of the volume, whatever its form.
-    const float *p = v->SpaceTime.fData;
-    const long floats = v->real_only() ? v->n3d : 2L * v->n3d;
-    if (v->real_only()) {
-      for (long i = 0; i < floats; i++) nan += p[i] != p[i];
-    } else {
-      for (long i = 0; i < floats; i += 2) nan += (p[i] != p[i]) | (p[i + 1] != p[i + 1]);
-    }
+  for (size_t j = 0; j < volumes.size(); j++) {
     size_t k = 0;
-    while (k < counts.size() && counts[k].first != v->stack) k++;
-    if (k == counts.size()) counts.emplace_back(v->stack, 0);
-    counts[k].second += nan;
+    while (k < counts.size() && counts[k].first != volumes[j]->stack) k++;
+    if (k == counts.size()) counts.emplace_back(volumes[j]->stack, 0);
+    counts[k].second += nans[j];
   }
   for (const auto &[s, nan] : counts) {
     if (nan > 0) kep_textf(1, "The stack %s holds %ld NaN samples given to `%s'.", s->name, nan, command);
