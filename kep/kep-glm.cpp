@@ -101,12 +101,14 @@ void column(const float *rows, int n, int i, int nt, float *out) {
 // `packed` ([image][kept voxel]); `kept` lists their places in the block.
 int pack_active(const float *rows, int n, int nt, std::vector<int> &kept, std::vector<float> &packed) {
   kept.clear();
+  // Row by row over the block (contiguous), not down each voxel's series.
+  bool any[BLOCK_VOXELS] = {};
+  for (int t = 0; t < nt; t++) {
+    const float *row = rows + static_cast<long>(t) * n;
+    for (int i = 0; i < n; i++) any[i] |= row[i] != 0.0f;
+  }
   for (int i = 0; i < n; i++)
-    for (int t = 0; t < nt; t++)
-      if (rows[static_cast<long>(t) * n + i] != 0.0f) {
-        kept.push_back(i);
-        break;
-      }
+    if (any[i]) kept.push_back(i);
   const int m = static_cast<int>(kept.size());
   if (m == n) return m;
   packed.resize(static_cast<size_t>(nt) * (m > 0 ? m : 1));
