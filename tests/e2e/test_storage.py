@@ -104,16 +104,3 @@ def test_reading_real_data_takes_about_its_float_size(kep, name):
     grown = peak_memory_of(kep, f"read {name} s\nquit\n") - baseline
     assert values.nbytes * 0.9 < grown < values.nbytes * 1.1
 
-
-def test_ctrl_c_names_only_the_stacks_rewritten(kep):
-    # b is given pairs for the transform when the line is decoded, but the command stops while it
-    # is still on a: a change of form is not a rewrite.
-    from test_session import interrupt_when_busy, save, session
-    rng = np.random.default_rng(7)
-    save(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
-    save(kep.path("b.nii"), rng.random((4, 4, 2, 2)))
-    s = session(kep, "read a.nii a\nread b.nii b\n")
-    interrupt_when_busy(s.proc, "transform-xyz" + " a" * 500 + " b\n")
-    s.prompts += 1
-    _, err, _ = s.finish()
-    assert "Warning: the stack a is incomplete" in err and "stack b is incomplete" not in err, err
