@@ -19,52 +19,66 @@ namespace {
 // while every listed volume streams past it once.
 constexpr long kBlock = 4096;
 
-// out[g] += every node of `groups[g]`, for all groups, blockwise. Then each
-// output sample is divided by `divisor`. Real-only volumes add zero
-// imaginary parts, as pairs would.
-void sum_groups(const std::vector<std::vector<const volume_list *>> &groups, FCOMPLEX *out, long n3d,
-                float divisor) {
-  for (size_t g = 0; g < groups.size(); g++) {
-    FCOMPLEX *o = out + static_cast<long>(g) * n3d;
-    for (long start = 0; start < n3d; start += kBlock) {
-      const long end = std::min(n3d, start + kBlock);
-      for (long i = start; i < end; i++) o[i] = {0.0f, 0.0f};
-      for (const volume_list *v : groups[g]) {
-        if (v->real_only()) {
-          const float *a = v->SpaceTime.fData;
-          for (long i = start; i < end; i++) {
-            o[i].real += a[i];
-            o[i].imag += 0.0f;
-          }
-          continue;
-        }
-        const FCOMPLEX *a = v->SpaceTime.fcData;
-        for (long i = start; i < end; i++) {
-          o[i].real += a[i].real;
-          o[i].imag += a[i].imag;
-        }
-      }
-      for (long i = start; i < end; i++) {
-        o[i].real /= divisor;
-        o[i].imag /= divisor;
-      }
+// o[start, end) += volume v, and o[start, end) /= divisor: into pairs (a
+// real-only volume adds zero imaginary parts, as pairs would) or, when every
+// volume is real-only, into real parts.
+void add_volume(FCOMPLEX *o, const volume_list *v, long start, long end) {
+  if (v->real_only()) {
+    const float *a = v->SpaceTime.fData;
+    for (long i = start; i < end; i++) {
+      o[i].real += a[i];
+      o[i].imag += 0.0f;
     }
+    return;
+  }
+  const FCOMPLEX *a = v->SpaceTime.fcData;
+  for (long i = start; i < end; i++) {
+    o[i].real += a[i].real;
+    o[i].imag += a[i].imag;
+  }
+}
+void add_volume(float *o, const volume_list *v, long start, long end) {
+  const float *a = v->SpaceTime.fData;
+  for (long i = start; i < end; i++) o[i] += a[i];
+}
+inline void divide_by(FCOMPLEX &o, float divisor) {
+  o.real /= divisor;
+  o.imag /= divisor;
+}
+inline void divide_by(float &o, float divisor) { o /= divisor; }
+
+// o[i] += stack s's sample i where its real part is not exactly 0 (a missing
+// sample), counting the samples added in k[i].
+void add_present(FCOMPLEX *o, const data_stack *s, int *k, long n) {
+  for (long i = 0; i < n; i++) {
+    const float re = s->re(i);
+    if (re == 0.0f) continue;
+    o[i].real += re;
+    o[i].imag += s->im(i);
+    k[i]++;
+  }
+}
+void add_present(float *o, const data_stack *s, int *k, long n) {
+  const float *a = s->reals.get();
+  for (long i = 0; i < n; i++) {
+    if (a[i] == 0.0f) continue;
+    o[i] += a[i];
+    k[i]++;
   }
 }
 
-// The same when every volume is real-only: the imaginary parts stay zero.
-void sum_groups(const std::vector<std::vector<const volume_list *>> &groups, float *out, long n3d,
+// out[g] = the sum of the nodes of `groups[g]` / `divisor`, for all groups,
+// blockwise.
+template <typename T>
+void sum_groups(const std::vector<std::vector<const volume_list *>> &groups, T *out, long n3d,
                 float divisor) {
   for (size_t g = 0; g < groups.size(); g++) {
-    float *o = out + static_cast<long>(g) * n3d;
+    T *o = out + static_cast<long>(g) * n3d;
     for (long start = 0; start < n3d; start += kBlock) {
       const long end = std::min(n3d, start + kBlock);
-      std::fill(o + start, o + end, 0.0f);
-      for (const volume_list *v : groups[g]) {
-        const float *a = v->SpaceTime.fData;
-        for (long i = start; i < end; i++) o[i] += a[i];
-      }
-      for (long i = start; i < end; i++) o[i] /= divisor;
+      std::fill(o + start, o + end, T{});
+      for (const volume_list *v : groups[g]) add_volume(o, v, start, end);
+      for (long i = start; i < end; i++) divide_by(o[i], divisor);
     }
   }
 }
@@ -75,20 +89,13 @@ int average_groups(const char *name, const std::vector<std::vector<const volume_
                    float divisor) {
   const volume_list *first = volume_list_root;
   const int nt = static_cast<int>(groups.size());
-  bool real = true;
-  for (const volume_list *v = first; v; v = v->next) real = real && v->real_only();
-  data_stack *made = nullptr;
-  if (real) {
-    std::unique_ptr<float[]> out = scratch_buffer<float>(n3d * nt);
+  auto average = [&](auto out) {
     sum_groups(groups, out.get(), n3d, divisor);
-    made =
-        install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, nt, std::move(out));
-  } else {
-    std::unique_ptr<FCOMPLEX[]> out = scratch_buffer<FCOMPLEX>(n3d * nt);
-    sum_groups(groups, out.get(), n3d, divisor);
-    made =
-        install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, nt, std::move(out));
-  }
+    return install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z, nt,
+                              std::move(out));
+  };
+  const data_stack *made = all_real_only(first) ? average(scratch_buffer<float>(n3d * nt))
+                                                : average(scratch_buffer<FCOMPLEX>(n3d * nt));
   if (made == nullptr) return 1;
   initialize_volume_list();  // the list may point into replaced storage
   return 0;
@@ -184,43 +191,14 @@ int average_stacks(const char *name) {
   int *k = counter.get();
   bool real = true;
   for (const data_stack *s : stacks) real = real && s->real_only();
-  data_stack *made = nullptr;
-  // A real part of exactly 0 marks a missing sample.
-  if (real) {
-    std::unique_ptr<float[]> out = zeroed_buffer<float>(n4d);
-    float *o = out.get();
-    for (const data_stack *s : stacks) {
-      const float *a = s->reals.get();
-      for (long i = 0; i < n4d; i++) {
-        if (a[i] == 0.0f) continue;
-        o[i] += a[i];
-        k[i]++;
-      }
-    }
+  auto average = [&](auto out) {
+    for (const data_stack *s : stacks) add_present(out.get(), s, k, n4d);
     for (long i = 0; i < n4d; i++)
-      if (k[i] != 0) o[i] /= static_cast<float>(k[i]);
-    made =
-        install_stack_with(name, first, first->dim.x, first->dim.y, first->dim.z, first->nt, std::move(out));
-  } else {
-    std::unique_ptr<FCOMPLEX[]> out = zeroed_buffer<FCOMPLEX>(n4d);
-    FCOMPLEX *o = out.get();
-    for (const data_stack *s : stacks) {
-      for (long i = 0; i < n4d; i++) {
-        const float re = s->re(i);
-        if (re == 0.0f) continue;
-        o[i].real += re;
-        o[i].imag += s->im(i);
-        k[i]++;
-      }
-    }
-    for (long i = 0; i < n4d; i++) {
-      if (k[i] == 0) continue;
-      o[i].real /= static_cast<float>(k[i]);
-      o[i].imag /= static_cast<float>(k[i]);
-    }
-    made =
-        install_stack_with(name, first, first->dim.x, first->dim.y, first->dim.z, first->nt, std::move(out));
-  }
+      if (k[i] != 0) divide_by(out[i], static_cast<float>(k[i]));
+    return install_stack_with(name, first, first->dim.x, first->dim.y, first->dim.z, first->nt,
+                              std::move(out));
+  };
+  const data_stack *made = real ? average(zeroed_buffer<float>(n4d)) : average(zeroed_buffer<FCOMPLEX>(n4d));
   if (made == nullptr) return 1;
   initialize_volume_list();
   return 0;

@@ -475,10 +475,10 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
     target->n4d = h.n3d * count;
     target->npts_volume = 2 * h.n3d;
     target->data_type = 0;
-    target->reals = std::move(reals);
-    target->samples = std::move(pairs);
-    target->SpaceTime.fData = target->reals.get();
-    if (target->samples) target->SpaceTime.fcData = target->samples.get();
+    if (magnitude)
+      target->hold(std::move(reals));
+    else
+      target->hold(std::move(pairs));
     make_complex(target);  // the registration reads the fields as pairs
   } else if (magnitude) {
     // The header reader has checked that the file's sample counts fit.

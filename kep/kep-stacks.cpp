@@ -50,18 +50,6 @@ std::unique_ptr<T[]> allocate_plane(size_t count) {
 template std::unique_ptr<FCOMPLEX[]> allocate_plane<FCOMPLEX>(size_t);
 template std::unique_ptr<float[]> allocate_plane<float>(size_t);
 
-namespace {
-
-// Points the stack's SpaceTime at the storage it holds.
-void point_at_storage(data_stack *stack) {
-  if (stack->reals)
-    stack->SpaceTime.fData = stack->reals.get();
-  else
-    stack->SpaceTime.fcData = stack->samples.get();
-}
-
-}  // namespace
-
 data_stack *install_stack(const char *name, const data_stack *template_stack, int nx, int ny, int nz, int nt,
                           SampleForm form) {
   // Callers size stacks they know to fit; a size that does not is a fault,
@@ -95,11 +83,10 @@ data_stack *install_stack(const char *name, const data_stack *template_stack, in
   stack->npts_volume = 2 * stack->n3d;
   stack->data_type = 1;
   if (form == SampleForm::Real)
-    stack->reals = allocate_plane<float>(static_cast<size_t>(stack->n4d));
+    stack->hold(allocate_plane<float>(static_cast<size_t>(stack->n4d)));
   else
-    stack->samples = allocate_plane<FCOMPLEX>(static_cast<size_t>(stack->n4d));
+    stack->hold(allocate_plane<FCOMPLEX>(static_cast<size_t>(stack->n4d)));
   if (!stack->reals && !stack->samples) alloc_error("Allocation error in fcomplex_vector().");
-  point_at_storage(stack);
   stack->generation++;
   if (template_stack != nullptr) {
     // A stack on the template's grid takes its whole geometry; on any other
@@ -152,7 +139,6 @@ namespace {
 // a large read never holds two copies of its data.
 data_stack *install_shaped(const char *name, int nx, int ny, int nz, int nt) {
   data_stack *stack = install_stack(name, nullptr, 1, 1, 1, 1, SampleForm::Real);
-  stack->reals.reset();
   stack->dim = {nx, ny, nz};
   stack->nt = nt;
   stack->n2d = nx * ny;
@@ -167,16 +153,14 @@ data_stack *install_shaped(const char *name, int nx, int ny, int nz, int nt) {
 data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
                                        std::unique_ptr<FCOMPLEX[]> samples) {
   data_stack *stack = install_shaped(name, nx, ny, nz, nt);
-  stack->samples = std::move(samples);
-  point_at_storage(stack);
+  stack->hold(std::move(samples));
   return stack;
 }
 
 data_stack *install_stack_with_samples(const char *name, int nx, int ny, int nz, int nt,
                                        std::unique_ptr<float[]> reals) {
   data_stack *stack = install_shaped(name, nx, ny, nz, nt);
-  stack->reals = std::move(reals);
-  point_at_storage(stack);
+  stack->hold(std::move(reals));
   return stack;
 }
 
@@ -187,9 +171,7 @@ void make_complex(data_stack *stack) {
   if (!samples) alloc_error("Allocation error in fcomplex_vector().");
   const float *re = stack->reals.get();
   for (size_t i = 0; i < n; i++) samples[i] = {re[i], 0.0f};
-  stack->reals.reset();
-  stack->samples = std::move(samples);
-  point_at_storage(stack);
+  stack->hold(std::move(samples));
   repoint_volume_lists();
 }
 
@@ -206,9 +188,7 @@ bool make_real_if_possible(data_stack *stack) {
   std::unique_ptr<float[]> reals = allocate_plane<float>(n);
   if (!reals) return false;  // the pairs serve as well
   for (size_t i = 0; i < n; i++) reals[i] = c[i].real;
-  stack->samples.reset();
-  stack->reals = std::move(reals);
-  point_at_storage(stack);
+  stack->hold(std::move(reals));
   repoint_volume_lists();
   return true;
 }

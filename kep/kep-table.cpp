@@ -381,7 +381,7 @@ class complex_storage_for {
  public:
   explicit complex_storage_for(bool needed) : needed_(needed) {
     if (!needed_) return;
-    for (const data_stack *s = stack_root.get(); s; s = s->next.get()) before_.push_back({s, s->storage()});
+    for (const data_stack *s = stack_root.get(); s; s = s->next.get()) before_.push_back({s, s->generation});
     was_ = set_lists_complex(true);
   }
   // Called once the lists are decoded.
@@ -398,7 +398,7 @@ class complex_storage_for {
       if (s->real_only()) continue;
       const bool unchanged =
           std::find(before_.begin(), before_.end(),
-                    std::pair<const data_stack *, const void *>{s, s->storage()}) != before_.end();
+                    std::pair<const data_stack *, unsigned>{s, s->generation}) != before_.end();
       const bool was_listed = std::find(listed_.begin(), listed_.end(), s) != listed_.end();
       if (!unchanged || was_listed) make_real_if_possible(s);
     }
@@ -409,7 +409,7 @@ class complex_storage_for {
  private:
   bool needed_;
   bool was_ = false;
-  std::vector<std::pair<const data_stack *, const void *>> before_;
+  std::vector<std::pair<const data_stack *, unsigned>> before_;
   std::vector<const data_stack *> listed_;
 };
 

@@ -7,6 +7,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <type_traits>
 
 #include "kep-decode.h"
 #include "kep-stacks.h"
@@ -153,22 +154,32 @@ void reshape(data_stack *stack, int nx, int ny, int nz, int nt) {
   stack->npts_volume = 2 * stack->n4d;
 }
 
-}  // namespace
-
-void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int nx, int ny, int nz, int nt) {
+// One replacement of a stack's samples, in either form.
+template <typename T>
+void replace(data_stack *stack, std::unique_ptr<T[]> storage, int nx, int ny, int nz, int nt) {
   stack->generation++;
-  stack->reals.reset();
-  stack->samples = std::move(samples);
-  stack->SpaceTime.fcData = stack->samples.get();
+  stack->hold(std::move(storage));
   reshape(stack, nx, ny, nz, nt);
 }
 
+// A new stack taking over samples already computed, in either form.
+template <typename T>
+data_stack *install_holding(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
+                            int nt, std::unique_ptr<T[]> storage) {
+  const SampleForm form = std::is_same_v<T, float> ? SampleForm::Real : SampleForm::Complex;
+  data_stack *s = install_stack_checked(name, template_stack, nx, ny, nz, nt, form);
+  if (s != nullptr) s->hold(std::move(storage));
+  return s;
+}
+
+}  // namespace
+
+void replace_samples(data_stack *stack, std::unique_ptr<FCOMPLEX[]> samples, int nx, int ny, int nz, int nt) {
+  replace(stack, std::move(samples), nx, ny, nz, nt);
+}
+
 void replace_samples(data_stack *stack, std::unique_ptr<float[]> reals, int nx, int ny, int nz, int nt) {
-  stack->generation++;
-  stack->samples.reset();
-  stack->reals = std::move(reals);
-  stack->SpaceTime.fData = stack->reals.get();
-  reshape(stack, nx, ny, nz, nt);
+  replace(stack, std::move(reals), nx, ny, nz, nt);
 }
 
 void drop_rotation(data_stack *stack) {
@@ -181,20 +192,12 @@ void drop_rotation(data_stack *stack) {
 
 data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
                                int nt, std::unique_ptr<FCOMPLEX[]> samples) {
-  data_stack *s = install_stack_checked(name, template_stack, nx, ny, nz, nt);
-  if (s == nullptr) return nullptr;
-  s->samples = std::move(samples);
-  s->SpaceTime.fcData = s->samples.get();
-  return s;
+  return install_holding(name, template_stack, nx, ny, nz, nt, std::move(samples));
 }
 
 data_stack *install_stack_with(const char *name, const data_stack *template_stack, int nx, int ny, int nz,
                                int nt, std::unique_ptr<float[]> reals) {
-  data_stack *s = install_stack_checked(name, template_stack, nx, ny, nz, nt, SampleForm::Real);
-  if (s == nullptr) return nullptr;
-  s->reals = std::move(reals);
-  s->SpaceTime.fData = s->reals.get();
-  return s;
+  return install_holding(name, template_stack, nx, ny, nz, nt, std::move(reals));
 }
 
 std::vector<volume_list *> distinct_volumes() {

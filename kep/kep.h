@@ -43,6 +43,17 @@ struct data_stack : volume_geometry {
   std::unique_ptr<float[]> reals;
 
   bool real_only() const { return reals != nullptr; }
+  // Takes over `pairs` or `real_parts` as the storage, dropping the other form.
+  void hold(std::unique_ptr<FCOMPLEX[]> pairs) {
+    reals.reset();
+    samples = std::move(pairs);
+    SpaceTime.fcData = samples.get();
+  }
+  void hold(std::unique_ptr<float[]> real_parts) {
+    samples.reset();
+    reals = std::move(real_parts);
+    SpaceTime.fData = reals.get();
+  }
   float re(long n) const { return reals ? reals[n] : samples[n].real; }
   float im(long n) const { return reals ? 0.0f : samples[n].imag; }
   // Counts the times the samples were replaced (a new size or new contents),
