@@ -270,20 +270,13 @@ int pad_2n_stacks() {
 
 namespace {
 
-// Calls f with the stack's storage in its form.
+// Calls f with the volume's samples in their form (floats or pairs).
 template <typename F>
 void with_storage(volume_list *v, F f) {
   if (v->real_only())
     f(v->SpaceTime.fData);
   else
     f(v->SpaceTime.fcData);
-}
-
-// The listed volumes (or those `taken`) gathered as a new stack's samples:
-// real parts alone when every listed volume is real-only.
-template <typename T>
-std::unique_ptr<T[]> gathered(int64_t n4d, bool zeroed) {
-  return zeroed ? zeroed_buffer<T>(n4d) : scratch_buffer<T>(n4d);
 }
 
 }  // namespace
@@ -376,7 +369,7 @@ int shuffle_stacks(const char *name) {
                               std::move(out));
   };
   const data_stack *made =
-      all_real_only(first) ? shuffle(gathered<float>(n4d, true)) : shuffle(gathered<FCOMPLEX>(n4d, true));
+      all_real_only(first) ? shuffle(zeroed_buffer<float>(n4d)) : shuffle(zeroed_buffer<FCOMPLEX>(n4d));
   if (made == nullptr) return 1;
   initialize_volume_list();
   return 0;
@@ -408,7 +401,7 @@ int slice_volumes(const char *name, int n) {
     return install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z,
                               static_cast<int>(taken.size()), std::move(out));
   };
-  const data_stack *made = real ? slice(gathered<float>(n4d, false)) : slice(gathered<FCOMPLEX>(n4d, false));
+  const data_stack *made = real ? slice(scratch_buffer<float>(n4d)) : slice(scratch_buffer<FCOMPLEX>(n4d));
   if (made == nullptr) return 1;
   initialize_volume_list();
   return 0;
