@@ -1,7 +1,6 @@
 // Volume lists and the argument decoders of the commands.
 #include "kep-decode.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -187,16 +186,13 @@ void point_at_volume(volume_list &node) {
 
 }  // namespace
 
-void repoint_volume_lists() {
-  // A node may still name a stack its command has since deleted.
-  std::vector<const data_stack *> live;
-  for (const data_stack *s = stack_root.get(); s; s = s->next.get()) live.push_back(s);
-  auto repoint = [&](std::deque<volume_list> &nodes) {
-    for (volume_list &node : nodes)
-      if (std::find(live.begin(), live.end(), node.stack) != live.end()) point_at_volume(node);
-  };
-  repoint(decoded.main_nodes);
-  repoint(decoded.comparison_nodes);
+void repoint_volume_lists(const data_stack *changed) {
+  // Only the changed stack's nodes (others may name a stack since deleted),
+  // and only volumes it still has (a new stack may have the address of a
+  // deleted one).
+  for (std::deque<volume_list> *nodes : {&decoded.main_nodes, &decoded.comparison_nodes})
+    for (volume_list &node : *nodes)
+      if (node.stack == changed && node.t < changed->nt) point_at_volume(node);
 }
 
 bool set_lists_complex(bool on) {

@@ -19,9 +19,9 @@ void set_slice_order(std::vector<int> order);
 void reset_decode();
 
 void initialize_volume_list();
-// Points every listed volume at its stack's storage again after the storage
-// changed form.
-void repoint_volume_lists();
+// Points the listed volumes of `changed` at its storage again after the
+// storage changed form.
+void repoint_volume_lists(const data_stack *changed);
 // While on, every stack a list names is first given complex storage: for
 // operations that only know complex samples (the command loop decides).
 // Returns the setting it replaces.

@@ -172,7 +172,7 @@ void make_complex(data_stack *stack) {
   const float *re = stack->reals.get();
   for (size_t i = 0; i < n; i++) samples[i] = {re[i], 0.0f};
   stack->hold(std::move(samples));
-  repoint_volume_lists();
+  repoint_volume_lists(stack);
 }
 
 bool make_real_if_possible(data_stack *stack) {
@@ -189,7 +189,7 @@ bool make_real_if_possible(data_stack *stack) {
   if (!reals) return false;  // the pairs serve as well
   for (size_t i = 0; i < n; i++) reals[i] = c[i].real;
   stack->hold(std::move(reals));
-  repoint_volume_lists();
+  repoint_volume_lists(stack);
   return true;
 }
 
