@@ -88,10 +88,15 @@ void convert_reals(const float *reals, int64_t count, bool pairs, bool real_part
   }
 }
 
+// Polar and map stacks are written as their values; the others as magnitudes.
+bool value_itself(const volume_list *v) {
+  return v->stack != nullptr && (v->stack->status & (STATUS_POLAR | STATUS_MAP)) != 0;
+}
+
 template <typename T, typename F>
 void convert_volume(const volume_list *v, int64_t first, int64_t count, F to, T *out) {
   const bool pairs = complex_output();
-  const bool real_part = v->stack != nullptr && (v->stack->status & (STATUS_POLAR | STATUS_MAP)) != 0;
+  const bool real_part = value_itself(v);
   if (v->real_only())
     convert_reals(v->SpaceTime.fData + first, count, pairs, real_part, to, out);
   else
@@ -111,6 +116,13 @@ void convert_block(const volume_list *v, int64_t first, int64_t count, int stora
       convert_volume(v, first, count, to_short, reinterpret_cast<int16_t *>(out));
       break;
   }
+}
+
+// A volume whose samples are already the file's elements (real-only floats
+// written as themselves), or null when they must be converted first.
+const void *stored_as_written(const volume_list *v, int storage) {
+  if (storage != STORAGE_FLOAT || complex_output() || !value_itself(v) || !v->real_only()) return nullptr;
+  return v->SpaceTime.fData;
 }
 
 bool differs(const POINT3D &a, const POINT3D &b) { return a.x != b.x || a.y != b.y || a.z != b.z; }
@@ -622,8 +634,12 @@ int write_output_file(int requested_storage, const char *root) {
         previous = v->stack;
         if (v->stack != nullptr) warn_geometry(v->stack, entry, true);
       }
-      convert_block(v, 0, n3d, storage, buffer.get());
-      if (fwrite(buffer.get(), 1, bytes, file.get()) != bytes) {
+      const void *from = stored_as_written(v, storage);
+      if (from == nullptr) {
+        convert_block(v, 0, n3d, storage, buffer.get());
+        from = buffer.get();
+      }
+      if (fwrite(from, 1, bytes, file.get()) != bytes) {
         write_error(name);
         file.reset();
         return undo.fail();
