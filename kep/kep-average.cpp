@@ -2,6 +2,7 @@
 #include "kep-average.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include "kep-util.h"
 #include "kep-variables.h"
 #include "kep.h"
+#include "threads.h"
 
 namespace {
 
@@ -261,30 +263,50 @@ int weighted_average(const char *name) {
 
 namespace {
 
-// One axis of the separable smoothing: for each of `lines` lines of `length`
-// points, `step` floats apart, with `width` contiguous floats per point,
+// One axis of the separable smoothing, for the floats [e0, e1) of each point
+// of one line of `length` points, `step` floats apart:
 // out = sum_i g[|i|] in[p + i] / sum_i g[|i|] over the offsets inside the line.
-// Lines are `line_gap` floats apart; the kernel runs over contiguous floats.
-void smooth_axis(const float *in, float *out, long lines, long line_gap, int length, long step, long width,
+void smooth_span(const float *src, float *dst, int length, long step, long e0, long e1,
                  const std::vector<float> &g, double *acc) {
   const int h = static_cast<int>(g.size()) - 1;
-  for (long l = 0; l < lines; l++) {
-    const float *src = in + l * line_gap;
-    float *dst = out + l * line_gap;
-    for (int p = 0; p < length; p++) {
-      const int lo = std::max(-h, -p), hi = std::min(h, length - 1 - p);
-      double norm = 0.0;
-      for (long e = 0; e < width; e++) acc[e] = 0.0;
-      for (int i = lo; i <= hi; i++) {
-        const double gi = g[i < 0 ? -i : i];
-        norm += gi;
-        const float *row = src + (p + i) * step;
-        for (long e = 0; e < width; e++) acc[e] += gi * row[e];
-      }
-      float *o = dst + p * step;
-      for (long e = 0; e < width; e++) o[e] = static_cast<float>(acc[e] / norm);
+  const long width = e1 - e0;
+  for (int p = 0; p < length; p++) {
+    const int lo = std::max(-h, -p), hi = std::min(h, length - 1 - p);
+    double norm = 0.0;
+    for (long e = 0; e < width; e++) acc[e] = 0.0;
+    for (int i = lo; i <= hi; i++) {
+      const double gi = g[i < 0 ? -i : i];
+      norm += gi;
+      const float *row = src + (p + i) * step + e0;
+      for (long e = 0; e < width; e++) acc[e] += gi * row[e];
     }
+    float *o = dst + p * step + e0;
+    for (long e = 0; e < width; e++) o[e] = static_cast<float>(acc[e] / norm);
   }
+}
+
+// The axis for `lines` lines `line_gap` floats apart, with `width` contiguous
+// floats per point (the kernel runs over contiguous floats). The pieces (a
+// line, a span of its floats) are shared among the worker threads; each
+// float is summed alike whichever thread takes it.
+void smooth_axis(const float *in, float *out, long lines, long line_gap, int length, long step, long width,
+                 const std::vector<float> &g) {
+  constexpr long kSpan = 2048;  // floats of one piece: their sums stay in cache
+  const long spans = (width + kSpan - 1) / kSpan, pieces = lines * spans;
+  const long point_work = std::max<long>(1, static_cast<long>(length) * std::min(width, kSpan));
+  const long grain = std::max<long>(1, 32768 / point_work);  // pieces taken at once
+  const long tasks = (pieces + grain - 1) / grain;
+  const int workers = static_cast<int>(std::min<long>(worker_threads(), tasks));
+  std::atomic<long> next{0};
+  run_workers(workers, [&](int) {
+    std::vector<double> acc(static_cast<size_t>(std::min(width, kSpan)));
+    for (long task = next++; task < tasks; task = next++)
+      for (long piece = task * grain; piece < std::min(pieces, (task + 1) * grain); piece++) {
+        const long l = piece / spans, e0 = (piece % spans) * kSpan;
+        smooth_span(in + l * line_gap, out + l * line_gap, length, step, e0, std::min(width, e0 + kSpan), g,
+                    acc.data());
+      }
+  });
 }
 
 std::vector<float> gaussian_weights(int h, float r, float s) {
@@ -310,16 +332,15 @@ void smooth_one_stack(float *samples, int channels, int nx, int ny, int nz, int 
   const std::vector<float> gx = gaussian_weights(hx, res.x, s), gy = gaussian_weights(hy, res.y, s),
                            gz = gaussian_weights(hz, res.z, s);
   std::unique_ptr<float[]> scratch = scratch_buffer<float>(volume);
-  std::unique_ptr<double[]> acc = scratch_buffer<double>(std::max(plane, c));
   for (int t = 0; t < nt; t++) {
     float *v = samples + t * volume;
     float *w = scratch.get();
     // Along x a point is `c` floats; along y a row; along z a plane, so the
     // inner loops of the y and z passes run over whole rows and planes.
-    smooth_axis(v, w, static_cast<long>(ny) * nz, row, nx, c, c, gx, acc.get());
-    smooth_axis(w, v, nz, plane, ny, row, row, gy, acc.get());
+    smooth_axis(v, w, static_cast<long>(ny) * nz, row, nx, c, c, gx);
+    smooth_axis(w, v, nz, plane, ny, row, row, gy);
     if (hz > 0) {
-      smooth_axis(v, w, 1, volume, nz, plane, plane, gz, acc.get());
+      smooth_axis(v, w, 1, volume, nz, plane, plane, gz);
       memcpy(v, w, sizeof(float) * volume);
     }
     if (progress && nt > 10 && t >= 1 && (4 * t) % nt == 0) printf("%d percent done\n", 100 * t / nt);
