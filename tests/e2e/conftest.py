@@ -1,5 +1,4 @@
-"""Shared helpers for the end-to-end tests: run build/kep in a temporary directory, and make and
-read the volume files it works on."""
+"""Shared helpers: run build/kep in a temporary directory; write and read its volume files."""
 import os
 import re
 import shutil
@@ -62,8 +61,7 @@ class Kep:
 
 @pytest.fixture
 def kep():
-    """A fresh working directory that an unprivileged user may enter too (pytest's own are
-    private to their owner), removed afterwards."""
+    """A fresh working directory an unprivileged user may enter too (pytest's are private)."""
     path = Path(tempfile.mkdtemp(prefix="kep-test-"))
     path.chmod(0o755)
     yield Kep(path)
@@ -71,8 +69,7 @@ def kep():
 
 
 def write_xdisplay(directory: Path, name: str, data, dtype="<f4", header_lines=(), byte_order=1, pairs=None):
-    """Writes data (x, y, z, t) as an xdisplay file `name` with its ".hdr" (x fastest); complex data
-    (or pairs=True) go as (real, imaginary) pairs with "data-type complex"."""
+    """Writes data (x, y, z, t) and its ".hdr"; complex data (or pairs=True) as (real, imag) pairs."""
     data = np.asarray(data)
     if data.ndim == 3:
         data = data[..., np.newaxis]
@@ -93,16 +90,14 @@ def write_xdisplay(directory: Path, name: str, data, dtype="<f4", header_lines=(
 
 
 def write_nifti(path, data, zooms=(1.0, 1.0, 1.0), dtype=np.float32, affine=None):
-    """A NIfTI file (".nii", ".img" or ".nii.gz" by its name) written by nibabel, scaled
-    axes `zooms` unless an affine is given."""
+    """A NIfTI file (type by its name) written by nibabel, axes scaled by `zooms` unless `affine`."""
     import nibabel as nib
     affine = np.diag([*zooms, 1.0]) if affine is None else affine
     nib.save(nib.Nifti1Image(np.asarray(data, dtype=dtype), affine), str(path))
 
 
 def write_complex(path, data, resolution=(1.0, 1.0, 1.0)):
-    """Writes data[t, z, y, x] as a ".bfloat": complex pairs when x is even, else real (x odd
-    is refused for complex files, so such data must be real)."""
+    """Writes data[t, z, y, x] as a ".bfloat": complex pairs when x is even, else real."""
     data = np.asarray(data).transpose(3, 2, 1, 0)
     if data.shape[0] % 2:
         assert np.all(np.imag(data) == 0), "complex files need an even x"
@@ -162,8 +157,7 @@ def stack_line(stdout: str, name: str):
 
 
 def random_stack(shape, seed, zeros=0.0):
-    """Samples in (-1, 1) + i(-1, 1) for shape [t, z, y, x]; real when x is odd; a fraction
-    `zeros` of them exactly 0."""
+    """Samples in (-1, 1) + i(-1, 1) of shape [t, z, y, x] (real when x is odd), a fraction `zeros` 0."""
     rng = np.random.default_rng(seed)
     real = rng.uniform(-1, 1, shape)
     data = (real + 1j * rng.uniform(-1, 1, shape) if shape[-1] % 2 == 0 else real + 0j).astype(np.complex64)
@@ -173,9 +167,8 @@ def random_stack(shape, seed, zeros=0.0):
 
 
 def run_ops(kep, inputs, commands, outputs, setup="", resolution=(1.0, 1.0, 1.0), script=False):
-    """`inputs`: stack name -> array [t, z, y, x]; `commands`: the lines to run; `outputs`: stack
-    names to write. Returns (result, {name: array [t, z, y, x]}). A command file (`script`) makes
-    every error fatal; otherwise the lines go to standard input."""
+    """Reads `inputs` (name -> [t, z, y, x]), runs `commands`, returns (result, {output: array}); with
+    `script` a command file, so that every error is fatal."""
     lines = ["set complex-output on"] + ([setup] if setup else [])
     for name, data in inputs.items():
         write_complex(kep.path(f"in_{name}.bfloat"), np.asarray(data, dtype=np.complex64), resolution)

@@ -1,8 +1,5 @@
-"""Small GLM studies written for the stack commands, and an independent numpy
-model of what the commands compute: the design from the model's rules, least
-squares, and the two-pass autoregressive fit (residual autocorrelations with
-their bias reduction, Gaussian smoothing of the coefficient maps inside the
-head, whitening filter from the Cholesky factor, refit)."""
+"""Small GLM studies for the stack commands and a numpy model of what they compute: design, least
+squares, and the two-pass autoregressive fit (bias-reduced autocorrelations, smoothed, whitened)."""
 import math
 from dataclasses import dataclass, field
 
@@ -19,8 +16,7 @@ def event_char(n):
 
 @dataclass
 class Study:
-    """Square events (number -> [(on, off, magnitude)] in seconds of each run)
-    over `nruns` runs of `nimg` images, TR 2 s, no response function."""
+    """Square events (number -> [(on, off, magnitude)] s) over `nruns` runs of `nimg` images, TR 2 s."""
     nimg: int = 40
     nruns: int = 2
     events: dict = field(default_factory=lambda: {1: [(5, 17, 1), (45, 57, 1)], 2: [(25, 37, 1), (63, 71, 2)]})
@@ -60,9 +56,8 @@ class Study:
         return inc
 
     def design(self):
-        """Event columns (peak 1) then baseline columns grouped by term; excluded rows zero. The
-        baseline columns are the powers of the run's time; kep centres them, which changes only
-        the baseline coefficients, not the column space nor anything of the events."""
+        """Event columns (peak 1), then per term and run the powers of the run's time (kep centres
+        them: same span); excluded rows zero."""
         n = self.ntime
         t = np.arange(n) * TR
         cols = []
@@ -86,8 +81,7 @@ class Study:
 
 
 def contrasts(word, ncoeff, events=None):
-    """Contrast rows of a condition word: one row per comma-separated part, +1 for each event
-    named before a minus, -1 after it; `events` lists the event of each column."""
+    """Contrast rows of a condition word ("1-2", "1,2,3"); `events` lists the event of each column."""
     events = events or list(range(1, ncoeff + 1))
     rows, sign = [np.zeros(ncoeff)], 1
     for ch in word:
@@ -116,8 +110,7 @@ def ar_noise(rng, shape, phi, sd=1.0):
 
 
 def simulate(rng, study, shape, phi=(), sd=2.0):
-    """Series [voxel, time] of random effects on a baseline of 100 (a third of the event effects
-    null) with white or AR(len(phi)) noise, as float32 samples."""
+    """Series [voxel, time]: random effects (a third null) on a baseline of 100, white or AR noise."""
     X = study.design()
     nvox, ne = int(np.prod(shape)), len(study.events)
     beta = np.zeros((nvox, X.shape[1]))
@@ -174,8 +167,7 @@ def autocorrelations(R, Minv, inc, y, p):
 
 
 def smooth(maps, fwhm, res=RES):
-    """Gaussian of the given FWHM in image space over the first three axes, the
-    weights renormalised over the voxels inside the volume."""
+    """Gaussian of the given FWHM over the first three axes, renormalised inside the volume."""
     s = float(np.float32(np.float32(np.float32(fwhm * np.float32(1.44)) / 2) * np.float32(fwhm)) / 2)
     radius = math.sqrt(3 * s)
     out = np.asarray(maps, dtype=np.float64)
@@ -195,8 +187,7 @@ def smooth(maps, fwhm, res=RES):
 
 
 def whitening_filter(rho, n):
-    """Lower-triangular filter: start-up rows from the Cholesky factor's inverse,
-    then the taps of its last row; the order drops while the factor fails."""
+    """Start-up rows from the inverse Cholesky factor, then its last row's taps; order drops on failure."""
     q = len(rho)
     r = np.concatenate([[1.0], rho])
     while q > 0:
@@ -218,9 +209,8 @@ def whitening_filter(rho, n):
 
 
 def ar_fit(X, inc, Y, shape, p, fwhm):
-    """The first pass of the two-pass fit of series Y [nvox, ntime] (voxel order x fastest)
-    on a grid of `shape`: the smoothed autocorrelation maps the refit whitens with. All-zero
-    voxels are left out and get zero coefficients."""
+    """First pass on series Y [voxel, time] of a grid `shape`: the smoothed autocorrelations (zero
+    for all-zero voxels) the refit whitens with."""
     nvox = Y.shape[0]
     active = np.any(Y != 0, axis=1)
     R = residual_forming(X, inc)
@@ -253,8 +243,7 @@ def load(path):
 
 
 def close(got, expected, floor):
-    """max of |got - expected| / (|expected| + floor): 1e-4 means agreement to
-    1e-4 relative, with effects below `floor` compared absolutely."""
+    """max |got - expected| / (|expected| + floor): relative, absolute below `floor`."""
     return float(np.max(np.abs(got - expected) / (np.abs(expected) + floor)))
 
 

@@ -1,8 +1,6 @@
-"""Faults around files and memory: full disks, missing or read-only directories, data that is cut
-short or vanishes while kep reads it, and too little memory. Each ends in a message; stacks, files
-and the session stay intact, and a header never claims volumes its data file does not hold."""
+"""Full disks, missing or read-only directories, data that vanishes while read, too little memory:
+a message each; stacks, files and session intact; no header claims volumes its data lack."""
 import gzip
-import os
 import resource
 import shutil
 import signal
@@ -20,8 +18,7 @@ VOLUME = SHAPE[0] * SHAPE[1] * SHAPE[2] * 4
 
 
 def sanitized():
-    """True when kep is built with AddressSanitizer, which reserves far more address space than
-    any sensible `ulimit -v`."""
+    """kep built with AddressSanitizer, which reserves more address space than any `ulimit -v`."""
     return b"__asan_init" in Path(KEP).read_bytes()
 
 
@@ -35,8 +32,7 @@ def source(directory, volumes=10, seed=1):
 
 
 def file_size_limit(limit):
-    """For preexec_fn: files may grow to `limit` bytes; past it a write fails with EFBIG
-    instead of killing kep, as on a full disk."""
+    """For preexec_fn: writes past `limit` bytes fail with EFBIG, as on a full disk."""
     def apply():
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
@@ -51,9 +47,6 @@ def held(kep, ext, size):
     raw = kep.path(f"out.{ext}").read_bytes()
     raw = gzip.decompress(raw) if ext == "nii.gz" else raw
     return img.shape[3] if len(img.shape) > 3 else 1, (len(raw) - int(img.header["vox_offset"])) // size
-
-
-# ---------------------------------------------------------------- writing
 
 
 @pytest.mark.parametrize("ext", ["bfloat", "bshort", "nii", "img", "nii.gz"])
@@ -150,22 +143,14 @@ def test_a_write_to_a_full_device_or_missing_directory_leaves_nothing_on_record(
     assert "were written to" in out
 
 
-# ----------------------------------------------- permissions, as an unprivileged user
-
-
 def as_nobody(directory, text):
-    """Runs kep as user and group 65534, the way a scientist without rights to a directory would."""
-    if shutil.which("setpriv") is None:
-        pytest.skip("setpriv (util-linux) is needed to drop privileges")
-    probe = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "true"],
-                           capture_output=True)
-    if probe.returncode != 0:
-        pytest.skip("this system does not let setpriv drop privileges: " + probe.stderr.decode())
-    if not os.access(KEP, os.X_OK) or any(p.stat().st_mode & 0o005 != 0o005 for p in Path(KEP).parents
-                                          if p != Path("/")):
+    """Runs kep as user and group 65534, as a scientist without rights to a directory would."""
+    drop = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+    if shutil.which("setpriv") is None or subprocess.run(drop + ["true"], capture_output=True).returncode:
+        pytest.skip("setpriv cannot drop privileges here")
+    if any(p.stat().st_mode & 0o005 != 0o005 for p in Path(KEP).parents if p != Path("/")):
         pytest.skip("the kep binary is not reachable by an unprivileged user")
-    proc = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", str(KEP)],
-                          input=text.encode(), cwd=directory, capture_output=True, timeout=120)
+    proc = subprocess.run(drop + [str(KEP)], input=text.encode(), cwd=directory, capture_output=True, timeout=120)
     return proc.stdout.decode(), proc.stderr.decode(), proc.returncode
 
 
@@ -188,9 +173,6 @@ def test_read_only_file_in_a_writable_directory_is_left_alone(kep):
     for name in ("out.bfloat", "out.nii"):
         assert (kep.dir / "w" / name).read_bytes() == b"precious"
     assert nib.load(str(kep.dir / "w" / "out.nii.gz")).shape == (*SHAPE, 2)
-
-
-# ---------------------------------------------------------------- reading
 
 
 def test_data_vanishing_between_the_loop_header_and_its_chunks(kep):

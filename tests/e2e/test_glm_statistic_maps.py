@@ -1,13 +1,6 @@
-"""GLM-map-conditions against independent models: statsmodels OLS without an AR
-model, a numpy generalized least-squares fit of the two-pass procedure with one;
-the GLM mask; threshold-p against a Benjamini-Hochberg computation; clusters
-against scipy.ndimage.label with full connectivity.
-
-Values are compared as |kep - oracle| / (|oracle| + floor): effects and errors
-with the floor at a hundredth of the noise SD (single-precision samples carry
-about 1e-7 of their mean into every effect), t, F and z with the floor at 0.1
-(near-null statistics are held to 1e-6 absolutely for the same reason), p in
-log space, so that the far tails count as much as the centre."""
+"""GLM-map-conditions against statsmodels OLS and a numpy GLS of the AR fit; the GLM mask;
+threshold-p against Benjamini-Hochberg; clusters against scipy.ndimage.label.
+Values compare as |kep - oracle| / (|oracle| + floor), p in log space so the tails count."""
 import math
 
 import nibabel as nib
@@ -80,9 +73,7 @@ def compare(got, expected, floor_effect):
 # excluded images cost the float32 fit about a decimal digit
 @pytest.mark.parametrize("exclude,tolerance", [({}, 1e-5), ({1: [(3, 5)]}, 1e-4)])
 def test_maps_match_statsmodels_for_every_condition(kep, exclude, tolerance):
-    """Conditions of one row (t, two-sided p, z signed like t) and of three rows
-    (F, upper-tail p, one-sided z); an all-zero voxel has zero residual: 0 effect,
-    error and statistic, p 1 and z 0."""
+    """One-row (t) and three-row (F) conditions; an all-zero voxel gives 0, 0, 0, p 1, z 0."""
     rng = np.random.default_rng(3)
     study, shape = make_study(exclude=exclude), (5, 4, 3)
     Y = gm.simulate(rng, study, shape, sd=SD)
@@ -102,8 +93,7 @@ def test_maps_match_statsmodels_for_every_condition(kep, exclude, tolerance):
 
 
 def gls_oracle(X, inc, Y, rho):
-    """The whitened refit of each voxel with its coefficients: effect, error, t, log p, z
-    for the one-row conditions (columns as in CONDITIONS, F rows skipped)."""
+    """Whitened refit per voxel: effect, error, t, log p, z of the one-row conditions."""
     dof = inc.sum() - X.shape[1]
     out = np.full((Y.shape[0], len(CONDITIONS), 5), np.nan)
     for v in np.flatnonzero(np.any(Y != 0, axis=1)):
@@ -131,8 +121,7 @@ def head_mask(shape):
 
 @pytest.mark.parametrize("order,phi", [(1, [0.45]), (2, [0.3, 0.25])])
 def test_ar_maps_match_generalized_least_squares(kep, order, phi):
-    """With `AR p`, and a GLM mask narrower than the data: voxels outside the
-    mask are neither fitted nor used by the smoothing of the coefficients."""
+    """Voxels outside the GLM mask are neither fitted nor used by the coefficient smoothing."""
     rng = np.random.default_rng(30 + order)
     study, shape = make_study(f"AR {order} 5\n"), (6, 5, 4)
     X, inc = study.design(), study.include()
@@ -154,8 +143,7 @@ def save(kep, name, values, res=gm.RES):
 
 
 def test_glm_mask_is_checked_at_the_command(kep):
-    """A mask of another size fails at the command and creates nothing; an empty mask warns
-    and fits nothing."""
+    """A mask of another size fails and creates nothing; an empty mask warns and fits nothing."""
     study = make_study()
     study.write(kep.dir, np.ones((5, 4, 3, study.ntime)))
     save(kep, "small.nii", np.ones((5, 4, 2)))
@@ -194,9 +182,7 @@ def voxels_of(flags, shape):
 
 @pytest.mark.parametrize("masked", [False, True])
 def test_threshold_p_against_benjamini_hochberg(kep, masked):
-    """FDR, Bonferroni and uncorrected sets over the non-zero p voxels (or the
-    mask's voxels), the printed cut-off, the overlay logic, and an FDR level no
-    voxel passes."""
+    """FDR, Bonferroni and uncorrected sets over the tested voxels, the cut-off, overlay logic."""
     rng = np.random.default_rng(6)
     study, shape = make_study(), (7, 6, 5)
     Y = gm.simulate(rng, study, shape, sd=SD)
@@ -231,8 +217,7 @@ write-overlay nothing.ovl
 
 
 def test_clusters_against_scipy_label(kep):
-    """Clusters above +2.3 and below -2.3 with full (26) connectivity, at least 3
-    voxels, one touching the volume's corner; table, index map and overlay."""
+    """Clusters beyond +-2.3, 26-connected, at least 3 voxels, one in the corner."""
     rng = np.random.default_rng(12)
     shape, res = (11, 9, 7), (2.5, 3.0, 3.5)
     z = ndimage.gaussian_filter(rng.normal(0, 1, shape), 1.0)
