@@ -159,8 +159,7 @@ def mixing_inverse(R, inc, p):
 
 def autocorrelations(R, Minv, inc, y, p):
     e = R @ (inc * y)
-    a = np.array([e[k:] @ e[:len(e) - k] for k in range(p + 1)])
-    c = Minv @ a
+    c = Minv @ np.array([e[k:] @ e[:len(e) - k] for k in range(p + 1)])
     if c[0] == 0:
         c[0] = 1
     return c[1:] / c[0]

@@ -24,8 +24,7 @@ def sanitized():
 
 def source(directory, volumes=10, seed=1):
     """src.bfloat: random floats (they barely compress), volume t offset by 1000 t."""
-    rng = np.random.default_rng(seed)
-    data = rng.uniform(-100, 100, size=(*SHAPE, volumes)).astype(np.float32)
+    data = np.random.default_rng(seed).uniform(-100, 100, size=(*SHAPE, volumes)).astype(np.float32)
     data += 1000 * np.arange(volumes, dtype=np.float32)
     write_xdisplay(Path(directory), "src.bfloat", data, "f4", ["resolution 2 2 3 1.5"])
     return data

@@ -89,8 +89,7 @@ def test_event_effects_with_confounds_match_least_squares(kep, terms):
     data, tables = write_study(kep.dir, rng, header)
     r = kep.script("read-GLM study.glm\nGLM-fit-events fx\nwrite fx.nii fx\nquit\n")
     assert "written to file fx.\n" in r.stdout, r  # a command file stops at its first error
-    chosen = {"trans_x", "trans_y", "rot_z", "framewise_displacement", "motion_outlier00"}
-    X = design(tables, terms, chosen)
+    X = design(tables, terms, {"trans_x", "trans_y", "rot_z", "framewise_displacement", "motion_outlier00"})
     Y = series(data)
     beta = np.linalg.lstsq(X, Y.T, rcond=None)[0].T
     effects = series(load(kep.path("fx.nii")))
@@ -133,6 +132,5 @@ def test_bold_human_response_is_the_double_gamma(kep):
     rows = np.loadtxt(kep.path("HRF.dat"), skiprows=1)
     t, y = rows[:, 0], rows[:, 1]
     assert len(t) == 1200 and t[1] == pytest.approx(0.1)
-    expected = stats.gamma.pdf(t, 6) - stats.gamma.pdf(t, 16) / 6
-    np.testing.assert_allclose(y / 0.1, expected, atol=1e-6)
+    np.testing.assert_allclose(y / 0.1, stats.gamma.pdf(t, 6) - stats.gamma.pdf(t, 16) / 6, atol=1e-6)
     assert 4.5 < t[np.argmax(y)] < 6 and 14 < t[np.argmin(y)] < 17

@@ -50,8 +50,7 @@ STEP = np.float32(0.1)
 
 
 def normalise(x, scale=1.0):
-    i = np.argmax(np.abs(x))
-    m = x[i]
+    m = x[np.argmax(np.abs(x))]
     return x if m == 0 else x * (scale / abs(m))
 
 
@@ -167,8 +166,7 @@ def test_design_of_every_shape_equals_its_rebuild(kep):
             hi = np.clip(lo + 1, 0, nimg[r] - 1)
             wgt = lo + 1 - p
             v = wgt * values[lo] + (1 - wgt) * values[hi]
-            v = np.where(p <= 0, values[0], np.where(p >= nimg[r] - 1, values[-1], v))
-            fine[i] = v
+            fine[i] = np.where(p <= 0, values[0], np.where(p >= nimg[r] - 1, values[-1], v))
         cols[number] = normalise(causal(fine, amp) if convolved else fine)[::n]
     cols[44] = normalise(cols[1] * cols[2])
 
@@ -187,8 +185,7 @@ def test_design_of_every_shape_equals_its_rebuild(kep):
             column = X[:, len(order) + k * 2 + r]
             rows = slice(starts[r], starts[r] + nimg[r])
             assert not np.delete(column, np.arange(ntime)[rows]).any()
-            u = np.arange(nimg[r]) / (nimg[r] - 1)
-            powers = np.vander(u, k + 1, increasing=True)
+            powers = np.vander(np.arange(nimg[r]) / (nimg[r] - 1), k + 1, increasing=True)
             coef, *_ = np.linalg.lstsq(powers, column[rows], rcond=None)
             np.testing.assert_allclose(powers @ coef, column[rows], atol=1e-6)
             assert abs(coef[k]) > 0.5

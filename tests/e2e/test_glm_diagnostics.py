@@ -95,8 +95,7 @@ def test_glm_vary_tau_recovers_each_voxels_time_constant(kep, command):
     out = np.asarray(nib.load(kep.path("timing.nii")).dataobj).reshape(len(truth), 2)
     index = np.array([np.argmin(np.abs(grid - tau)) for tau in out[:, 0]])
     np.testing.assert_allclose(out[:, 0], grid[index], rtol=1e-5)  # values of the documented grid
-    steps = np.abs(np.log(out[:, 0] / truth) / np.log(grid[1] / grid[0]))
-    assert (steps <= 1.0 + 1e-6).all(), (out[:, 0], truth)
+    assert (np.abs(np.log(out[:, 0] / truth) / np.log(grid[1] / grid[0])) <= 1.0 + 1e-6).all(), (out[:, 0], truth)
     np.testing.assert_array_equal(index[:len(grid) - 2], np.arange(1, len(grid) - 1))  # on the grid: exact
     assert (out[:, 1] > 100).all()
     # The model is put back as the files define it afterwards.

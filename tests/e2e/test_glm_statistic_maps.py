@@ -33,8 +33,7 @@ def run_maps(kep, study, Y, shape, before="", after=""):
 
 def oracle_ols(X, inc, Y):
     """[voxel, condition, (effect, error, t or F, log p, z)] from statsmodels on the included images."""
-    ncond = len(CONDITIONS)
-    out = np.zeros((Y.shape[0], ncond, 5))
+    out = np.zeros((Y.shape[0], len(CONDITIONS), 5))
     for v, y in enumerate(Y):
         if not y.any():
             out[v, :, 3] = 0.0  # log p of p 1
@@ -48,8 +47,7 @@ def oracle_ols(X, inc, Y):
             if len(C) == 1:
                 t = fit.t_test(C).tvalue.item()
                 logp = math.log(2) + stats.t.logsf(abs(t), fit.df_resid)
-                z = math.copysign(stats.norm.isf(math.exp(logp) / 2), t)
-                out[v, k] = eff[r], error, t, logp, z
+                out[v, k] = eff[r], error, t, logp, math.copysign(stats.norm.isf(math.exp(logp) / 2), t)
             else:
                 f = fit.f_test(C)
                 F = float(np.squeeze(f.fvalue))
@@ -171,13 +169,11 @@ show glm-mask
 
 
 def read_overlay(path):
-    text = path.read_text().split("\n")
-    return {tuple(int(w) for w in line.split()[:3]) for line in text if line.strip()}
+    return {tuple(int(w) for w in line.split()[:3]) for line in path.read_text().split("\n") if line.strip()}
 
 
 def voxels_of(flags, shape):
-    idx = np.argwhere(gm.grid(np.asarray(flags)[:, None], shape)[..., 0])
-    return {tuple(int(i) for i in v) for v in idx}
+    return {tuple(int(i) for i in v) for v in np.argwhere(gm.grid(np.asarray(flags)[:, None], shape)[..., 0])}
 
 
 @pytest.mark.parametrize("masked", [False, True])

@@ -65,8 +65,7 @@ def test_missing_home_and_missing_file(tmp_path):
     out, _ = run(tmp_path, MENU, "quit\n", home=False)
     assert "For help, quit and define the environment variable KEP_HOME, and then re-start.\n" in out
     env = {"PATH": "/usr/bin:/bin", "KEP_HOME": str(tmp_path / "nowhere")}
-    p = subprocess.run([str(KEP)], input=b"help\nquit\n", cwd=tmp_path, capture_output=True, env=env)
-    out = p.stdout.decode()
+    out = subprocess.run([str(KEP)], input=b"help\nquit\n", cwd=tmp_path, capture_output=True, env=env).stdout.decode()
     assert f"Error: cannot open the file {tmp_path}/nowhere/documentation/kep-menu.txt.\n" in out
     assert f"The environment variable KEP_HOME is set to {tmp_path}/nowhere\n" in out
     assert "If this is incorrect, quit, define this environment variable, and re-start.\n" in out

@@ -14,8 +14,7 @@ def nifti_bytes(dims=(2, 2, 2), datatype=16, bitpix=32, vox_offset=352.0, endian
     hdr.set_data_dtype(np.float32)
     hdr.set_data_shape((2, 2, 2))
     block = bytearray(hdr.binaryblock)
-    dim = [len(dims), *dims] + [1] * (7 - len(dims))
-    block[40:56] = struct.pack(endian + "8h", *dim)
+    block[40:56] = struct.pack(endian + "8h", *[len(dims), *dims] + [1] * (7 - len(dims)))
     block[70:74] = struct.pack(endian + "2h", datatype, bitpix)
     block[108:112] = struct.pack(endian + "f", vox_offset)
     return bytes(block) + extender

@@ -33,8 +33,7 @@ def xdisplay_header(x, y, z, t):
 def test_headers_with_overflowing_counts(kep, files, name, message):
     for file, content in files.items():
         kep.path(file).write_bytes(content.encode() if isinstance(content, str) else content)
-    r = held_stack_survives(kep, f"read {name} s")
-    assert message in r.stdout
+    assert message in held_stack_survives(kep, f"read {name} s").stdout
 
 
 @pytest.mark.parametrize("command,sizes", [
@@ -43,8 +42,7 @@ def test_headers_with_overflowing_counts(kep, files, name, message):
     ("pad-to 40000 s", "40000 x 40000 x 2 x 1"),
 ])
 def test_padding_beyond_the_int_range(kep, command, sizes):
-    r = held_stack_survives(kep, command)
-    assert f"Error: The stack s cannot hold {sizes} samples.\n" in r.stderr
+    assert f"Error: The stack s cannot hold {sizes} samples.\n" in held_stack_survives(kep, command).stderr
 
 
 def test_histogram_with_too_many_bins(kep):

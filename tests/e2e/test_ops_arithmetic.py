@@ -71,8 +71,7 @@ def test_absolute_value_and_arc_tangent(kep):
 
 
 def test_blood_volume_map(kep):
-    rng = np.random.default_rng(11)
-    mags = rng.uniform(0.5, 2.0, (6,) + SHAPE[1:]).astype(np.float32)
+    mags = np.random.default_rng(11).uniform(0.5, 2.0, (6,) + SHAPE[1:]).astype(np.float32)
     mags[3, 0, 0, 0] = 0  # a zero amplitude gives 0
     r, out = run_ops(kep, {"v": mags + 0j}, "create-fCBV1 f v", ["f"])
     p, q, b, s = (np.abs(mags[i].astype(np.float64)) for i in (0, 1, 2, slice(3, None)))

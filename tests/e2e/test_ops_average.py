@@ -28,16 +28,14 @@ def test_average_stacks_skips_zero_samples(kep):
     counted = x.real != 0
     n = counted.sum(axis=0)
     total = np.where(counted, x, 0).sum(axis=0)
-    expected = np.where(n > 0, total / np.maximum(n, 1), 0)
-    assert_close(out["m"], expected)
+    assert_close(out["m"], np.where(n > 0, total / np.maximum(n, 1), 0))
 
 
 def test_weighted_average_discounts_the_volume_far_from_the_mean_slice_by_slice(kep):
     """Six noisy copies of one volume, the fourth one far off in slice 0 only: each slice of the
     result is the amplitude of the copies' mean, with the outlier all but ignored where it is off."""
     base = random_stack(SHAPE[1:], 6) + 3
-    noise = 1e-3 * random_stack((6,) + SHAPE[1:], 7)
-    a = (base[None] + noise).astype(np.complex64)
+    a = (base[None] + 1e-3 * random_stack((6,) + SHAPE[1:], 7)).astype(np.complex64)
     a[3, 0] += 5
     r, out = run_ops(kep, {"a": a}, "weighted-average w a>0-5", ["w"])
     good = np.abs(np.delete(a, 3, axis=0).astype(np.complex128).mean(axis=0))

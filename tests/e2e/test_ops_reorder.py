@@ -43,8 +43,7 @@ def test_clipping_keeps_the_centre_and_moves_the_origin(kep, command, window):
     assert_close(out["a"], expected, rtol=0, atol=0)
     origin = [float(v) for v in read_header(kep.path("out_a.hdr"))["origin"]]
     # Unit voxels and directions: the origin moves by the number of dropped leading voxels.
-    dropped = [window[2].start or 0, window[1].start or 0, window[0].start or 0]
-    assert origin == pytest.approx(dropped)
+    assert origin == pytest.approx([window[2].start or 0, window[1].start or 0, window[0].start or 0])
 
 
 def test_mirrors_and_slice_reversal(kep):

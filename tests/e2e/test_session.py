@@ -144,16 +144,14 @@ def test_help_opens_a_commands_own_item(kep):
     r = kep.stdin("help smooth-3d\nq\nhelp no-such-command\nq\n")
     items = (SOURCE / "documentation" / "kep-menu.txt").read_text().split("\n!")
     smooth = next(i for i in items if i.split("\n", 1)[1].startswith("smooth-3d "))
-    first = r.stdout.split("help >> ")[0]
-    assert smooth.split("\n", 1)[1] in first
+    assert smooth.split("\n", 1)[1] in r.stdout.split("help >> ")[0]
     assert "There is no help item for `no-such-command'.\n" in r.stdout
     # without an item, the help starts at the main menu
     assert items[0].split("\n", 1)[1] in r.stdout.split("There is no help item")[1]
 
 
 def test_show_without_a_name_shows_every_variable(kep):
-    r = kep.stdin("set io-increment 2\nset filter-range 2 3\nset histogram 0 10 3\nshow\n")
-    assert r.stdout.endswith(
+    assert kep.stdin("set io-increment 2\nset filter-range 2 3\nset histogram 0 10 3\nshow\n").stdout.endswith(
         "kep > \toverlay-logic   replace\n\tcomplex-output  OFF\n\tio-increment    2\n\tslice-order     \n"
         "\tmap-array      \n\tarray-offset    0\tarray_scale    1\n\tfilter-range    2 3 (1)\n"
         "\t\t\tAlignment variables (rigid body)\n\t\t\t------------------\n"
@@ -175,8 +173,7 @@ def test_quoted_file_names_keep_their_blanks(kep):
     # words passed on the command line keep their blanks inside quotes
     r = kep.script('read "$1" t\nwrite-float "$2" t\n', "scans dir/my scan.nii", "out two.nii")
     assert "Fatal" not in r.stderr, r
-    got = np.asanyarray(nib.load(kep.path("out two.nii")).dataobj)
-    np.testing.assert_array_equal(got, data.astype(np.float32))
+    np.testing.assert_array_equal(np.asanyarray(nib.load(kep.path("out two.nii")).dataobj), data.astype(np.float32))
 
 
 def patch_pixdim(path, index, value):

@@ -96,8 +96,7 @@ def test_overlap_of_two_sparse_volumes_matches_numpy(kep):
     sum1, sum2 = (g1 * a1).sum(), (g2 * a2).sum()
     m = re.search(r"amp1_sum = (\S+),amp2_sum = (\S+)\nfractional overlap = (\S+)\n", result.stdout)
     assert m, result
-    got = [float(g) for g in m.groups()]
-    np.testing.assert_allclose(got, [sum1, sum2, sum2 / (sum1 + sum2)], rtol=2e-5)
+    np.testing.assert_allclose([float(g) for g in m.groups()], [sum1, sum2, sum2 / (sum1 + sum2)], rtol=2e-5)
 
 
 def polynomial_design(n):
@@ -120,8 +119,7 @@ def test_snr_map_matches_numpy(kep):
     kept = series - X[:, 1:] @ beta[1:]
     signal = kept.mean(axis=0)
     noise = kept.std(axis=0, ddof=1)
-    expected = np.stack([signal / noise, signal, noise]).reshape(maps.shape)
-    np.testing.assert_allclose(maps.real, expected, rtol=2e-4)
+    np.testing.assert_allclose(maps.real, np.stack([signal / noise, signal, noise]).reshape(maps.shape), rtol=2e-4)
     assert np.all(maps.imag == 0)
 
 
@@ -162,8 +160,7 @@ def test_decay_maps_match_numpy(kep, command, words):
               f"set array-scale {scale}\nset array-offset {offset}\nset filter-range {low} {high}\n"
               f"read in.bfloat a\n{command} m a\n{command} m a\nwrite out.bfloat m\n")
     result = kep.script(script)
-    reminder = f"\nRemember: the `filter-range' variable is always applied to {words[0]} maps.\n"
-    assert result.stdout.count(reminder) == 1
+    assert result.stdout.count(f"\nRemember: the `filter-range' variable is always applied to {words[0]} maps.\n") == 1
     assert result.stdout.count(f"The map stack contains 3 images in the order {words[1]}.\n") == 2
     series = np.abs(data).reshape(5, -1).astype(np.float64)
     values, s0 = decay_reference(series, x, low, high)

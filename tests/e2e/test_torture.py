@@ -24,8 +24,7 @@ def workdir(tmp_path_factory):
     d = tmp_path_factory.mktemp("torture")
     write_xdisplay(d, "one.bfloat", np.ones((1, 1, 1, 1)))
     write_xdisplay(d, "nanst.bfloat", np.full((3, 2, 2, 3), np.nan))
-    rng = np.random.default_rng(1)
-    write_xdisplay(d, "small.bfloat", rng.normal(size=(4, 4, 3, 5)))
+    write_xdisplay(d, "small.bfloat", np.random.default_rng(1).normal(size=(4, 4, 3, 5)))
     (d / "empty.ovl").write_text("")
     return d
 

@@ -64,8 +64,7 @@ def kspace_weights(shape, fwhm, resolution, ndim):
     for axis, r in zip((3, 2, 1)[:ndim], resolution):
         n = shape[axis]
         k = np.arange(n) - n // 2 + 0.5
-        g = np.exp(-2 * (np.pi * sigma * k / (n * r)) ** 2)
-        w = w * g.reshape([n if a == axis else 1 for a in (1, 2, 3)])
+        w = w * np.exp(-2 * (np.pi * sigma * k / (n * r)) ** 2).reshape([n if a == axis else 1 for a in (1, 2, 3)])
     return w
 
 
@@ -87,8 +86,7 @@ def test_smoothing_multiplies_kspace_by_a_gaussian(kep, ndim):
 
 
 def test_smoothing_reports_each_quarter_of_a_long_list(kep):
-    data = random_stack((20, 1, 4, 4), seed=1)
-    result, _ = run_ops(kep, {"a": data}, "smooth-3d 2 a", ["a"], script=True)
+    result, _ = run_ops(kep, {"a": random_stack((20, 1, 4, 4), seed=1)}, "smooth-3d 2 a", ["a"], script=True)
     assert [line for line in result.stdout.splitlines() if "percent" in line] == [
         "25 percent done", "50 percent done", "75 percent done"]
 
@@ -99,18 +97,15 @@ def hamming(n):
 
 @pytest.mark.parametrize("command", ["hamming-window", "hamming-window-xyz"])
 def test_hamming_window_matches_numpy(kep, command):
-    shape = (2, 4, 6, 7)
-    data = random_stack(shape, seed=5)
+    data = random_stack((2, 4, 6, 7), seed=5)
     written = run_ops(kep, {"a": data}, f"{command} a>0", ["a"], script=True)[1]["a"]  # the whole stack
     wz = hamming(4) if command.endswith("xyz") else np.ones(4)
-    w = wz[:, None, None] * hamming(6)[None, :, None] * hamming(7)[None, None, :]
-    assert_single_precision(written, data * w)
+    assert_single_precision(written, data * wz[:, None, None] * hamming(6)[None, :, None] * hamming(7)[None, None, :])
 
 
 def test_hamming_window_of_one_sample_is_nan(kep):
     data = np.ones((1, 1, 3, 1), dtype=np.complex64)
-    written = run_ops(kep, {"a": data}, "hamming-window a", ["a"], script=True)[1]["a"]
-    assert np.all(np.isnan(written.real))
+    assert np.all(np.isnan((run_ops(kep, {"a": data}, "hamming-window a", ["a"], script=True)[1]["a"]).real))
 
 
 def test_exponential_weighting_of_listed_volumes(kep):
@@ -155,8 +150,7 @@ def edge_reference(volume, following=None):
 
 
 def test_edge_filter_matches_its_wrap_rule(kep):
-    shape = (2, 2, 5, 6)
-    data = random_stack(shape, seed=8) + 2
+    data = random_stack((2, 2, 5, 6), seed=8) + 2
     written = run_ops(kep, {"a": data}, "edge-filter a", ["a"], script=True)[1]["a"]
     expected = np.stack([edge_reference(data[0], data[1]), edge_reference(data[1])])
     assert_single_precision(written, expected.astype(complex), factor=16)

@@ -76,7 +76,8 @@ TEST_F(GlmEvents, ShapeErrorsPrintTheirMessagesAndExample) {
       {"5 gamma 2\nx\n", "This line should at least give the ON time for event 5 and stim 1.\n"},
       // With a table read for the run, the table event itself is fine: a stimulus line is not.
       {"5 table 0\n1 2\n",
-       "Error interpretting line 4 of the GLM file @\nOnly a blank line should follow a table or interaction event.\n"},
+       "Error interpretting line 4 of the GLM file @\nOnly a blank line should follow a table or interaction "
+       "event.\n"},
       {"1\n0 2\n\n5 interaction 1 3\n", "For event 5, interacting events must be previously defined.\n"},
       {"5\n-1 4\n", "Error: ON time must be > 0 for stim 1 of event 5.\n"},
       {"5\n10 10\n", "Error: OFF time must be > ON time for stim 1 of event 5.\n"},
