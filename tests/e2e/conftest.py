@@ -20,16 +20,6 @@ def command_words():
     return out.stdout.decode().split()
 
 
-class Result:
-    def __init__(self, proc):
-        self.returncode = proc.returncode
-        self.stdout = proc.stdout.decode("utf-8", "replace")
-        self.stderr = proc.stderr.decode("utf-8", "replace")
-
-    def __repr__(self):
-        return f"rc={self.returncode}\n--- stdout\n{self.stdout}\n--- stderr\n{self.stderr}"
-
-
 class Kep:
     """Runs kep in one working directory, either on standard input or on a command file."""
 
@@ -37,26 +27,20 @@ class Kep:
         self.dir = workdir
 
     def stdin(self, text, env=None, timeout=120):
-        proc = subprocess.run([str(KEP)], input=text.encode(), cwd=self.dir, capture_output=True,
-                              timeout=timeout, env=self._env(env))
-        return Result(proc)
+        return self._run([str(KEP)], input=text.encode(), timeout=timeout, env=env)
 
     def script(self, text, *words, name="run.com", env=None, timeout=300):
         (self.dir / name).write_text(text)
-        proc = subprocess.run([str(KEP), name, *words], cwd=self.dir, capture_output=True,
-                              timeout=timeout, stdin=subprocess.DEVNULL, env=self._env(env))
-        return Result(proc)
+        return self._run([str(KEP), name, *words], stdin=subprocess.DEVNULL, timeout=timeout, env=env)
+
+    def _run(self, argv, env, **kw):
+        env = {"KEP_HOME": str(SOURCE), **os.environ, **(env or {})}
+        proc = subprocess.run(argv, cwd=self.dir, capture_output=True, env=env, **kw)
+        proc.stdout, proc.stderr = (b.decode("utf-8", "replace") for b in (proc.stdout, proc.stderr))
+        return proc
 
     def path(self, name):
         return self.dir / name
-
-    @staticmethod
-    def _env(extra):
-        env = dict(os.environ)
-        env.setdefault("KEP_HOME", str(SOURCE))
-        if extra:
-            env.update(extra)
-        return env
 
 
 @pytest.fixture

@@ -20,15 +20,6 @@ std::string capture_stream(FILE *stream, const std::function<void()> &body);
 inline std::string capture_stdout(const std::function<void()> &body) { return capture_stream(stdout, body); }
 inline std::string capture_stderr(const std::function<void()> &body) { return capture_stream(stderr, body); }
 
-// Runs `statement` as the command loop runs a command: a fatal that leaves it
-// is printed and ends the process with its status (for death tests).
-#define KEP_AS_LOOP(statement)        \
-  try {                               \
-    statement;                        \
-  } catch (const fatal &loop_fatal) { \
-    end_program(loop_fatal);          \
-  }
-
 // Frees every stack and resets the variables and the GLM engine.
 void reset_interpreter();
 
