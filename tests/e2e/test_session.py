@@ -1,5 +1,5 @@
-"""A session: failing commands end command files, Ctrl-C, suggestions for unknown
-commands, help on one command, `show` of every variable, quoted file names."""
+"""A session: failing commands in command files, Ctrl-C, suggestions, help on one command, `show`,
+quoted file names, warnings."""
 import os
 import signal
 import threading
@@ -38,9 +38,7 @@ def cpu_ticks(pid):
 
 
 def interrupt_when_busy(proc, command, ticks=2):
-    """Sends a command and, once kep has spent `ticks` clock ticks of CPU on
-    it, Ctrl-C. kep runs at the lowest priority, so it hardly moves on between
-    the look and the signal even on a loaded machine."""
+    """Sends a command and Ctrl-C once kep (at the lowest priority) spent `ticks` of CPU on it."""
     before = cpu_ticks(proc.pid)
     proc.stdin.write(command.encode())
     proc.stdin.flush()
@@ -51,12 +49,8 @@ def interrupt_when_busy(proc, command, ticks=2):
     proc.send_signal(signal.SIGINT)
 
 
-def low_priority():
-    os.nice(19)
-
-
 def session(kep, lines):
-    s = KepSession(kep.dir, str(KEP), preexec_fn=low_priority)
+    s = KepSession(kep.dir, str(KEP), preexec_fn=lambda: os.nice(19))
     # a kep that never answers is ended, so that no read waits for ever
     watchdog = threading.Timer(600, s.proc.kill)
     watchdog.daemon = True
@@ -104,13 +98,9 @@ def test_ctrl_c_stops_a_transform_and_names_the_stack_it_left_incomplete(kep):
                                 "part-way through rewriting it."]
 
 
-def glm_study(directory):
-    study = gm.Study(nimg=100, terms=3, header="AR 2 6\n")
-    study.write(directory, 100.0 + np.random.default_rng(4).standard_normal((40, 40, 16, 200)))
-
-
 def test_ctrl_c_stops_a_glm_fit_and_removes_the_map_it_was_creating(kep):
-    glm_study(kep.dir)
+    study = gm.Study(nimg=100, terms=3, header="AR 2 6\n")
+    study.write(kep.dir, 100.0 + np.random.default_rng(4).standard_normal((40, 40, 16, 200)))
     s = session(kep, "read-GLM study.glm\n")
     interrupt_when_busy(s.proc, "GLM-fit-events effects\n")
     s.prompts += 1
