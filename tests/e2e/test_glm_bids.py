@@ -1,6 +1,4 @@
-"""A GLM run from a BIDS dataset: events.tsv files, confound columns of
-fMRIPrep-style tables, the human response preset. Effects against numpy's
-least squares on a design built here from the files."""
+"""A GLM from a BIDS dataset (events.tsv, confound tables, the human response) against numpy."""
 import nibabel as nib
 import numpy as np
 import pytest
@@ -19,8 +17,7 @@ CONFOUNDS = ["trans_x", "trans_y", "rot_z", "global_signal", "framewise_displace
 
 
 def write_study(directory, rng, header, outlier_run=1):
-    """Two runs: NIfTI data, events.tsv and a confounds table each. Returns the
-    data [x, y, z, t] and each run's confound table (column -> values)."""
+    """Two runs of data, events.tsv and confounds; returns the data and the confound tables."""
     tables = []
     # numpy fits the float32 samples the files hold
     data = (rng.normal(0, 1, size=(*SHAPE, 2 * NIMG)) + 100).astype(np.float32).astype(np.float64)
@@ -52,9 +49,7 @@ def write_study(directory, rng, header, outlier_run=1):
 
 
 def design(tables, terms, chosen):
-    """Events on the TR grid over [onset, onset + duration) (one image when
-    shorter), peak 1; per run polynomial terms; each chosen confound column of
-    each run, centred within the run, zero elsewhere."""
+    """Events over [onset, onset + duration) (at least one image), per-run powers, centred confounds."""
     n = 2 * NIMG
     cols = []
     for tt in ("faces", "houses"):

@@ -1,5 +1,4 @@
-"""GLM-write-design: the design matrix as a tab-separated file, against a numpy rebuild of the
-model's rules for every stimulus shape; the p of an F against scipy's F distribution."""
+"""GLM-write-design against a numpy rebuild for every stimulus shape; p of F against scipy."""
 import math
 import subprocess
 from pathlib import Path

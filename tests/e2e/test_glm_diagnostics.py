@@ -1,5 +1,4 @@
-"""GLM-histogram against p-values of an independent least-squares fit, and GLM-vary-tau(s) on
-data simulated with a known gamma time constant per voxel."""
+"""GLM-histogram against least-squares p; GLM-vary-tau(s) on data of known time constants."""
 import re
 
 import nibabel as nib
@@ -68,8 +67,7 @@ def test_glm_histogram_of_white_noise_is_uniform_and_matches_least_squares(kep):
 
 
 def gamma_study(directory, taus, tau0=4.0, nimg=60):
-    """Gamma events of time constant tau0 in the event files; voxel v of the data responds with
-    time constant taus[v] (no response function: each image takes the paradigm at its time)."""
+    """Gamma events of time constant tau0 in the files; voxel v responds with taus[v]."""
     onsets = [4, 40, 70]
     t = np.arange(nimg) * TR
     rng = np.random.default_rng(13)

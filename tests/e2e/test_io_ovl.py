@@ -41,9 +41,7 @@ def test_a_bad_line_fails_the_whole_file(kep, line, message):
 
 
 def combined(logic, current, new):
-    """The overlay after reading `new` over `current` (lists of (voxel, weight)): the new one
-    replaces, `or` adds the new voxels not yet there, `and` keeps the shared ones with the
-    product of their weights, `not` keeps the current ones that are not in the new."""
+    """The overlay after reading `new` over `current` (lists of (voxel, weight)) with `logic`."""
     shared = dict(new)
     if logic == "replace":
         return new

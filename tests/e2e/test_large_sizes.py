@@ -1,5 +1,4 @@
-"""Sizes whose sample counts overflow 32-bit arithmetic: a clear message before
-anything is allocated, and the stacks already held stay as they were."""
+"""Sample counts beyond 32 bits: a message before any allocation; the stacks held stay."""
 import numpy as np
 import pytest
 

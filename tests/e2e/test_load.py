@@ -1,5 +1,4 @@
-"""Scaled-down load runs (bench/load.sh holds the full-size ones): a long
-command file, and a read loop whose memory stays at one chunk."""
+"""Scaled-down load runs: a long command file, a read loop whose memory stays at one chunk."""
 import os
 import subprocess
 

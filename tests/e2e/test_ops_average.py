@@ -32,8 +32,7 @@ def test_average_stacks_skips_zero_samples(kep):
 
 
 def test_weighted_average_discounts_the_volume_far_from_the_mean_slice_by_slice(kep):
-    """Six noisy copies of one volume, the fourth one far off in slice 0 only: each slice of the
-    result is the amplitude of the copies' mean, with the outlier all but ignored where it is off."""
+    """Six noisy copies, the fourth far off in slice 0 only: it is all but ignored there."""
     base = random_stack(SHAPE[1:], 6) + 3
     a = (base[None] + 1e-3 * random_stack((6,) + SHAPE[1:], 7)).astype(np.complex64)
     a[3, 0] += 5

@@ -1,5 +1,4 @@
-"""read-GLM puts the runs straight into "glm": what it prints and holds is what reading each run
-into its own stack, joining them with `copy` and deleting them would print and hold."""
+"""read-GLM reads the runs straight into "glm", printing and holding what read, copy, delete would."""
 import gzip
 
 import nibabel as nib

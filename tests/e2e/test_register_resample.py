@@ -1,5 +1,4 @@
-"""Motion correction, down-sampling, voxel shifts, magnitude windows and scatter plots against
-scipy and numpy on the same data."""
+"""Motion correction, down-sampling, shifts, magnitude windows, scatter plots against scipy/numpy."""
 import re
 
 import nibabel as nib

@@ -1,7 +1,5 @@
-"""Stacks whose imaginary parts are all zero keep their real parts alone. Nothing a user sees may
-depend on it: values and bytes at the boundaries (real and complex stacks in one command, an
-operation that first creates imaginary parts, a return to real, the sign of a zero imaginary
-part) against numpy, and the memory a read of real data takes."""
+"""Stacks of real samples keep no imaginary parts; nothing a user sees may depend on it (values and
+bytes at the boundaries against numpy), and a read of real data takes its float size."""
 import subprocess
 
 import numpy as np
@@ -21,8 +19,7 @@ def data(seed, complex_=False):
 
 
 def run(kep, files, commands, outputs):
-    """files: name -> (x, y, z, t) array, complex ones written as pairs; returns the written stacks
-    as (x, y, z, t) arrays read back with complex output on."""
+    """files: name -> (x, y, z, t) array; returns the `outputs` read back with complex output on."""
     for name, values in files.items():
         write_xdisplay(kep.dir, f"{name}.bfloat", values, pairs=np.iscomplexobj(values))
     lines = ["set complex-output on"] + [f"read {name}.bfloat {name}" for name in files] + commands
@@ -82,8 +79,7 @@ def test_zero_imaginary_parts_keep_their_sign(kep):
 
 
 def peak_memory_of(kep, text):
-    """Peak resident memory of kep running `text`, in bytes: measured by /usr/bin/time, whose own
-    child starts small (a child of this Python process would start with its memory counted)."""
+    """Peak memory (bytes) of kep running `text`, by /usr/bin/time (a child of ours starts big)."""
     (kep.dir / "mem.com").write_text(text)
     r = subprocess.run(["/usr/bin/time", "-f", "%M", str(KEP), "mem.com"], cwd=kep.dir, capture_output=True,
                        stdin=subprocess.DEVNULL, text=True)

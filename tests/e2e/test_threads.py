@@ -1,5 +1,4 @@
-"""`set threads N`: the GLM commands (plain and AR fits), the Fourier transforms and smooth-3d
-write the same bytes and print the same lines whatever the number of threads."""
+"""GLM commands, transforms and smooth-3d write the same bytes and lines for any `set threads`."""
 import subprocess
 import sys
 

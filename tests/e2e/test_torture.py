@@ -1,8 +1,4 @@
-"""Every command with nonsense arguments, at the prompt and in command files.
-
-The only acceptable outcomes are messages and results; never a signal, a
-sanitizer report or a hang.
-"""
+"""Every command with nonsense arguments: messages and results, never a signal, sanitizer report or hang."""
 import subprocess
 
 import numpy as np

@@ -56,9 +56,7 @@ def test_time_transform_refuses_stacks_of_different_sizes(kep):
 
 
 def kspace_weights(shape, fwhm, resolution, ndim):
-    """The Fourier transform of a Gaussian of the given FWHM in mm, at each sample of a volume
-    in the inverse-transformed domain: frequency k / (n r) cycles per mm, k offset by half a
-    sample from the centre."""
+    """The Fourier transform of a Gaussian of `fwhm` mm at frequencies k / (n r), k half a sample off centre."""
     sigma = fwhm / (2 * np.sqrt(2 * np.log(2)))
     w = np.ones(shape[1:])
     for axis, r in zip((3, 2, 1)[:ndim], resolution):
@@ -119,9 +117,8 @@ def test_exponential_weighting_of_listed_volumes(kep):
 
 
 def edge_reference(volume, following=None):
-    """Sobel magnitude over the sum of amplitudes, with the wrap that maps -1 and n-1 to 0.
-
-    Below the last row of the last slice lies the first row of the following volume, if any."""
+    """Sobel magnitude over the sum of amplitudes, -1 and n-1 wrapping to 0; past the last row of the
+    last slice lies the following volume."""
     amp = np.abs(volume.astype(np.complex128))
     nz, ny, nx = amp.shape
     flat = amp.ravel()
