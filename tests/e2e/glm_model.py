@@ -8,10 +8,7 @@ import numpy as np
 
 TR = 2.0
 RES = (3.0, 3.0, 4.0)
-
-
-def event_char(n):
-    return str(n) if n < 10 else chr(ord("a") + n - 10)
+EVENTS = "0123456789abcdefghijklmnopqrstuvwxyz"  # the character of each event number
 
 
 @dataclass
@@ -35,7 +32,7 @@ class Study:
         for r in range(self.nruns):
             text = f"{TR:g} {self.nimg * TR:g}\n"
             for number, stims in self.events.items():  # a number, or the line that defines the event
-                text += f"\n{number if isinstance(number, str) else event_char(number)}\n"
+                text += f"\n{number if isinstance(number, str) else EVENTS[number]}\n"
                 text += "".join(" ".join(f"{v:g}" for v in stim) + "\n" for stim in stims)
             if self.exclude.get(r):
                 text += "\n-1\n" + "".join(f"{a} {b}\n" for a, b in self.exclude[r])
@@ -97,16 +94,11 @@ def contrasts(word, ncoeff, events=None):
 
 def ar_noise(rng, shape, phi, sd=1.0):
     """Stationary AR(len(phi)) noise along the last axis."""
-    p = len(phi)
-    burn = 50
-    e = rng.normal(0, sd, size=(*shape[:-1], shape[-1] + burn))
+    e = rng.normal(0, sd, size=(*shape[:-1], shape[-1] + 50))
     x = np.zeros_like(e)
     for t in range(e.shape[-1]):
-        x[..., t] = e[..., t]
-        for k in range(1, p + 1):
-            if t - k >= 0:
-                x[..., t] += phi[k - 1] * x[..., t - k]
-    return x[..., burn:]
+        x[..., t] = e[..., t] + sum(phi[k - 1] * x[..., t - k] for k in range(1, min(len(phi), t) + 1))
+    return x[..., 50:]
 
 
 def simulate(rng, study, shape, phi=(), sd=2.0):
@@ -138,12 +130,9 @@ def residual_forming(X, inc):
 
 def shifted(R, k):
     """S[a][b] = R[a][b - k], zero outside the matrix."""
-    S = np.zeros_like(R)
-    n = R.shape[1]
-    if k >= 0:
-        S[:, k:] = R[:, :n - k]
-    else:
-        S[:, :n + k] = R[:, -k:]
+    S = np.roll(R, k, axis=1)
+    S[:, :max(k, 0)] = 0
+    S[:, R.shape[1] + min(k, 0):] = 0
     return S
 
 
