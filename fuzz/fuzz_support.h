@@ -1,7 +1,5 @@
-// Shared setup of the fuzz targets that read named files: a scratch
-// directory, silent standard output, inputs cut into several files, and for
-// the GLM readers a design and fit of what they accepted. The engine's fatal
-// ends (a `fatal` thrown) are caught by each target.
+// Shared setup of the fuzz targets that read named files: a scratch directory, silent standard
+// output, inputs cut into several files, and a design and fit of what the GLM readers accepted.
 #pragma once
 
 #include <unistd.h>
@@ -9,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -41,10 +40,7 @@ struct in_scratch {
 };
 
 inline void write(const std::string &name, const std::string &bytes) {
-  FILE *f = fopen(name.c_str(), "wb");
-  if (!f) abort();
-  if (!bytes.empty()) fwrite(bytes.data(), 1, bytes.size(), f);
-  fclose(f);
+  if (!(std::ofstream(name, std::ios::binary) << bytes)) abort();
 }
 
 // Cuts the input at each line "%%" into `count` parts (missing parts are empty),
