@@ -16,7 +16,7 @@ EVENTS = [  # run, onset, duration, trial type, modulation
 CONFOUNDS = ["trans_x", "trans_y", "rot_z", "global_signal", "framewise_displacement", "motion_outlier00"]
 
 
-def write_study(directory, rng, header, outlier_run=1):
+def write_study(directory, rng, header):
     """Two runs of data, events.tsv and confounds; returns the data and the confound tables."""
     tables = []
     # numpy fits the float32 samples the files hold
@@ -32,13 +32,10 @@ def write_study(directory, rng, header, outlier_run=1):
         (directory / f"sub-01_run-{r + 1}_events.tsv").write_text("\n".join(lines) + "\n")
         table = {c: rng.normal(size=NIMG) for c in CONFOUNDS[:4]}
         table["framewise_displacement"] = np.abs(rng.normal(size=NIMG))
-        if r == outlier_run:
+        if r == 1:
             table["motion_outlier00"] = (np.arange(NIMG) == 17).astype(float)
-        names = list(table)
-        rows = ["\t".join(names)]
-        for i in range(NIMG):
-            rows.append("\t".join("n/a" if (c == "framewise_displacement" and i == 0) else repr(float(table[c][i]))
-                                  for c in names))
+        rows = ["\t".join(table)] + ["\t".join("n/a" if (c == "framewise_displacement" and i == 0)
+                                                else repr(float(table[c][i])) for c in table) for i in range(NIMG)]
         table["framewise_displacement"][0] = 0.0
         (directory / f"sub-01_run-{r + 1}_desc-confounds_timeseries.tsv").write_text("\n".join(rows) + "\n")
         tables.append(table)
