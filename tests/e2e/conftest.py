@@ -42,6 +42,13 @@ class Kep:
     def path(self, name):
         return self.dir / name
 
+    def peak_memory(self, text, env=None):
+        """(result, peak resident bytes) of kep on the command file `text`, by /usr/bin/time, whose
+        child starts small (a child of this Python process would start with its memory counted)."""
+        (self.dir / "mem.com").write_text(text)
+        r = self._run(["/usr/bin/time", "-f", "%M", str(KEP), "mem.com"], stdin=subprocess.DEVNULL, env=env)
+        return r, int(r.stderr.split()[-1]) * 1024
+
 
 @pytest.fixture
 def kep():

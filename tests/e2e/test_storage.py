@@ -1,11 +1,10 @@
 """Stacks of real samples keep no imaginary parts; nothing a user sees may depend on it (values and
 bytes at the boundaries against numpy), and a read of real data takes its float size."""
-import subprocess
 
 import numpy as np
 import pytest
 
-from conftest import KEP, read_complex, write_nifti, write_xdisplay
+from conftest import read_complex, write_nifti, write_xdisplay
 from test_faults import sanitized
 from test_transfilt import centred
 
@@ -78,15 +77,6 @@ def test_zero_imaginary_parts_keep_their_sign(kep):
     assert np.array_equal(raw[0::2], r.ravel(order="F")) and np.all(np.signbit(raw[1::2]))
 
 
-def peak_memory_of(kep, text):
-    """Peak memory (bytes) of kep running `text`, by /usr/bin/time (a child of ours starts big)."""
-    (kep.dir / "mem.com").write_text(text)
-    r = subprocess.run(["/usr/bin/time", "-f", "%M", str(KEP), "mem.com"], cwd=kep.dir, capture_output=True,
-                       stdin=subprocess.DEVNULL, text=True)
-    assert "Error" not in r.stdout, r.stdout
-    return int(r.stderr.split()[-1]) * 1024
-
-
 @pytest.mark.skipif(sanitized(), reason="the sanitizer's shadow memory would be counted")
 @pytest.mark.parametrize("name", ["big.nii", "big.bfloat"])
 def test_reading_real_data_takes_about_its_float_size(kep, name):
@@ -96,6 +86,8 @@ def test_reading_real_data_takes_about_its_float_size(kep, name):
     else:
         write_xdisplay(kep.dir, name, values)
     write_nifti(kep.path("small.nii"), values[:2, :2, :2, :2])
-    baseline = peak_memory_of(kep, "read small.nii s\nquit\n")
-    assert values.nbytes * 0.9 < peak_memory_of(kep, f"read {name} s\nquit\n") - baseline < values.nbytes * 1.1
+    r, baseline = kep.peak_memory("read small.nii s\nquit\n")
+    r, peak = kep.peak_memory(f"read {name} s\nquit\n")
+    assert "Error" not in r.stdout, r
+    assert values.nbytes * 0.9 < peak - baseline < values.nbytes * 1.1
 
