@@ -1,15 +1,11 @@
 // Volume-list grammar and the argument decoders.
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
 #include <vector>
 
 #include "io.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
-#include "kep.h"
 #include "test_support.h"
 #include "util.h"
 

@@ -1,7 +1,6 @@
 // Every deliberate end below the command loop throws one fatal that carries
 // the message, its stream and the exit status, so that only the loop prints
 // and ends the process; an exit() called directly would end this test program.
-#include <string>
 
 #include "glm.h"
 #include "io.h"

@@ -1,5 +1,4 @@
 // The GLM control file: keywords, run lines, limits and writing back.
-#include <cmath>
 
 #include "test_support.h"
 

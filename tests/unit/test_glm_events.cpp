@@ -1,5 +1,4 @@
 // Event identifiers and event files.
-#include <cmath>
 
 #include "test_support.h"
 

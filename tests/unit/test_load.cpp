@@ -1,15 +1,9 @@
 // Long runs of commands: the memory in use must not grow with the number of
 // read, transform and delete cycles.
 #include <malloc.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include "kep-front.h"
 #include "kep-stacks.h"
-#include "kep.h"
 #include "test_support.h"
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -1,5 +1,4 @@
 // Square inverses: the partial-pivoting elimination behind the whitening and the geometry.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
