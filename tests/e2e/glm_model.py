@@ -68,9 +68,7 @@ class Study:
         for k in range(self.terms):
             for r in range(self.nruns):
                 x = np.zeros(n)
-                u = np.arange(self.nimg)
-                d = self.nimg - 1
-                x[r * self.nimg:(r + 1) * self.nimg] = (u / d) ** k
+                x[r * self.nimg:(r + 1) * self.nimg] = (np.arange(self.nimg) / (self.nimg - 1)) ** k
                 cols.append(x)
         X = np.array(cols).T
         X[~self.include()] = 0

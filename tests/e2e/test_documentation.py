@@ -137,8 +137,7 @@ def test_paged_text_is_reached_and_walked_from_the_menu():
     item = next(i for (m, i), lines in menu.items()
                 if m == glm and lines and lines[0].startswith("&pages"))
     text = dict(sections(PAGES, 3))
-    # Chapter 1, its section 2, that section's first subsection, up twice,
-    # next page, back.
+    # Chapter 1, its section 2, that section's first subsection, up twice, next page, back.
     out, err = run_help(f"{glm}\n{item}\n1\n2\n1\nm\nm\nn\nb\nq\nq\n")
     shown = [text[k] for k in [(0, 0, 0), (1, 0, 0), (1, 2, 0), (1, 2, 1), (1, 2, 0),
                                (1, 0, 0), (1, 1, 0), (1, 0, 0)]]

@@ -66,10 +66,8 @@ def test_writes_that_overflow_the_disk_leave_the_file_as_it_was(kep, ext):
     out, err, _ = session.finish(f"write out.{ext} s>9\nquit\n")
     assert err == "" and "5 volumes now reside in file out.\n" in out, out
     assert held(kep, ext, size) == (5, 5)
-    if ext.startswith("b"):
-        values = read_xdisplay(kep.dir, "out", ext)[0]
-    else:
-        values = np.asanyarray(nib.load(str(kep.path(f"out.{ext}"))).dataobj)
+    b = ext.startswith("b")
+    values = read_xdisplay(kep.dir, "out", ext)[0] if b else np.asanyarray(nib.load(kep.path(f"out.{ext}")).dataobj)
     expected = data[..., [0, 1, 2, 3, 9]]
     np.testing.assert_array_equal(values, np.trunc(expected) if ext == "bshort" else expected)
 
@@ -166,8 +164,8 @@ def test_read_only_file_in_a_writable_directory_is_left_alone(kep):
                                              "write w/out.nii.gz s\nquit\n")
     assert "Error: cannot open the new file w/out.bfloat.\n" in out
     assert "Error: cannot open the header file w/out.nii.\n" in out
-    # a compressed file is replaced whole, as the directory allows: the old bytes are gone
-    # only once the new file is complete
+    # a compressed file is replaced whole, as the directory allows: the old bytes are gone only once the new file is
+    # complete
     assert "2 volume(s) of dimension 16 x 16 x 8 were written to file w/out.\n" in out
     for name in ("out.bfloat", "out.nii"):
         assert (kep.dir / "w" / name).read_bytes() == b"precious"

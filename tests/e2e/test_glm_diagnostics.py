@@ -25,8 +25,8 @@ def test_glm_histogram_of_white_noise_is_uniform_and_matches_least_squares(kep):
     study = Study(nimg=40)
     rng = np.random.default_rng(12)
     shape = (52, 50, 40)  # 100,000 voxels with a signal
-    # Single precision and chunked fits keep this process small: later tests measure
-    # the memory of kep processes forked from it.
+    # Single precision and chunked fits keep this process small: later tests measure the memory of kep processes forked
+    # from it.
     data = rng.standard_normal((*shape, study.ntime), dtype=np.float32)
     data += 100
     data[:2] = 0  # voxels without a signal are left out

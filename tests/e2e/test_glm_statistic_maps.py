@@ -112,11 +112,6 @@ def gls_oracle(X, inc, Y, rho):
     return out
 
 
-def head_mask(shape):
-    x, y, z = np.meshgrid(*(np.arange(n) for n in shape), indexing="ij")
-    return gm.series(((x - 2.5) ** 2 / 9 + (y - 2) ** 2 / 6 + (z - 1.5) ** 2 / 4 <= 1.0)[..., None])[:, 0] > 0
-
-
 @pytest.mark.parametrize("order,phi", [(1, [0.45]), (2, [0.3, 0.25])])
 def test_ar_maps_match_generalized_least_squares(kep, order, phi):
     """Voxels outside the GLM mask are neither fitted nor used by the coefficient smoothing."""
@@ -124,7 +119,8 @@ def test_ar_maps_match_generalized_least_squares(kep, order, phi):
     study, shape = make_study(f"AR {order} 5\n"), (6, 5, 4)
     X, inc = study.design(), study.include()
     Y = gm.simulate(rng, study, shape, phi, SD)
-    mask = head_mask(shape)
+    x, y, z = np.meshgrid(*(np.arange(n) for n in shape), indexing="ij")  # an ellipsoid "head"
+    mask = gm.series(((x - 2.5) ** 2 / 9 + (y - 2) ** 2 / 6 + (z - 1.5) ** 2 / 4 <= 1.0)[..., None])[:, 0] > 0
     save(kep, "mask.nii", gm.grid(mask[:, None].astype(np.float32), shape))
     _, maps = run_maps(kep, study, Y, shape, before="read mask.nii mask\nset glm-mask mask\n")
     rho = gm.ar_fit(X, inc, np.where(mask[:, None], Y, 0), shape, order, 5)

@@ -19,8 +19,8 @@ def xdisplay_header(x, y, z, t):
 
 
 @pytest.mark.parametrize("files,name,message", [
-    # x * y exactly 2^32 (0 in 32 bits), just above the int range, one voxel of too many volumes, and a volume
-    # above half the int range
+    # x * y exactly 2^32 (0 in 32 bits), just above the int range, one voxel of too many volumes, and a volume above
+    # half the int range
     (xdisplay_header(65536, 65536, 1, 1), "e.bfloat", "65536 x 65536 x 1 x 1 in file 'e.bfloat' hold more samples"),
     (xdisplay_header(46341, 46341, 1, 1), "e.bfloat", "46341 x 46341 x 1 x 1 in file 'e.bfloat' hold more samples"),
     (xdisplay_header(1, 1, 1, 2147483647), "e.bfloat", "1 x 1 x 1 x 2147483647 in file 'e.bfloat' hold more samples"),

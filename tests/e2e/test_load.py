@@ -16,8 +16,8 @@ def test_long_command_file_runs_every_line(kep):
 
 
 def test_read_loop_memory_stays_at_one_chunk(kep):
-    # 200 volumes of 64^3 real samples (200 MiB in one stack); the loop holds 20 volumes (20 MiB) at a
-    # time, with the next chunk read beside it: well under the 128 MiB allowed.
+    # 200 volumes of 64^3 real samples (200 MiB in one stack); the loop holds 20 volumes (20 MiB) at a time, with the
+    # next chunk read beside it: well under the 128 MiB allowed.
     volumes = 200
     (kep.dir / "big.hdr").write_text(f"x 64\ny 64\nz 64\nt {volumes}\nstorage-type float\n")
     with open(kep.dir / "big.bfloat", "wb") as f:

@@ -86,8 +86,8 @@ def test_ctrl_c_stops_a_transform_and_names_the_stack_it_left_incomplete(kep):
     save(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
     save(kep.path("b.nii"), rng.random((4, 4, 2, 2)))
     s = session(kep, "read a.nii a\nread b.nii b\n")
-    # a long command on little memory; b, last in the list, is given pairs for the transform when
-    # the line is decoded but never rewritten: a change of form is not a rewrite
+    # a long command on little memory; b, last in the list, is given pairs for the transform when the line is decoded
+    # but never rewritten: a change of form is not a rewrite
     interrupt_when_busy(s.proc, "transform-xyz" + " a" * 500 + " b\n")
     s.prompts += 1
     out = s.send("show-stacks\n")

@@ -29,8 +29,8 @@ def run(kep, files, commands, outputs):
 
 
 def test_real_and_complex_stacks_in_one_command(kep):
-    # Magnitude files are read as polar stacks: constants touch their real parts only, and a
-    # complex partner brings its imaginary parts to sums, averages and copies.
+    # Magnitude files are read as polar stacks: constants touch their real parts only, and a complex partner brings its
+    # imaginary parts to sums, averages and copies.
     r, c = data(1), data(2, complex_=True)
     both = np.concatenate([r, c], axis=3)
     mean, joined, total, scaled = run(kep, {"r": r, "c": c},
@@ -55,8 +55,8 @@ def test_transformed_real_stack_converted_back_to_real(kep):
 
 
 def test_non_polar_real_stack_takes_constants_on_both_parts(kep):
-    # A complex file whose imaginary parts are +0 becomes real-only after an operation that keeps
-    # them so; it is still a complex (non-polar) stack, so a constant reaches both parts.
+    # A complex file whose imaginary parts are +0 becomes real-only after an operation that keeps them so; it is still a
+    # complex (non-polar) stack, so a constant reaches both parts.
     c = data(5) + 0j
     write_xdisplay(kep.dir, "c.bfloat", c, pairs=True)
     (result,) = run(kep, {}, ["read c.bfloat c", "mirror-left-right c", "mirror-left-right c", "add-constant 1 c"],
@@ -65,8 +65,8 @@ def test_non_polar_real_stack_takes_constants_on_both_parts(kep):
 
 
 def test_zero_imaginary_parts_keep_their_sign(kep):
-    # Parts of exactly +0 let a stack drop them; -0 would then come back as +0 in a complex file,
-    # so a stack holding -0 keeps its pairs.
+    # Parts of exactly +0 let a stack drop them; -0 would then come back as +0 in a complex file, so a stack holding -0
+    # keeps its pairs.
     r = data(4).astype(np.float32)
     pairs = np.empty((2 * SHAPE[0],) + SHAPE[1:], np.float32)
     pairs[0::2], pairs[1::2] = r, -0.0

@@ -44,8 +44,8 @@ def test_glm_maps_are_the_same_bytes_for_every_thread_count(kep, ar):
 
 
 def test_transforms_and_smoothing_are_the_same_bytes_for_every_thread_count(kep):
-    # One process: its transforms of one length all follow the plan measured first. 30 x 41 x 5 x 3
-    # samples give every axis, time too, more lines than one pass of the buffer holds.
+    # One process: its transforms of one length all follow the plan measured first. 30 x 41 x 5 x 3 samples give every
+    # axis, time too, more lines than one pass of the buffer holds.
     rng = np.random.default_rng(11)
     data = rng.normal(size=(3, 5, 41, 30)) + 1j * rng.normal(size=(3, 5, 41, 30))
     write_complex(kep.path("a.bfloat"), data, resolution=(1.5, 2.25, 3.5))

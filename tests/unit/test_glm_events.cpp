@@ -111,8 +111,8 @@ TEST_F(GlmEvents, FileLevelErrors) {
 
 TEST_F(GlmEvents, ExclusionSegmentsAreImages) {
   ASSERT_EQ(read("2 80\n\n1\n0 4\n"), 0);
-  // 2.9999998 reads as the float 3 - 2^-22; 40 plus that is 43 in single
-  // precision (the times are read as floats), 42.99999976 in double.
+  // 2.9999998 reads as the float 3 - 2^-22; 40 plus that is 43 in single precision (the times are read as
+  // floats), 42.99999976 in double.
   ASSERT_EQ(read("2 80\n\n-1\n3 5.7\n10 10\n2.9999998 3\n"), 0);
   ASSERT_EQ(GLM.nexclude, 3);
   EXPECT_EQ(GLM.exclude_start[0], 43);
@@ -146,8 +146,7 @@ TEST_F(GlmEvents, DifferentTREndsTheProgram) {
 }
 
 TEST_F(GlmEvents, Limits) {
-  // 61 events fit in the 62 slots (slot 0 is never an event); a repeated
-  // identifier reuses its slot.
+  // 61 events fit in the 62 slots (slot 0 is never an event); a repeated identifier reuses its slot.
   std::string text = "2 20\n";
   const std::string ids = "123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
   for (char c : ids) text += std::string("\n") + c + "\n0 1\n";

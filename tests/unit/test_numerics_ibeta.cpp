@@ -16,8 +16,8 @@ struct reference_point {
   double a, b, x, value;
 };
 
-// tests/data/ibeta_reference.txt holds I_x(a, b) computed once with
-// scipy.special.betainc by tests/data/make_ibeta_reference.py.
+// tests/data/ibeta_reference.txt holds I_x(a, b) computed once with scipy.special.betainc by
+// tests/data/make_ibeta_reference.py.
 std::vector<reference_point> load_reference() {
   std::vector<reference_point> points;
   std::ifstream in(KEP_TEST_DATA "/ibeta_reference.txt");

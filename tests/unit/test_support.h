@@ -1,5 +1,5 @@
-// Shared fixtures: every test starts with a clean interpreter (and GLM) state;
-// the ones that need files get one scratch directory.
+// Shared fixtures: every test starts with a clean interpreter (and GLM) state; the ones that need files get
+// one scratch directory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,8 +14,7 @@
 #include "glm-prototypes.h"
 #include "kep.h"
 
-// Runs `body` with stdout (or stderr) redirected to a temporary file and
-// returns what was written.
+// Runs `body` with stdout (or stderr) redirected to a temporary file and returns what was written.
 std::string capture_stream(FILE *stream, const std::function<void()> &body);
 inline std::string capture_stdout(const std::function<void()> &body) { return capture_stream(stdout, body); }
 inline std::string capture_stderr(const std::function<void()> &body) { return capture_stream(stderr, body); }
