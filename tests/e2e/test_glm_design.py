@@ -14,9 +14,8 @@ from glm_model import Study, bold_response
 
 def read_tsv(path):
     lines = path.read_text().splitlines()
-    comments = [line for line in lines if line.startswith("#")]
     rows = [line.split("\t") for line in lines if not line.startswith("#")]
-    return comments, rows[0], np.array(rows[1:], dtype=float)
+    return rows[0], np.array(rows[1:], dtype=float)
 
 
 def test_design_needs_a_model_and_a_writable_file(kep):
@@ -36,7 +35,7 @@ def test_design_names_trial_types_and_confounds_by_their_columns(kep):
     _, tables = write_study(kep.dir, np.random.default_rng(5), header)
     r = kep.script("read-GLM study.glm\nGLM-write-design design.tsv\n")
     assert "Fatal" not in r.stderr, r
-    _, header, table = read_tsv(kep.path("design.tsv"))
+    header, table = read_tsv(kep.path("design.tsv"))
     chosen = {"trans_x", "trans_y", "framewise_displacement", "motion_outlier00"}
     confounds = [f"run{r + 1}_{c}" for r, t in enumerate(tables) for c in t if c in chosen]
     assert header == ["image", "run", "excluded", "event_1:faces", "event_2:houses", "run1_constant",
@@ -96,7 +95,7 @@ def test_design_of_every_shape_equals_its_rebuild(kep):
                                  "runs:\nd0.nii r0.glm t0.dat\nd1.nii r1.glm t1.dat\n")
     r = kep.script("read-GLM c.txt\nGLM-write-design design.tsv\n")
     assert "Fatal" not in r.stderr, r
-    _, header, table = read_tsv(kep.path("design.tsv"))
+    header, table = read_tsv(kep.path("design.tsv"))
     X = table[:, 3:]
     ntime = sum(nimg)
     n = int(np.float32(TR) / STEP + 0.5)

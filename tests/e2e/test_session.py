@@ -14,17 +14,13 @@ import glm_model as gm
 from conftest import KEP, KepSession, SOURCE, stack_line, write_nifti
 
 
-def save(path, data, dtype=np.float32):
-    write_nifti(path, data, (2.0, 3.0, 4.0), dtype)
-
-
 @pytest.mark.parametrize("lines,word", [
     ("read nothing.nii x\n", "read"),
     ("set nifti-method 7\n", "set"),
     ("read-loop subj1.nii s\nread nothing.nii x\nend-loop\n", "read"),
 ])
 def test_lines_of_mode_files_and_read_loops_follow_the_same_rule(kep, lines, word):
-    save(kep.path("subj1.nii"), np.ones((2, 2, 2, 3)))
+    write_nifti(kep.path("subj1.nii"), np.ones((2, 2, 2, 3)))
     kep.path("inner.com").write_text(lines + "show nifti-method\n")
     r = kep.stdin("mode inner.com\nshow io-increment\n")
     assert r.returncode == 1
@@ -37,16 +33,17 @@ def cpu_ticks(pid):
     return int(fields[11]) + int(fields[12])
 
 
-def interrupt_when_busy(proc, command, ticks=2):
+def interrupt_when_busy(s, command, ticks=2):
     """Sends a command and Ctrl-C once kep (at the lowest priority) spent `ticks` of CPU on it."""
-    before = cpu_ticks(proc.pid)
-    proc.stdin.write(command.encode())
-    proc.stdin.flush()
+    before = cpu_ticks(s.proc.pid)
+    s.proc.stdin.write(command.encode())
+    s.proc.stdin.flush()
     end = time.time() + 300
-    while cpu_ticks(proc.pid) < before + ticks:
-        assert time.time() < end and proc.poll() is None
+    while cpu_ticks(s.proc.pid) < before + ticks:
+        assert time.time() < end and s.proc.poll() is None
         time.sleep(0.001)
-    proc.send_signal(signal.SIGINT)
+    s.proc.send_signal(signal.SIGINT)
+    s.prompts += 1  # the prompt after the interrupted command
 
 
 def session(kep, lines):
@@ -61,7 +58,7 @@ def session(kep, lines):
 
 def test_ctrl_c_at_the_prompt_gives_a_fresh_prompt_and_keeps_the_stacks(kep):
     data = np.random.default_rng(2).random((4, 3, 2, 2))
-    save(kep.path("a.nii"), data)
+    write_nifti(kep.path("a.nii"), data)
     s = session(kep, "read a.nii a\n")
     s.proc.send_signal(signal.SIGINT)
     s.prompts = 1  # Ctrl-C prompts again
@@ -83,13 +80,12 @@ def test_a_second_ctrl_c_within_a_second_ends_kep(kep):
 
 def test_ctrl_c_stops_a_transform_and_names_the_stack_it_left_incomplete(kep):
     rng = np.random.default_rng(3)
-    save(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
-    save(kep.path("b.nii"), rng.random((4, 4, 2, 2)))
+    write_nifti(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
+    write_nifti(kep.path("b.nii"), rng.random((4, 4, 2, 2)))
     s = session(kep, "read a.nii a\nread b.nii b\n")
     # a long command on little memory; b, last in the list, is given pairs for the transform when the line is decoded
     # but never rewritten: a change of form is not a rewrite
-    interrupt_when_busy(s.proc, "transform-xyz" + " a" * 500 + " b\n")
-    s.prompts += 1
+    interrupt_when_busy(s, "transform-xyz" + " a" * 500 + " b\n")
     out = s.send("show-stacks\n")
     assert stack_line(out, "a") and stack_line(out, "b")
     out, err, rc = s.finish()
@@ -102,8 +98,7 @@ def test_ctrl_c_stops_a_glm_fit_and_removes_the_map_it_was_creating(kep):
     study = gm.Study(nimg=100, terms=3, header="AR 2 6\n")
     study.write(kep.dir, 100.0 + np.random.default_rng(4).standard_normal((40, 40, 16, 200)))
     s = session(kep, "read-GLM study.glm\n")
-    interrupt_when_busy(s.proc, "GLM-fit-events effects\n")
-    s.prompts += 1
+    interrupt_when_busy(s, "GLM-fit-events effects\n")
     out = s.send("show-stacks\n")
     assert stack_line(out, "glm")[:4] == ["40", "40", "16", "200"]
     assert stack_line(out, "effects") is None
@@ -152,7 +147,7 @@ def test_show_without_a_name_shows_every_variable(kep):
 def test_quoted_file_names_keep_their_blanks(kep):
     data = np.random.default_rng(7).random((3, 5, 2, 3))
     (kep.dir / "scans dir").mkdir()
-    save(kep.path("scans dir/my scan.nii"), data)
+    write_nifti(kep.path("scans dir/my scan.nii"), data)
     r = kep.stdin('read "scans dir/my scan.nii">1-2 s\nread "scans dir/my scan.nii"\n'
                   'write-float "out one.nii" s\nshow-stacks\n')
     assert r.stderr == ""
@@ -185,7 +180,7 @@ def glm_case(kep, tr=None, nan=0, **study):
 def stack_case(kep, nan=0, zooms=(2.0, 3.0, 4.0)):
     data = np.random.default_rng(7).random((7, 5, 3, 2))
     data.flat[[4, 40, 77][:nan]] = np.nan
-    save(kep.path("s.nii"), data)
+    write_nifti(kep.path("s.nii"), data)
     for axis, size in enumerate(zooms):
         patch_pixdim(kep.path("s.nii"), axis + 1, size)
 
@@ -235,8 +230,8 @@ def test_show_stacks_names_nan_and_infinite_samples_only_when_there_are_some(kep
     data = np.random.default_rng(8).random((3, 4, 5, 2))
     data.flat[[3, 50]] = np.nan
     data.flat[7] = -np.inf
-    save(kep.path("bad.nii"), data)
-    save(kep.path("good.nii"), np.ones(data.shape))
+    write_nifti(kep.path("bad.nii"), data)
+    write_nifti(kep.path("good.nii"), np.ones(data.shape))
     out = kep.stdin("read bad.nii bad\nread good.nii good\nshow-stacks\n").stdout
     listing = out[out.index("stack name"):]
     assert "bad holds 2 NaN and 1 infinite samples.\n" in listing
