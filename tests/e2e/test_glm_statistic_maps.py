@@ -121,7 +121,7 @@ def test_ar_maps_match_generalized_least_squares(kep, order, phi):
     Y = gm.simulate(rng, study, shape, phi, SD)
     x, y, z = np.meshgrid(*(np.arange(n) for n in shape), indexing="ij")  # an ellipsoid "head"
     mask = gm.series(((x - 2.5) ** 2 / 9 + (y - 2) ** 2 / 6 + (z - 1.5) ** 2 / 4 <= 1.0)[..., None])[:, 0] > 0
-    save(kep, "mask.nii", gm.grid(mask[:, None].astype(np.float32), shape))
+    write_nifti(kep.path("mask.nii"), gm.grid(mask[:, None].astype(np.float32), shape), gm.RES)
     _, maps = run_maps(kep, study, Y, shape, before="read mask.nii mask\nset glm-mask mask\n")
     rho = gm.ar_fit(X, inc, np.where(mask[:, None], Y, 0), shape, order, 5)
     expected = gls_oracle(X, inc, np.where(mask[:, None], Y, 0), rho)
@@ -132,16 +132,12 @@ def test_ar_maps_match_generalized_least_squares(kep, order, phi):
     np.testing.assert_array_equal(maps[~mask], np.tile([0, 0, 0, 1, 0], ((~mask).sum(), len(CONDITIONS), 1)))
 
 
-def save(kep, name, values, res=gm.RES):
-    write_nifti(kep.path(name), values, res)
-
-
 def test_glm_mask_is_checked_at_the_command(kep):
     """A mask of another size fails and creates nothing; an empty mask warns and fits nothing."""
     study = make_study()
     study.write(kep.dir, np.ones((5, 4, 3, study.ntime)))
-    save(kep, "small.nii", np.ones((5, 4, 2)))
-    save(kep, "empty.nii", np.zeros((5, 4, 3)))
+    write_nifti(kep.path("small.nii"), np.ones((5, 4, 2)), gm.RES)
+    write_nifti(kep.path("empty.nii"), np.zeros((5, 4, 3)), gm.RES)
     # At the prompt an error does not end the session.
     r = kep.stdin("""read-GLM study.glm
 read small.nii small
@@ -180,7 +176,7 @@ def test_threshold_p_against_benjamini_hochberg(kep, masked):
     Y = gm.simulate(rng, study, shape, sd=SD)
     Y[rng.random(len(Y)) < 0.1] = 0  # outside the head: p 1 in the map
     mask = rng.random(shape) < 0.5
-    save(kep, "mask.nii", mask)
+    write_nifti(kep.path("mask.nii"), mask, gm.RES)
     setup = "read mask.nii mask\nset glm-mask mask\n" if masked else ""
     r, maps = run_maps(kep, study, Y, shape, before=setup, after="""threshold-p fdr 0.05 maps>3
 write-overlay fdr.ovl
@@ -216,7 +212,7 @@ def test_clusters_against_scipy_label(kep):
     z *= 2.0 / z.std()
     z[:2, :2, :2] = 6.0  # a cluster in the corner
     z[-1, -1, -1] = -7.0  # a single voxel, below the minimum size
-    save(kep, "z.nii", z, res)
+    write_nifti(kep.path("z.nii"), z, res)
     r = kep.script("read z.nii z\nclusters 2.3 3 cl z\nwrite-float cl.nii cl\nwrite-overlay cl.ovl\n")
     assert "Error" not in r.stdout + r.stderr, r
     affine = nib.load(str(kep.path("cl.nii"))).affine
