@@ -7,16 +7,11 @@ from conftest import assert_close, random_stack, run_ops
 SHAPE = (10, 3, 4, 6)  # t, z, y, x
 
 
-def test_average_of_a_subset(kep):
-    a = random_stack(SHAPE, 1)
-    r, out = run_ops(kep, {"a": a}, "average m a>7,1,4", ["m"])
-    assert_close(out["m"], a[[7, 1, 4]].astype(np.complex128).mean(axis=0, keepdims=True))
-
-
-def test_average_by_groups_and_epochs(kep):
+def test_average_of_a_subset_by_groups_and_by_epochs(kep):
     a = random_stack(SHAPE, 2)
-    r, out = run_ops(kep, {"a": a}, "average-by 3 g a\naverage-epochs 4 e a", ["g", "e"])
+    r, out = run_ops(kep, {"a": a}, "average m a>7,1,4\naverage-by 3 g a\naverage-epochs 4 e a", ["m", "g", "e"])
     x = a.astype(np.complex128)
+    assert_close(out["m"], x[[7, 1, 4]].mean(axis=0, keepdims=True))
     assert_close(out["g"], x[:9].reshape(3, 3, *SHAPE[1:]).mean(axis=1))
     assert_close(out["e"], x[:8].reshape(2, 4, *SHAPE[1:]).mean(axis=0))
 
