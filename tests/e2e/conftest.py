@@ -62,16 +62,11 @@ def kep():
 def write_xdisplay(directory: Path, name: str, data, dtype="<f4", header_lines=(), byte_order=1, pairs=None):
     """Writes data (x, y, z, t) and its ".hdr"; complex data (or pairs=True) as (real, imag) pairs."""
     data = np.asarray(data)
-    if data.ndim == 3:
-        data = data[..., np.newaxis]
-    x, y, z, t = data.shape
+    x, y, z, t = (*data.shape, 1)[:4]
     pairs = np.iscomplexobj(data) if pairs is None else pairs
     dt = np.dtype(dtype).newbyteorder("<" if byte_order == 1 else ">")
-    if pairs:
-        flat = np.empty((2 * x, y, z, t), dtype=dt)
-        flat[0::2] = data.real
-        flat[1::2] = data.imag
-        data = flat
+    if pairs:  # x runs over (real, imaginary) pairs
+        data = np.stack([data.real, data.imag], axis=1).reshape((2 * x, y, z, t))
     (directory / name).write_bytes(data.astype(dt).tobytes(order="F"))
     stem = name.rsplit(".", 1)[0] if "." in Path(name).name else name
     lines = [f"x {x}", f"y {y}", f"z {z}", f"t {t}", f"byte-order {byte_order}", *header_lines]
@@ -99,12 +94,7 @@ def write_complex(path, data, resolution=(1.0, 1.0, 1.0)):
 
 def read_header(path: Path):
     """The keyword lines of an xdisplay ".hdr" as a dict of word lists."""
-    fields = {}
-    for line in path.read_text().splitlines():
-        line = line.split("#")[0].split()
-        if line:
-            fields[line[0]] = line[1:]
-    return fields
+    return {w[0]: w[1:] for w in (line.split("#")[0].split() for line in path.read_text().splitlines()) if w}
 
 
 def read_xdisplay(directory: Path, stem: str, ext="bfloat"):
