@@ -27,8 +27,7 @@ def sections(path, fields):
     return out
 
 
-def menu_sections():
-    return dict(sections(MENU, 2))
+SECTIONS = dict(sections(MENU, 2))
 
 
 def listed_items(lines):
@@ -45,13 +44,12 @@ def run_help(answers):
 def test_every_command_and_macro_has_a_menu_item():
     names = command_words()
     assert len(set(names)) == len(names) and "reorder-interleaved-slices" in names
-    menu = menu_sections()
     titled = {}
-    for (m, i), lines in menu.items():
+    for (m, i), lines in SECTIONS.items():
         if m >= 1 and i == 0:
             for number, title in listed_items(lines).items():
                 for name in title.split(", "):
-                    titled.setdefault(name, []).append(menu[(m, number)])
+                    titled.setdefault(name, []).append(SECTIONS[(m, number)])
 
     def documents(name, text):
         # The syntax line names the command, and the item says what to expect.
@@ -75,29 +73,27 @@ def test_every_variable_is_in_the_menu():
 def test_menu_pages_list_exactly_their_items_and_lines_are_short():
     # (the reader itself warns of sections out of order, which the walk below would show)
     keys = [key for key, _ in sections(MENU, 2)]
-    menu = menu_sections()
-    assert len(keys) == len(menu), "a section appears twice"
+    assert len(keys) == len(SECTIONS), "a section appears twice"
     menus = sorted({m for m, _ in keys})
-    assert sorted(listed_items(menu[(0, 0)])) == menus[1:]
+    assert sorted(listed_items(SECTIONS[(0, 0)])) == menus[1:]
     for m in menus[1:]:
-        assert sorted(listed_items(menu[(m, 0)])) == sorted(i for mm, i in keys if mm == m and i > 0), m
+        assert sorted(listed_items(SECTIONS[(m, 0)])) == sorted(i for mm, i in keys if mm == m and i > 0), m
     for path in (MENU, PAGES):
         for n, line in enumerate(path.read_text().splitlines(), 1):
             assert len(line) < 90, f"{path.name}:{n} is {len(line)} characters"
 
 
 def test_every_menu_and_item_opens():
-    menu = menu_sections()
     pages = sections(PAGES, 3)
     first_page = "".join(pages[0][1])
-    answers, expected = [], ["".join(menu[(0, 0)])]
-    menus = sorted(m for m, i in menu if m > 0 and i == 0)
+    answers, expected = [], ["".join(SECTIONS[(0, 0)])]
+    menus = sorted(m for m, i in SECTIONS if m > 0 and i == 0)
     for m in menus:
-        page = "".join(menu[(m, 0)])
+        page = "".join(SECTIONS[(m, 0)])
         answers.append(f"{m}\n")
         expected.append(page)
-        for i in sorted(i for mm, i in menu if mm == m and i > 0):
-            text = "".join(menu[(m, i)])
+        for i in sorted(i for mm, i in SECTIONS if mm == m and i > 0):
+            text = "".join(SECTIONS[(m, i)])
             if text.startswith("&pages"):
                 answers.append(f"{i}\nq\n")
                 expected.append(first_page + PAGE_FOOTER + page)
@@ -131,11 +127,7 @@ def test_paged_text_headers_and_structure():
 
 
 def test_paged_text_is_reached_and_walked_from_the_menu():
-    menu = menu_sections()
-    glm = next(m for (m, i), lines in menu.items()
-               if i > 0 and lines and lines[0].startswith("&pages"))
-    item = next(i for (m, i), lines in menu.items()
-                if m == glm and lines and lines[0].startswith("&pages"))
+    glm, item = next(key for key, lines in SECTIONS.items() if key[1] > 0 and lines and lines[0].startswith("&pages"))
     text = dict(sections(PAGES, 3))
     # Chapter 1, its section 2, that section's first subsection, up twice, next page, back.
     out, err = run_help(f"{glm}\n{item}\n1\n2\n1\nm\nm\nn\nb\nq\nq\n")
