@@ -49,8 +49,8 @@ def test_map_ar_lag_counts_and_progress(kep):
         Y = gm.simulate(rng, study, (2, 2, 2))
         r = run(kep, study, gm.grid(Y, (2, 2, 2)), "GLM-map-AR ar\nshow-stacks\n")
         assert f"ar\r\t\t2\r\t\t\t2\r\t\t\t\t2\r\t\t\t\t\t{lags}\r" in r.stdout, r.stdout
-        found = re.findall(r"(\d+) percent done\n", r.stdout)
-        assert found == ["25", "50", "75"], r.stdout  # 8 voxels: after voxels 2, 4 and 6
+        # 8 voxels: after voxels 2, 4 and 6
+        assert re.findall(r"(\d+) percent done\n", r.stdout) == ["25", "50", "75"], r.stdout
 
 
 def test_fit_events_marks_only_third_event_voxels(kep):
