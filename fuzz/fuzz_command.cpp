@@ -12,8 +12,8 @@
 
 namespace {
 
-// Commands that touch files, read the terminal or end the process are left
-// out: the harness exercises decoding and the in-memory operations.
+// Commands that touch files, read the terminal or end the process are left out: the harness exercises
+// decoding and the in-memory operations.
 bool allowed(const char *line) {
   char word[KEP_LINE];
   if (next_word(line, word) == nullptr) return true;

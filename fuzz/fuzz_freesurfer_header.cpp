@@ -1,5 +1,5 @@
-// Feeds a ".bhdr" header, a slice header and slice data to the FreeSurfer
-// series reader, and reads the series when its size is modest.
+// Feeds a ".bhdr" header, a slice header and slice data to the FreeSurfer series reader, and reads the series
+// when its size is modest.
 #include <cstring>
 
 #include "fuzz_support.h"

@@ -1,6 +1,5 @@
-// Feeds arbitrary bytes to the control-file reader. The scratch directory holds
-// event, table and response files the runs may name; names with a '/' are
-// skipped so the reader stays inside it.
+// Feeds arbitrary bytes to the control-file reader. The scratch directory holds event, table and response
+// files the runs may name; names with a '/' are skipped so the reader stays inside it.
 #include <cstring>
 
 #include "fuzz_support.h"

@@ -1,5 +1,5 @@
-// Feeds a help menu file, a help page file and the answers typed at the help
-// prompts (standard input is the answers file, so nothing blocks).
+// Feeds a help menu file, a help page file and the answers typed at the help prompts (standard input is the
+// answers file, so nothing blocks).
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -20,8 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   kep_fuzz::write("documentation/kep-pages.txt", part[1]);
   kep_fuzz::write("answers", part[2]);
   if (!freopen("answers", "r", stdin)) abort();
-  // The first byte of the answers picks the level: a menu opened from another
-  // menu returns to the top level file when done.
+  // The first byte of the answers picks the level: a menu opened from another menu returns to the top level
+  // file when done.
   const int level = !part[2].empty() && (part[2][0] & 1);
   return kep_fuzz::guarded([&] {
     help_menu(0, "fuzz-menu.txt");

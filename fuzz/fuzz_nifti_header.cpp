@@ -1,5 +1,5 @@
-// Feeds random bytes to the NIfTI header decoder (a header shorter than
-// 348 bytes ends the program by design, so those inputs are padded).
+// Feeds random bytes to the NIfTI header decoder (a header shorter than 348 bytes ends the program by design,
+// so those inputs are padded).
 #include <cstdint>
 #include <cstdio>
 #include <cstring>

@@ -1,5 +1,4 @@
-// Feeds random text to the OVL decoder, combines it with an overlay under
-// each logic and mirrors the result.
+// Feeds random text to the OVL decoder, combines it with an overlay under each logic and mirrors the result.
 #include <cstdint>
 #include <cstdio>
 #include <vector>

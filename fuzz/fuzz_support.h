@@ -1,7 +1,5 @@
-// Shared setup of the fuzz targets that read named files: a scratch
-// directory, silent standard output, inputs cut into several files, and for
-// the GLM readers a design and fit of what they accepted. The engine's fatal
-// ends (a `fatal` thrown) are caught by each target.
+// Shared setup of the fuzz targets that read named files: a scratch directory, silent standard output, inputs
+// cut into several files, and a design and fit of what the GLM readers accepted.
 #pragma once
 
 #include <unistd.h>
@@ -9,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -28,8 +27,8 @@ inline const std::string &scratch() {
   return dir;
 }
 
-// Works in the scratch directory while it lives (the corpus paths given to
-// the fuzzer are relative to the directory it was started in).
+// Works in the scratch directory while it lives (the corpus paths given to the fuzzer are relative to the
+// directory it was started in).
 struct in_scratch {
   char saved[4096];
   in_scratch() {
@@ -41,14 +40,11 @@ struct in_scratch {
 };
 
 inline void write(const std::string &name, const std::string &bytes) {
-  FILE *f = fopen(name.c_str(), "wb");
-  if (!f) abort();
-  if (!bytes.empty()) fwrite(bytes.data(), 1, bytes.size(), f);
-  fclose(f);
+  if (!(std::ofstream(name, std::ios::binary) << bytes)) abort();
 }
 
-// Cuts the input at each line "%%" into `count` parts (missing parts are empty),
-// so one input can hold a header, a second file and data.
+// Cuts the input at each line "%%" into `count` parts (missing parts are empty), so one input can hold a
+// header, a second file and data.
 inline std::vector<std::string> parts(const uint8_t *data, size_t size, size_t count) {
   std::string text(reinterpret_cast<const char *>(data), size);
   std::vector<std::string> out;
@@ -85,8 +81,8 @@ inline bool mentions_nan(const uint8_t *data, size_t size) {
   return false;
 }
 
-// Builds the design and fits a series of zeros when the model is small enough
-// to do so quickly, so the fuzzed stimuli reach the design-matrix code.
+// Builds the design and fits a series of zeros when the model is small enough to do so quickly, so the fuzzed
+// stimuli reach the design-matrix code.
 inline void design_and_fit() {
   long stims = 0;
   for (int e = 0; e < GLM.nevents; e++) stims += GLM.nstims[e];

@@ -1,7 +1,6 @@
-// Replays saved fuzz inputs through a target's entry point in ordinary
-// builds, so every input that once crashed stays a test without libFuzzer.
-// Arguments: files or directories of inputs. A crash, a sanitizer report or a
-// hang fails the test; so does an argument that names no input at all.
+// Replays saved fuzz inputs through a target's entry point in ordinary builds, so every input that once
+// crashed stays a test without libFuzzer. Arguments: files or directories of inputs. A crash, a sanitizer
+// report or a hang fails the test; so does an argument that names no input at all.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>

@@ -1,14 +1,7 @@
 #!/usr/bin/python3
-"""Writes ibeta_reference.txt, the reference values of the regularised
-incomplete beta function I_x(a, b) used by the unit tests.
-
-Made once with Debian's python3-scipy (scipy.special.betainc):
+"""Writes ibeta_reference.txt: I_x(a, b) by scipy.special.betainc, 17 digits, over a grid of a, b and x
+and the lower-tail points where I_x(a, b) is e^-10 .. e^-100 (the smallest p the GLM reports).
     /usr/bin/python3 tests/data/make_ibeta_reference.py > tests/data/ibeta_reference.txt
-
-Each line is "a b x I_x(a,b)" with 17 significant digits. The grid covers
-a in 0.5..500, b in 0.5..50 and x across 0..1, plus for every (a, b) the
-lower-tail points where I_x(a, b) is about e^-10, e^-30, e^-60 and e^-100
-(the size of the smallest p-values the GLM reports).
 """
 import math
 
@@ -22,10 +15,6 @@ TAILS = [10, 30, 60, 100]
 print("# a b x I_x(a,b) from scipy.special.betainc; see make_ibeta_reference.py")
 for a in A:
     for b in B:
-        xs = list(X)
-        for k in TAILS:
-            x = float(betaincinv(a, b, math.exp(-k)))
-            if 0.0 < x < 1.0:
-                xs.append(x)
-        for x in xs:
+        tails = [float(betaincinv(a, b, math.exp(-k))) for k in TAILS]
+        for x in X + [x for x in tails if 0.0 < x < 1.0]:
             print("%.17g %.17g %.17g %.17g" % (a, b, x, betainc(a, b, x)))

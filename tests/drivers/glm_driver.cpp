@@ -1,5 +1,5 @@
-// Exposes the p of an F to the end-to-end check against scipy: reads "F dof nc"
-// lines on standard input and prints each p.
+// Exposes the p of an F to the end-to-end check against scipy: reads "F dof nc" lines on standard input and
+// prints each p.
 #include <cstdio>
 
 #include "numerics.h"

@@ -1,5 +1,4 @@
-"""Shared helpers for the end-to-end tests: run build/kep in a temporary directory, and make and
-read the volume files it works on."""
+"""Shared helpers: run build/kep in a temporary directory; write and read its volume files."""
 import os
 import re
 import shutil
@@ -21,16 +20,6 @@ def command_words():
     return out.stdout.decode().split()
 
 
-class Result:
-    def __init__(self, proc):
-        self.returncode = proc.returncode
-        self.stdout = proc.stdout.decode("utf-8", "replace")
-        self.stderr = proc.stderr.decode("utf-8", "replace")
-
-    def __repr__(self):
-        return f"rc={self.returncode}\n--- stdout\n{self.stdout}\n--- stderr\n{self.stderr}"
-
-
 class Kep:
     """Runs kep in one working directory, either on standard input or on a command file."""
 
@@ -38,32 +27,32 @@ class Kep:
         self.dir = workdir
 
     def stdin(self, text, env=None, timeout=120):
-        proc = subprocess.run([str(KEP)], input=text.encode(), cwd=self.dir, capture_output=True,
-                              timeout=timeout, env=self._env(env))
-        return Result(proc)
+        return self._run([str(KEP)], input=text.encode(), timeout=timeout, env=env)
 
     def script(self, text, *words, name="run.com", env=None, timeout=300):
         (self.dir / name).write_text(text)
-        proc = subprocess.run([str(KEP), name, *words], cwd=self.dir, capture_output=True,
-                              timeout=timeout, stdin=subprocess.DEVNULL, env=self._env(env))
-        return Result(proc)
+        return self._run([str(KEP), name, *words], stdin=subprocess.DEVNULL, timeout=timeout, env=env)
+
+    def _run(self, argv, env, **kw):
+        env = {"KEP_HOME": str(SOURCE), **os.environ, **(env or {})}
+        proc = subprocess.run(argv, cwd=self.dir, capture_output=True, env=env, **kw)
+        proc.stdout, proc.stderr = (b.decode("utf-8", "replace") for b in (proc.stdout, proc.stderr))
+        return proc
 
     def path(self, name):
         return self.dir / name
 
-    @staticmethod
-    def _env(extra):
-        env = dict(os.environ)
-        env.setdefault("KEP_HOME", str(SOURCE))
-        if extra:
-            env.update(extra)
-        return env
+    def peak_memory(self, text, env=None):
+        """(result, peak resident bytes) of kep on the command file `text`, by /usr/bin/time, whose
+        child starts small (a child of this Python process would start with its memory counted)."""
+        (self.dir / "mem.com").write_text(text)
+        r = self._run(["/usr/bin/time", "-f", "%M", str(KEP), "mem.com"], stdin=subprocess.DEVNULL, env=env)
+        return r, int(r.stderr.split()[-1]) * 1024
 
 
 @pytest.fixture
 def kep():
-    """A fresh working directory that an unprivileged user may enter too (pytest's own are
-    private to their owner), removed afterwards."""
+    """A fresh working directory an unprivileged user may enter too (pytest's are private)."""
     path = Path(tempfile.mkdtemp(prefix="kep-test-"))
     path.chmod(0o755)
     yield Kep(path)
@@ -71,19 +60,13 @@ def kep():
 
 
 def write_xdisplay(directory: Path, name: str, data, dtype="<f4", header_lines=(), byte_order=1, pairs=None):
-    """Writes data (x, y, z, t) as an xdisplay file `name` with its ".hdr" (x fastest); complex data
-    (or pairs=True) go as (real, imaginary) pairs with "data-type complex"."""
+    """Writes data (x, y, z, t) and its ".hdr"; complex data (or pairs=True) as (real, imag) pairs."""
     data = np.asarray(data)
-    if data.ndim == 3:
-        data = data[..., np.newaxis]
-    x, y, z, t = data.shape
+    x, y, z, t = (*data.shape, 1)[:4]
     pairs = np.iscomplexobj(data) if pairs is None else pairs
     dt = np.dtype(dtype).newbyteorder("<" if byte_order == 1 else ">")
-    if pairs:
-        flat = np.empty((2 * x, y, z, t), dtype=dt)
-        flat[0::2] = data.real
-        flat[1::2] = data.imag
-        data = flat
+    if pairs:  # x runs over (real, imaginary) pairs
+        data = np.stack([data.real, data.imag], axis=1).reshape((2 * x, y, z, t))
     (directory / name).write_bytes(data.astype(dt).tobytes(order="F"))
     stem = name.rsplit(".", 1)[0] if "." in Path(name).name else name
     lines = [f"x {x}", f"y {y}", f"z {z}", f"t {t}", f"byte-order {byte_order}", *header_lines]
@@ -93,16 +76,14 @@ def write_xdisplay(directory: Path, name: str, data, dtype="<f4", header_lines=(
 
 
 def write_nifti(path, data, zooms=(1.0, 1.0, 1.0), dtype=np.float32, affine=None):
-    """A NIfTI file (".nii", ".img" or ".nii.gz" by its name) written by nibabel, scaled
-    axes `zooms` unless an affine is given."""
+    """A NIfTI file (type by its name) written by nibabel, axes scaled by `zooms` unless `affine`."""
     import nibabel as nib
     affine = np.diag([*zooms, 1.0]) if affine is None else affine
     nib.save(nib.Nifti1Image(np.asarray(data, dtype=dtype), affine), str(path))
 
 
 def write_complex(path, data, resolution=(1.0, 1.0, 1.0)):
-    """Writes data[t, z, y, x] as a ".bfloat": complex pairs when x is even, else real (x odd
-    is refused for complex files, so such data must be real)."""
+    """Writes data[t, z, y, x] as a ".bfloat": complex pairs when x is even, else real."""
     data = np.asarray(data).transpose(3, 2, 1, 0)
     if data.shape[0] % 2:
         assert np.all(np.imag(data) == 0), "complex files need an even x"
@@ -113,12 +94,7 @@ def write_complex(path, data, resolution=(1.0, 1.0, 1.0)):
 
 def read_header(path: Path):
     """The keyword lines of an xdisplay ".hdr" as a dict of word lists."""
-    fields = {}
-    for line in path.read_text().splitlines():
-        line = line.split("#")[0].split()
-        if line:
-            fields[line[0]] = line[1:]
-    return fields
+    return {w[0]: w[1:] for w in (line.split("#")[0].split() for line in path.read_text().splitlines()) if w}
 
 
 def read_xdisplay(directory: Path, stem: str, ext="bfloat"):
@@ -162,8 +138,7 @@ def stack_line(stdout: str, name: str):
 
 
 def random_stack(shape, seed, zeros=0.0):
-    """Samples in (-1, 1) + i(-1, 1) for shape [t, z, y, x]; real when x is odd; a fraction
-    `zeros` of them exactly 0."""
+    """Samples in (-1, 1) + i(-1, 1) of shape [t, z, y, x] (real when x is odd), a fraction `zeros` 0."""
     rng = np.random.default_rng(seed)
     real = rng.uniform(-1, 1, shape)
     data = (real + 1j * rng.uniform(-1, 1, shape) if shape[-1] % 2 == 0 else real + 0j).astype(np.complex64)
@@ -173,9 +148,8 @@ def random_stack(shape, seed, zeros=0.0):
 
 
 def run_ops(kep, inputs, commands, outputs, setup="", resolution=(1.0, 1.0, 1.0), script=False):
-    """`inputs`: stack name -> array [t, z, y, x]; `commands`: the lines to run; `outputs`: stack
-    names to write. Returns (result, {name: array [t, z, y, x]}). A command file (`script`) makes
-    every error fatal; otherwise the lines go to standard input."""
+    """Reads `inputs` (name -> [t, z, y, x]), runs `commands`, returns (result, {output: array}); with
+    `script` a command file, so that every error is fatal."""
     lines = ["set complex-output on"] + ([setup] if setup else [])
     for name, data in inputs.items():
         write_complex(kep.path(f"in_{name}.bfloat"), np.asarray(data, dtype=np.complex64), resolution)

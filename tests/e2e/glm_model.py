@@ -1,8 +1,5 @@
-"""Small GLM studies written for the stack commands, and an independent numpy
-model of what the commands compute: the design from the model's rules, least
-squares, and the two-pass autoregressive fit (residual autocorrelations with
-their bias reduction, Gaussian smoothing of the coefficient maps inside the
-head, whitening filter from the Cholesky factor, refit)."""
+"""Small GLM studies for the stack commands and a numpy model of what they compute: design, least
+squares, and the two-pass autoregressive fit (bias-reduced autocorrelations, smoothed, whitened)."""
 import math
 from dataclasses import dataclass, field
 
@@ -11,16 +8,12 @@ import numpy as np
 
 TR = 2.0
 RES = (3.0, 3.0, 4.0)
-
-
-def event_char(n):
-    return str(n) if n < 10 else chr(ord("a") + n - 10)
+EVENTS = "0123456789abcdefghijklmnopqrstuvwxyz"  # the character of each event number
 
 
 @dataclass
 class Study:
-    """Square events (number -> [(on, off, magnitude)] in seconds of each run)
-    over `nruns` runs of `nimg` images, TR 2 s, no response function."""
+    """Square events (number -> [(on, off, magnitude)] s) over `nruns` runs of `nimg` images, TR 2 s."""
     nimg: int = 40
     nruns: int = 2
     events: dict = field(default_factory=lambda: {1: [(5, 17, 1), (45, 57, 1)], 2: [(25, 37, 1), (63, 71, 2)]})
@@ -39,7 +32,7 @@ class Study:
         for r in range(self.nruns):
             text = f"{TR:g} {self.nimg * TR:g}\n"
             for number, stims in self.events.items():  # a number, or the line that defines the event
-                text += f"\n{number if isinstance(number, str) else event_char(number)}\n"
+                text += f"\n{number if isinstance(number, str) else EVENTS[number]}\n"
                 text += "".join(" ".join(f"{v:g}" for v in stim) + "\n" for stim in stims)
             if self.exclude.get(r):
                 text += "\n-1\n" + "".join(f"{a} {b}\n" for a, b in self.exclude[r])
@@ -60,9 +53,8 @@ class Study:
         return inc
 
     def design(self):
-        """Event columns (peak 1) then baseline columns grouped by term; excluded rows zero. The
-        baseline columns are the powers of the run's time; kep centres them, which changes only
-        the baseline coefficients, not the column space nor anything of the events."""
+        """Event columns (peak 1), then per term and run the powers of the run's time (kep centres
+        them: same span); excluded rows zero."""
         n = self.ntime
         t = np.arange(n) * TR
         cols = []
@@ -76,9 +68,7 @@ class Study:
         for k in range(self.terms):
             for r in range(self.nruns):
                 x = np.zeros(n)
-                u = np.arange(self.nimg)
-                d = self.nimg - 1
-                x[r * self.nimg:(r + 1) * self.nimg] = (u / d) ** k
+                x[r * self.nimg:(r + 1) * self.nimg] = (np.arange(self.nimg) / (self.nimg - 1)) ** k
                 cols.append(x)
         X = np.array(cols).T
         X[~self.include()] = 0
@@ -86,8 +76,7 @@ class Study:
 
 
 def contrasts(word, ncoeff, events=None):
-    """Contrast rows of a condition word: one row per comma-separated part, +1 for each event
-    named before a minus, -1 after it; `events` lists the event of each column."""
+    """Contrast rows of a condition word ("1-2", "1,2,3"); `events` lists the event of each column."""
     events = events or list(range(1, ncoeff + 1))
     rows, sign = [np.zeros(ncoeff)], 1
     for ch in word:
@@ -103,21 +92,15 @@ def contrasts(word, ncoeff, events=None):
 
 def ar_noise(rng, shape, phi, sd=1.0):
     """Stationary AR(len(phi)) noise along the last axis."""
-    p = len(phi)
-    burn = 50
-    e = rng.normal(0, sd, size=(*shape[:-1], shape[-1] + burn))
+    e = rng.normal(0, sd, size=(*shape[:-1], shape[-1] + 50))
     x = np.zeros_like(e)
     for t in range(e.shape[-1]):
-        x[..., t] = e[..., t]
-        for k in range(1, p + 1):
-            if t - k >= 0:
-                x[..., t] += phi[k - 1] * x[..., t - k]
-    return x[..., burn:]
+        x[..., t] = e[..., t] + sum(phi[k - 1] * x[..., t - k] for k in range(1, min(len(phi), t) + 1))
+    return x[..., 50:]
 
 
 def simulate(rng, study, shape, phi=(), sd=2.0):
-    """Series [voxel, time] of random effects on a baseline of 100 (a third of the event effects
-    null) with white or AR(len(phi)) noise, as float32 samples."""
+    """Series [voxel, time]: random effects (a third null) on a baseline of 100, white or AR noise."""
     X = study.design()
     nvox, ne = int(np.prod(shape)), len(study.events)
     beta = np.zeros((nvox, X.shape[1]))
@@ -145,12 +128,9 @@ def residual_forming(X, inc):
 
 def shifted(R, k):
     """S[a][b] = R[a][b - k], zero outside the matrix."""
-    S = np.zeros_like(R)
-    n = R.shape[1]
-    if k >= 0:
-        S[:, k:] = R[:, :n - k]
-    else:
-        S[:, :n + k] = R[:, -k:]
+    S = np.roll(R, k, axis=1)
+    S[:, :max(k, 0)] = 0
+    S[:, R.shape[1] + min(k, 0):] = 0
     return S
 
 
@@ -166,16 +146,14 @@ def mixing_inverse(R, inc, p):
 
 def autocorrelations(R, Minv, inc, y, p):
     e = R @ (inc * y)
-    a = np.array([e[k:] @ e[:len(e) - k] for k in range(p + 1)])
-    c = Minv @ a
+    c = Minv @ np.array([e[k:] @ e[:len(e) - k] for k in range(p + 1)])
     if c[0] == 0:
         c[0] = 1
     return c[1:] / c[0]
 
 
 def smooth(maps, fwhm, res=RES):
-    """Gaussian of the given FWHM in image space over the first three axes, the
-    weights renormalised over the voxels inside the volume."""
+    """Gaussian of the given FWHM over the first three axes, renormalised inside the volume."""
     s = float(np.float32(np.float32(np.float32(fwhm * np.float32(1.44)) / 2) * np.float32(fwhm)) / 2)
     radius = math.sqrt(3 * s)
     out = np.asarray(maps, dtype=np.float64)
@@ -195,8 +173,7 @@ def smooth(maps, fwhm, res=RES):
 
 
 def whitening_filter(rho, n):
-    """Lower-triangular filter: start-up rows from the Cholesky factor's inverse,
-    then the taps of its last row; the order drops while the factor fails."""
+    """Start-up rows from the inverse Cholesky factor, then its last row's taps; order drops on failure."""
     q = len(rho)
     r = np.concatenate([[1.0], rho])
     while q > 0:
@@ -218,9 +195,8 @@ def whitening_filter(rho, n):
 
 
 def ar_fit(X, inc, Y, shape, p, fwhm):
-    """The first pass of the two-pass fit of series Y [nvox, ntime] (voxel order x fastest)
-    on a grid of `shape`: the smoothed autocorrelation maps the refit whitens with. All-zero
-    voxels are left out and get zero coefficients."""
+    """First pass on series Y [voxel, time] of a grid `shape`: the smoothed autocorrelations (zero
+    for all-zero voxels) the refit whitens with."""
     nvox = Y.shape[0]
     active = np.any(Y != 0, axis=1)
     R = residual_forming(X, inc)
@@ -253,8 +229,7 @@ def load(path):
 
 
 def close(got, expected, floor):
-    """max of |got - expected| / (|expected| + floor): 1e-4 means agreement to
-    1e-4 relative, with effects below `floor` compared absolutely."""
+    """max |got - expected| / (|expected| + floor): relative, absolute below `floor`."""
     return float(np.max(np.abs(got - expected) / (np.abs(expected) + floor)))
 
 

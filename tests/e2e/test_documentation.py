@@ -1,15 +1,12 @@
-"""The shipped help: the menu file covers every command and reads cleanly, the
-paged text parses and can be reached and walked from the menu."""
+"""The shipped help: the menu covers every command and reads cleanly; the paged text parses and is walked."""
 import re
 import subprocess
 
 from conftest import KEP, SOURCE, command_words
+from test_help import FOOTER
 
 MENU = SOURCE / "documentation" / "kep-menu.txt"
 PAGES = SOURCE / "documentation" / "kep-pages.txt"
-FOOTER = ("----------------------------------------------\n"
-          "--- choose item: 0 = main menu, return = back \n"
-          "----------------------------------------------\n")
 PAGE_FOOTER = ("             _________________________________________________________ \n"
                "            |  q = quit     m = menu          n = next       b = back |\n"
                "            |__________________________<return> = next________________|\n"
@@ -30,37 +27,29 @@ def sections(path, fields):
     return out
 
 
-def menu_sections():
-    return dict(sections(MENU, 2))
+SECTIONS = dict(sections(MENU, 2))
 
 
 def listed_items(lines):
     """Item number -> title of the numbered lines of a menu page."""
-    items = {}
-    for line in lines:
-        m = ITEM_LINE.match(line.rstrip("\n"))
-        if m:
-            items[int(m.group(1))] = m.group(2)
-    return items
+    return {int(m.group(1)): m.group(2) for m in (ITEM_LINE.match(line.rstrip("\n")) for line in lines) if m}
 
 
 def run_help(answers):
-    env = {"PATH": "/usr/bin:/bin", "KEP_HOME": str(SOURCE)}
-    p = subprocess.run([str(KEP)], input=("help\n" + answers + "quit\n").encode(),
-                       capture_output=True, env=env, timeout=60)
+    p = subprocess.run([str(KEP)], input=("help\n" + answers + "quit\n").encode(), capture_output=True,
+                       env={"PATH": "/usr/bin:/bin", "KEP_HOME": str(SOURCE)}, timeout=60)
     return p.stdout.decode(), p.stderr.decode()
 
 
 def test_every_command_and_macro_has_a_menu_item():
     names = command_words()
     assert len(set(names)) == len(names) and "reorder-interleaved-slices" in names
-    menu = menu_sections()
     titled = {}
-    for (m, i), lines in menu.items():
+    for (m, i), lines in SECTIONS.items():
         if m >= 1 and i == 0:
             for number, title in listed_items(lines).items():
                 for name in title.split(", "):
-                    titled.setdefault(name, []).append(menu[(m, number)])
+                    titled.setdefault(name, []).append(SECTIONS[(m, number)])
 
     def documents(name, text):
         # The syntax line names the command, and the item says what to expect.
@@ -84,47 +73,39 @@ def test_every_variable_is_in_the_menu():
 def test_menu_pages_list_exactly_their_items_and_lines_are_short():
     # (the reader itself warns of sections out of order, which the walk below would show)
     keys = [key for key, _ in sections(MENU, 2)]
-    menu = menu_sections()
-    assert len(keys) == len(menu), "a section appears twice"
+    assert len(keys) == len(SECTIONS), "a section appears twice"
     menus = sorted({m for m, _ in keys})
-    assert sorted(listed_items(menu[(0, 0)])) == menus[1:]
+    assert sorted(listed_items(SECTIONS[(0, 0)])) == menus[1:]
     for m in menus[1:]:
-        assert sorted(listed_items(menu[(m, 0)])) == sorted(i for mm, i in keys if mm == m and i > 0), m
+        assert sorted(listed_items(SECTIONS[(m, 0)])) == sorted(i for mm, i in keys if mm == m and i > 0), m
     for path in (MENU, PAGES):
         for n, line in enumerate(path.read_text().splitlines(), 1):
             assert len(line) < 90, f"{path.name}:{n} is {len(line)} characters"
 
 
 def test_every_menu_and_item_opens():
-    menu = menu_sections()
     pages = sections(PAGES, 3)
     first_page = "".join(pages[0][1])
-    answers, expected = [], ["".join(menu[(0, 0)])]
-    menus = sorted(m for m, i in menu if m > 0 and i == 0)
+    answers, expected = [], ["".join(SECTIONS[(0, 0)])]
+    menus = sorted(m for m, i in SECTIONS if m > 0 and i == 0)
     for m in menus:
-        page = "".join(menu[(m, 0)])
+        page = "".join(SECTIONS[(m, 0)])
         answers.append(f"{m}\n")
         expected.append(page)
-        for i in sorted(i for mm, i in menu if mm == m and i > 0):
-            text = "".join(menu[(m, i)])
+        for i in sorted(i for mm, i in SECTIONS if mm == m and i > 0):
+            text = "".join(SECTIONS[(m, i)])
             if text.startswith("&pages"):
                 answers.append(f"{i}\nq\n")
                 expected.append(first_page + PAGE_FOOTER + page)
             else:
                 answers.append(f"{i}\n\n")
-                expected.append(text)
-                expected.append(page)
+                expected += [text, page]
         answers.append("\n")
-        expected.append("".join(menu[(0, 0)]))
-    out, _ = run_help("".join(answers) + "q\n")
-    chunks = re.split(r"help >>? ", out)
+        expected.append(expected[0])
+    chunks = re.split(r"help >>? ", run_help("".join(answers) + "q\n")[0])
     assert chunks[0].startswith(f"kep > Help from file {MENU}\n")
     chunks[0] = chunks[0].split("\n", 1)[1]
-    got = [c[: -len(FOOTER)] for c in chunks[:-1]]
-    assert all(c.endswith(FOOTER) for c in chunks[:-1])
-    assert len(got) == len(expected)
-    for g, e in zip(got, expected):
-        assert g == e
+    assert chunks[:-1] == [e + FOOTER for e in expected]
     assert chunks[-1] == "kep > "
     assert sum(1 for c in answers if c.startswith(tuple("0123456789"))) > 112
 
@@ -146,17 +127,11 @@ def test_paged_text_headers_and_structure():
 
 
 def test_paged_text_is_reached_and_walked_from_the_menu():
-    menu = menu_sections()
-    glm = next(m for (m, i), lines in menu.items()
-               if i > 0 and lines and lines[0].startswith("&pages"))
-    item = next(i for (m, i), lines in menu.items()
-                if m == glm and lines and lines[0].startswith("&pages"))
+    glm, item = next(key for key, lines in SECTIONS.items() if key[1] > 0 and lines and lines[0].startswith("&pages"))
     text = dict(sections(PAGES, 3))
-    # Chapter 1, its section 2, that section's first subsection, up twice,
-    # next page, back.
+    # Chapter 1, its section 2, that section's first subsection, up twice, next page, back.
     out, err = run_help(f"{glm}\n{item}\n1\n2\n1\nm\nm\nn\nb\nq\nq\n")
     shown = [text[k] for k in [(0, 0, 0), (1, 0, 0), (1, 2, 0), (1, 2, 1), (1, 2, 0),
                                (1, 0, 0), (1, 1, 0), (1, 0, 0)]]
-    expected = "".join("".join(lines) + PAGE_FOOTER for lines in shown)
-    assert expected in out
+    assert "".join("".join(lines) + PAGE_FOOTER for lines in shown) in out
     assert "Error reading the direction integers" not in out + err

@@ -1,8 +1,6 @@
-"""Faults around files and memory: full disks, missing or read-only directories, data that is cut
-short or vanishes while kep reads it, and too little memory. Each ends in a message; stacks, files
-and the session stay intact, and a header never claims volumes its data file does not hold."""
+"""Full disks, missing or read-only directories, data that vanishes while read, too little memory:
+a message each; stacks, files and session intact; no header claims volumes its data lack."""
 import gzip
-import os
 import resource
 import shutil
 import signal
@@ -20,23 +18,20 @@ VOLUME = SHAPE[0] * SHAPE[1] * SHAPE[2] * 4
 
 
 def sanitized():
-    """True when kep is built with AddressSanitizer, which reserves far more address space than
-    any sensible `ulimit -v`."""
+    """kep built with AddressSanitizer, which reserves more address space than any `ulimit -v`."""
     return b"__asan_init" in Path(KEP).read_bytes()
 
 
 def source(directory, volumes=10, seed=1):
     """src.bfloat: random floats (they barely compress), volume t offset by 1000 t."""
-    rng = np.random.default_rng(seed)
-    data = rng.uniform(-100, 100, size=(*SHAPE, volumes)).astype(np.float32)
+    data = np.random.default_rng(seed).uniform(-100, 100, size=(*SHAPE, volumes)).astype(np.float32)
     data += 1000 * np.arange(volumes, dtype=np.float32)
     write_xdisplay(Path(directory), "src.bfloat", data, "f4", ["resolution 2 2 3 1.5"])
     return data
 
 
 def file_size_limit(limit):
-    """For preexec_fn: files may grow to `limit` bytes; past it a write fails with EFBIG
-    instead of killing kep, as on a full disk."""
+    """For preexec_fn: writes past `limit` bytes fail with EFBIG, as on a full disk."""
     def apply():
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
@@ -51,9 +46,6 @@ def held(kep, ext, size):
     raw = kep.path(f"out.{ext}").read_bytes()
     raw = gzip.decompress(raw) if ext == "nii.gz" else raw
     return img.shape[3] if len(img.shape) > 3 else 1, (len(raw) - int(img.header["vox_offset"])) // size
-
-
-# ---------------------------------------------------------------- writing
 
 
 @pytest.mark.parametrize("ext", ["bfloat", "bshort", "nii", "img", "nii.gz"])
@@ -74,10 +66,8 @@ def test_writes_that_overflow_the_disk_leave_the_file_as_it_was(kep, ext):
     out, err, _ = session.finish(f"write out.{ext} s>9\nquit\n")
     assert err == "" and "5 volumes now reside in file out.\n" in out, out
     assert held(kep, ext, size) == (5, 5)
-    if ext.startswith("b"):
-        values = read_xdisplay(kep.dir, "out", ext)[0]
-    else:
-        values = np.asanyarray(nib.load(str(kep.path(f"out.{ext}"))).dataobj)
+    b = ext.startswith("b")
+    values = read_xdisplay(kep.dir, "out", ext)[0] if b else np.asanyarray(nib.load(kep.path(f"out.{ext}")).dataobj)
     expected = data[..., [0, 1, 2, 3, 9]]
     np.testing.assert_array_equal(values, np.trunc(expected) if ext == "bshort" else expected)
 
@@ -150,22 +140,14 @@ def test_a_write_to_a_full_device_or_missing_directory_leaves_nothing_on_record(
     assert "were written to" in out
 
 
-# ----------------------------------------------- permissions, as an unprivileged user
-
-
 def as_nobody(directory, text):
-    """Runs kep as user and group 65534, the way a scientist without rights to a directory would."""
-    if shutil.which("setpriv") is None:
-        pytest.skip("setpriv (util-linux) is needed to drop privileges")
-    probe = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "true"],
-                           capture_output=True)
-    if probe.returncode != 0:
-        pytest.skip("this system does not let setpriv drop privileges: " + probe.stderr.decode())
-    if not os.access(KEP, os.X_OK) or any(p.stat().st_mode & 0o005 != 0o005 for p in Path(KEP).parents
-                                          if p != Path("/")):
+    """Runs kep as user and group 65534, as a scientist without rights to a directory would."""
+    drop = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+    if shutil.which("setpriv") is None or subprocess.run(drop + ["true"], capture_output=True).returncode:
+        pytest.skip("setpriv cannot drop privileges here")
+    if any(p.stat().st_mode & 0o005 != 0o005 for p in Path(KEP).parents if p != Path("/")):
         pytest.skip("the kep binary is not reachable by an unprivileged user")
-    proc = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", str(KEP)],
-                          input=text.encode(), cwd=directory, capture_output=True, timeout=120)
+    proc = subprocess.run(drop + [str(KEP)], input=text.encode(), cwd=directory, capture_output=True, timeout=120)
     return proc.stdout.decode(), proc.stderr.decode(), proc.returncode
 
 
@@ -182,15 +164,12 @@ def test_read_only_file_in_a_writable_directory_is_left_alone(kep):
                                              "write w/out.nii.gz s\nquit\n")
     assert "Error: cannot open the new file w/out.bfloat.\n" in out
     assert "Error: cannot open the header file w/out.nii.\n" in out
-    # a compressed file is replaced whole, as the directory allows: the old bytes are gone
-    # only once the new file is complete
+    # a compressed file is replaced whole, as the directory allows: the old bytes are gone only once the new file is
+    # complete
     assert "2 volume(s) of dimension 16 x 16 x 8 were written to file w/out.\n" in out
     for name in ("out.bfloat", "out.nii"):
         assert (kep.dir / "w" / name).read_bytes() == b"precious"
     assert nib.load(str(kep.dir / "w" / "out.nii.gz")).shape == (*SHAPE, 2)
-
-
-# ---------------------------------------------------------------- reading
 
 
 def test_data_vanishing_between_the_loop_header_and_its_chunks(kep):

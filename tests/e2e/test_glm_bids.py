@@ -1,6 +1,4 @@
-"""A GLM run from a BIDS dataset: events.tsv files, confound columns of
-fMRIPrep-style tables, the human response preset. Effects against numpy's
-least squares on a design built here from the files."""
+"""A GLM from a BIDS dataset (events.tsv, confound tables, the human response) against numpy."""
 import nibabel as nib
 import numpy as np
 import pytest
@@ -18,9 +16,8 @@ EVENTS = [  # run, onset, duration, trial type, modulation
 CONFOUNDS = ["trans_x", "trans_y", "rot_z", "global_signal", "framewise_displacement", "motion_outlier00"]
 
 
-def write_study(directory, rng, header, outlier_run=1):
-    """Two runs: NIfTI data, events.tsv and a confounds table each. Returns the
-    data [x, y, z, t] and each run's confound table (column -> values)."""
+def write_study(directory, rng, header):
+    """Two runs of data, events.tsv and confounds; returns the data and the confound tables."""
     tables = []
     # numpy fits the float32 samples the files hold
     data = (rng.normal(0, 1, size=(*SHAPE, 2 * NIMG)) + 100).astype(np.float32).astype(np.float64)
@@ -35,13 +32,10 @@ def write_study(directory, rng, header, outlier_run=1):
         (directory / f"sub-01_run-{r + 1}_events.tsv").write_text("\n".join(lines) + "\n")
         table = {c: rng.normal(size=NIMG) for c in CONFOUNDS[:4]}
         table["framewise_displacement"] = np.abs(rng.normal(size=NIMG))
-        if r == outlier_run:
+        if r == 1:
             table["motion_outlier00"] = (np.arange(NIMG) == 17).astype(float)
-        names = list(table)
-        rows = ["\t".join(names)]
-        for i in range(NIMG):
-            rows.append("\t".join("n/a" if (c == "framewise_displacement" and i == 0) else repr(float(table[c][i]))
-                                  for c in names))
+        rows = ["\t".join(table)] + ["\t".join("n/a" if (c == "framewise_displacement" and i == 0)
+                                                else repr(float(table[c][i])) for c in table) for i in range(NIMG)]
         table["framewise_displacement"][0] = 0.0
         (directory / f"sub-01_run-{r + 1}_desc-confounds_timeseries.tsv").write_text("\n".join(rows) + "\n")
         tables.append(table)
@@ -52,9 +46,7 @@ def write_study(directory, rng, header, outlier_run=1):
 
 
 def design(tables, terms, chosen):
-    """Events on the TR grid over [onset, onset + duration) (one image when
-    shorter), peak 1; per run polynomial terms; each chosen confound column of
-    each run, centred within the run, zero elsewhere."""
+    """Events over [onset, onset + duration) (at least one image), per-run powers, centred confounds."""
     n = 2 * NIMG
     cols = []
     for tt in ("faces", "houses"):
@@ -89,8 +81,7 @@ def test_event_effects_with_confounds_match_least_squares(kep, terms):
     data, tables = write_study(kep.dir, rng, header)
     r = kep.script("read-GLM study.glm\nGLM-fit-events fx\nwrite fx.nii fx\nquit\n")
     assert "written to file fx.\n" in r.stdout, r  # a command file stops at its first error
-    chosen = {"trans_x", "trans_y", "rot_z", "framewise_displacement", "motion_outlier00"}
-    X = design(tables, terms, chosen)
+    X = design(tables, terms, {"trans_x", "trans_y", "rot_z", "framewise_displacement", "motion_outlier00"})
     Y = series(data)
     beta = np.linalg.lstsq(X, Y.T, rcond=None)[0].T
     effects = series(load(kep.path("fx.nii")))
@@ -133,6 +124,5 @@ def test_bold_human_response_is_the_double_gamma(kep):
     rows = np.loadtxt(kep.path("HRF.dat"), skiprows=1)
     t, y = rows[:, 0], rows[:, 1]
     assert len(t) == 1200 and t[1] == pytest.approx(0.1)
-    expected = stats.gamma.pdf(t, 6) - stats.gamma.pdf(t, 16) / 6
-    np.testing.assert_allclose(y / 0.1, expected, atol=1e-6)
+    np.testing.assert_allclose(y / 0.1, stats.gamma.pdf(t, 6) - stats.gamma.pdf(t, 16) / 6, atol=1e-6)
     assert 4.5 < t[np.argmax(y)] < 6 and 14 < t[np.argmin(y)] < 17

@@ -1,13 +1,6 @@
-"""GLM-map-conditions against independent models: statsmodels OLS without an AR
-model, a numpy generalized least-squares fit of the two-pass procedure with one;
-the GLM mask; threshold-p against a Benjamini-Hochberg computation; clusters
-against scipy.ndimage.label with full connectivity.
-
-Values are compared as |kep - oracle| / (|oracle| + floor): effects and errors
-with the floor at a hundredth of the noise SD (single-precision samples carry
-about 1e-7 of their mean into every effect), t, F and z with the floor at 0.1
-(near-null statistics are held to 1e-6 absolutely for the same reason), p in
-log space, so that the far tails count as much as the centre."""
+"""GLM-map-conditions against statsmodels OLS and a numpy GLS of the AR fit; the GLM mask;
+threshold-p against Benjamini-Hochberg; clusters against scipy.ndimage.label.
+Values compare as |kep - oracle| / (|oracle| + floor), p in log space so the tails count."""
 import math
 
 import nibabel as nib
@@ -40,8 +33,7 @@ def run_maps(kep, study, Y, shape, before="", after=""):
 
 def oracle_ols(X, inc, Y):
     """[voxel, condition, (effect, error, t or F, log p, z)] from statsmodels on the included images."""
-    ncond = len(CONDITIONS)
-    out = np.zeros((Y.shape[0], ncond, 5))
+    out = np.zeros((Y.shape[0], len(CONDITIONS), 5))
     for v, y in enumerate(Y):
         if not y.any():
             out[v, :, 3] = 0.0  # log p of p 1
@@ -55,8 +47,7 @@ def oracle_ols(X, inc, Y):
             if len(C) == 1:
                 t = fit.t_test(C).tvalue.item()
                 logp = math.log(2) + stats.t.logsf(abs(t), fit.df_resid)
-                z = math.copysign(stats.norm.isf(math.exp(logp) / 2), t)
-                out[v, k] = eff[r], error, t, logp, z
+                out[v, k] = eff[r], error, t, logp, math.copysign(stats.norm.isf(math.exp(logp) / 2), t)
             else:
                 f = fit.f_test(C)
                 F = float(np.squeeze(f.fvalue))
@@ -80,9 +71,7 @@ def compare(got, expected, floor_effect):
 # excluded images cost the float32 fit about a decimal digit
 @pytest.mark.parametrize("exclude,tolerance", [({}, 1e-5), ({1: [(3, 5)]}, 1e-4)])
 def test_maps_match_statsmodels_for_every_condition(kep, exclude, tolerance):
-    """Conditions of one row (t, two-sided p, z signed like t) and of three rows
-    (F, upper-tail p, one-sided z); an all-zero voxel has zero residual: 0 effect,
-    error and statistic, p 1 and z 0."""
+    """One-row (t) and three-row (F) conditions; an all-zero voxel gives 0, 0, 0, p 1, z 0."""
     rng = np.random.default_rng(3)
     study, shape = make_study(exclude=exclude), (5, 4, 3)
     Y = gm.simulate(rng, study, shape, sd=SD)
@@ -94,16 +83,14 @@ def test_maps_match_statsmodels_for_every_condition(kep, exclude, tolerance):
     live = np.ones(len(Y), bool)
     live[7] = False
     worst = compare(maps[live], oracle_ols(study.design(), study.include(), Y)[live], floor_effect=SD / 100)
-    print(worst)
-    assert max(worst.values()) < tolerance
+    assert max(worst.values()) < tolerance, worst
     # Null and strong voxels both present: p spans the range, near 1 for near-null voxels.
     p = maps[live, :, 3]
     assert p.max() > 0.9 and p.min() < 1e-8
 
 
 def gls_oracle(X, inc, Y, rho):
-    """The whitened refit of each voxel with its coefficients: effect, error, t, log p, z
-    for the one-row conditions (columns as in CONDITIONS, F rows skipped)."""
+    """Whitened refit per voxel: effect, error, t, log p, z of the one-row conditions."""
     dof = inc.sum() - X.shape[1]
     out = np.full((Y.shape[0], len(CONDITIONS), 5), np.nan)
     for v in np.flatnonzero(np.any(Y != 0, axis=1)):
@@ -124,42 +111,31 @@ def gls_oracle(X, inc, Y, rho):
     return out
 
 
-def head_mask(shape):
-    x, y, z = np.meshgrid(*(np.arange(n) for n in shape), indexing="ij")
-    return gm.series(((x - 2.5) ** 2 / 9 + (y - 2) ** 2 / 6 + (z - 1.5) ** 2 / 4 <= 1.0)[..., None])[:, 0] > 0
-
-
 @pytest.mark.parametrize("order,phi", [(1, [0.45]), (2, [0.3, 0.25])])
 def test_ar_maps_match_generalized_least_squares(kep, order, phi):
-    """With `AR p`, and a GLM mask narrower than the data: voxels outside the
-    mask are neither fitted nor used by the smoothing of the coefficients."""
+    """Voxels outside the GLM mask are neither fitted nor used by the coefficient smoothing."""
     rng = np.random.default_rng(30 + order)
     study, shape = make_study(f"AR {order} 5\n"), (6, 5, 4)
     X, inc = study.design(), study.include()
     Y = gm.simulate(rng, study, shape, phi, SD)
-    mask = head_mask(shape)
-    save(kep, "mask.nii", gm.grid(mask[:, None].astype(np.float32), shape))
+    x, y, z = np.meshgrid(*(np.arange(n) for n in shape), indexing="ij")  # an ellipsoid "head"
+    mask = gm.series(((x - 2.5) ** 2 / 9 + (y - 2) ** 2 / 6 + (z - 1.5) ** 2 / 4 <= 1.0)[..., None])[:, 0] > 0
+    write_nifti(kep.path("mask.nii"), gm.grid(mask[:, None].astype(np.float32), shape), gm.RES)
     _, maps = run_maps(kep, study, Y, shape, before="read mask.nii mask\nset glm-mask mask\n")
     rho = gm.ar_fit(X, inc, np.where(mask[:, None], Y, 0), shape, order, 5)
     expected = gls_oracle(X, inc, np.where(mask[:, None], Y, 0), rho)
     one_row = [k for k, w in enumerate(CONDITIONS) if "," not in w]
     worst = compare(maps[mask][:, one_row], expected[mask][:, one_row], floor_effect=SD / 100)
-    print(f"AR {order}: {worst}")
-    assert max(worst.values()) < 1e-4
+    assert max(worst.values()) < 1e-4, worst
     np.testing.assert_array_equal(maps[~mask], np.tile([0, 0, 0, 1, 0], ((~mask).sum(), len(CONDITIONS), 1)))
 
 
-def save(kep, name, values, res=gm.RES):
-    write_nifti(kep.path(name), values, res)
-
-
 def test_glm_mask_is_checked_at_the_command(kep):
-    """A mask of another size fails at the command and creates nothing; an empty mask warns
-    and fits nothing."""
+    """A mask of another size fails and creates nothing; an empty mask warns and fits nothing."""
     study = make_study()
     study.write(kep.dir, np.ones((5, 4, 3, study.ntime)))
-    save(kep, "small.nii", np.ones((5, 4, 2)))
-    save(kep, "empty.nii", np.zeros((5, 4, 3)))
+    write_nifti(kep.path("small.nii"), np.ones((5, 4, 2)), gm.RES)
+    write_nifti(kep.path("empty.nii"), np.zeros((5, 4, 3)), gm.RES)
     # At the prompt an error does not end the session.
     r = kep.stdin("""read-GLM study.glm
 read small.nii small
@@ -183,26 +159,22 @@ show glm-mask
 
 
 def read_overlay(path):
-    text = path.read_text().split("\n")
-    return {tuple(int(w) for w in line.split()[:3]) for line in text if line.strip()}
+    return {tuple(int(w) for w in line.split()[:3]) for line in path.read_text().split("\n") if line.strip()}
 
 
 def voxels_of(flags, shape):
-    idx = np.argwhere(gm.grid(np.asarray(flags)[:, None], shape)[..., 0])
-    return {tuple(int(i) for i in v) for v in idx}
+    return {tuple(int(i) for i in v) for v in np.argwhere(gm.grid(np.asarray(flags)[:, None], shape)[..., 0])}
 
 
 @pytest.mark.parametrize("masked", [False, True])
 def test_threshold_p_against_benjamini_hochberg(kep, masked):
-    """FDR, Bonferroni and uncorrected sets over the non-zero p voxels (or the
-    mask's voxels), the printed cut-off, the overlay logic, and an FDR level no
-    voxel passes."""
+    """FDR, Bonferroni and uncorrected sets over the tested voxels, the cut-off, overlay logic."""
     rng = np.random.default_rng(6)
     study, shape = make_study(), (7, 6, 5)
     Y = gm.simulate(rng, study, shape, sd=SD)
     Y[rng.random(len(Y)) < 0.1] = 0  # outside the head: p 1 in the map
     mask = rng.random(shape) < 0.5
-    save(kep, "mask.nii", mask)
+    write_nifti(kep.path("mask.nii"), mask, gm.RES)
     setup = "read mask.nii mask\nset glm-mask mask\n" if masked else ""
     r, maps = run_maps(kep, study, Y, shape, before=setup, after="""threshold-p fdr 0.05 maps>3
 write-overlay fdr.ovl
@@ -231,15 +203,14 @@ write-overlay nothing.ovl
 
 
 def test_clusters_against_scipy_label(kep):
-    """Clusters above +2.3 and below -2.3 with full (26) connectivity, at least 3
-    voxels, one touching the volume's corner; table, index map and overlay."""
+    """Clusters beyond +-2.3, 26-connected, at least 3 voxels, one in the corner."""
     rng = np.random.default_rng(12)
     shape, res = (11, 9, 7), (2.5, 3.0, 3.5)
     z = ndimage.gaussian_filter(rng.normal(0, 1, shape), 1.0)
     z *= 2.0 / z.std()
     z[:2, :2, :2] = 6.0  # a cluster in the corner
     z[-1, -1, -1] = -7.0  # a single voxel, below the minimum size
-    save(kep, "z.nii", z, res)
+    write_nifti(kep.path("z.nii"), z, res)
     r = kep.script("read z.nii z\nclusters 2.3 3 cl z\nwrite-float cl.nii cl\nwrite-overlay cl.ovl\n")
     assert "Error" not in r.stdout + r.stderr, r
     affine = nib.load(str(kep.path("cl.nii"))).affine

@@ -1,6 +1,8 @@
 """The help menu reader on small menu files."""
 import subprocess
 
+import pytest
+
 from conftest import KEP
 
 MENU = """!0 0
@@ -21,66 +23,51 @@ add text
 !2 2
 abs text
 """
-
-
-def run(tmp_path, menu, answers, home=True):
-    doc = tmp_path / "documentation"
-    doc.mkdir(exist_ok=True)
-    (doc / "kep-menu.txt").write_text(menu)
-    env = {"PATH": "/usr/bin:/bin"}
-    if home:
-        env["KEP_HOME"] = str(tmp_path)
-    p = subprocess.run([str(KEP)], input=("help\n" + answers).encode(), cwd=tmp_path,
-                       capture_output=True, env=env)
-    return p.stdout.decode(), p.stderr.decode()
-
-
 FOOTER = ("----------------------------------------------\n"
           "--- choose item: 0 = main menu, return = back \n"
           "----------------------------------------------\n")
+MAIN, MATHS = "Main menu\n 1 files\n 2 maths\n" + FOOTER, "Maths menu\n 1 add\n 2 abs\n" + FOOTER
+OWN = "Main menu\n" + FOOTER
+BAD = "Bad option. Choose '0', 'b', 'q', or a number from 1 to 2\n"
 
 
-def test_navigation_through_menus_and_items(tmp_path):
+def run(tmp_path, menu, answers, home=True):
+    """(stdout, stderr, path of the menu file) of `help` then `answers`."""
+    doc = tmp_path / "documentation"
+    doc.mkdir(exist_ok=True)
+    (doc / "kep-menu.txt").write_text(menu)
+    env = {"PATH": "/usr/bin:/bin", **({"KEP_HOME": str(tmp_path)} if home else {})}
+    p = subprocess.run([str(KEP)], input=("help\n" + answers).encode(), cwd=tmp_path, capture_output=True, env=env)
+    return p.stdout.decode(), p.stderr.decode(), doc / "kep-menu.txt"
+
+
+@pytest.mark.parametrize("menu,answers,pages", [
     # answers are read as scanf reads a number ("2nd" is 2, "00" is 0); an empty one at the top leaves
-    out, err = run(tmp_path, MENU, "2nd\n2\nb\n7\nx\n1st\n00\n\nshow io-increment\nquit\n")
-    path = tmp_path / "documentation" / "kep-menu.txt"
-    main, maths = "Main menu\n 1 files\n 2 maths\n" + FOOTER, "Maths menu\n 1 add\n 2 abs\n" + FOOTER
-    bad = "Bad option. Choose '0', 'b', 'q', or a number from 1 to 2\n"
-    assert out == (f"kep > Help from file {path}\n" + main + "help > " + maths + "help >> "
-                   + "abs text\n" + FOOTER + "help >> " + maths + "help >> " + bad + maths + "help >> "
-                   + bad + maths + "help >> " + "add text\n" + FOOTER + "help >> " + main + "help > "
-                   + "kep > \tio-increment    0\nkep > ")
+    (MENU, "2nd\n2\nb\n7\nx\n1st\n00\n\nshow io-increment\nquit\n",
+     [MAIN, "help > ", MATHS, "help >> ", "abs text\n", FOOTER, "help >> ", MATHS, "help >> ", BAD, MATHS,
+      "help >> ", BAD, MATHS, "help >> ", "add text\n", FOOTER, "help >> ", MAIN, "help > ",
+      "kep > \tio-increment    0\nkep > "]),
+    # a main menu whose items are its own sections
+    ("!0 0\nMain menu\n!0 1\nfirst item\n!0 2\nsecond item\n", "7\n1\nb\nq\nquit\n",
+     [OWN, "help > ", BAD, OWN, "help > ", "first item\n", FOOTER, "help >> ", OWN, "help > ", "kep > "]),
+])
+def test_navigation_through_menus_and_items(tmp_path, menu, answers, pages):
+    out, err, path = run(tmp_path, menu, answers)
+    assert out == f"kep > Help from file {path}\n" + "".join(pages)
     assert err == ""
 
 
 def test_out_of_order_sections_are_reported(tmp_path):
-    out, _ = run(tmp_path, "!0 0\nmain\n!0 1\none\n!0 3\nthree\n", "quit\n")
-    path = tmp_path / "documentation" / "kep-menu.txt"
-    assert (f"Warning: menu entry 2 in file {path} is 0 3,\n"
-            "but it should be either 0 2 or 1 1,\n") in out
+    out, _, path = run(tmp_path, "!0 0\nmain\n!0 1\none\n!0 3\nthree\n", "quit\n")
+    assert f"Warning: menu entry 2 in file {path} is 0 3,\nbut it should be either 0 2 or 1 1,\n" in out
     assert "help >" not in out
 
 
 def test_missing_home_and_missing_file(tmp_path):
-    out, _ = run(tmp_path, MENU, "quit\n", home=False)
+    out, _, _ = run(tmp_path, MENU, "quit\n", home=False)
     assert "For help, quit and define the environment variable KEP_HOME, and then re-start.\n" in out
     env = {"PATH": "/usr/bin:/bin", "KEP_HOME": str(tmp_path / "nowhere")}
-    p = subprocess.run([str(KEP)], input=b"help\nquit\n", cwd=tmp_path, capture_output=True, env=env)
-    out = p.stdout.decode()
+    out = subprocess.run([str(KEP)], input=b"help\nquit\n", cwd=tmp_path, capture_output=True, env=env).stdout.decode()
     assert f"Error: cannot open the file {tmp_path}/nowhere/documentation/kep-menu.txt.\n" in out
     assert f"The environment variable KEP_HOME is set to {tmp_path}/nowhere\n" in out
     assert "If this is incorrect, quit, define this environment variable, and re-start.\n" in out
-
-
-def test_items_of_the_main_menu_are_its_own_sections(tmp_path):
-    menu = "!0 0\nMain menu\n!0 1\nfirst item\n!0 2\nsecond item\n"
-    out, _ = run(tmp_path, menu, "7\n1\nb\nq\nquit\n")
-    path = tmp_path / "documentation" / "kep-menu.txt"
-    expected = (f"kep > Help from file {path}\n"
-                "Main menu\n" + FOOTER + "help > "
-                "Bad option. Choose '0', 'b', 'q', or a number from 1 to 2\n"
-                "Main menu\n" + FOOTER + "help > "
-                "first item\n" + FOOTER + "help >> "
-                "Main menu\n" + FOOTER + "help > "
-                "kep > ")
-    assert out == expected

@@ -14,8 +14,7 @@ def nifti_bytes(dims=(2, 2, 2), datatype=16, bitpix=32, vox_offset=352.0, endian
     hdr.set_data_dtype(np.float32)
     hdr.set_data_shape((2, 2, 2))
     block = bytearray(hdr.binaryblock)
-    dim = [len(dims), *dims] + [1] * (7 - len(dims))
-    block[40:56] = struct.pack(endian + "8h", *dim)
+    block[40:56] = struct.pack(endian + "8h", *[len(dims), *dims] + [1] * (7 - len(dims)))
     block[70:74] = struct.pack(endian + "2h", datatype, bitpix)
     block[108:112] = struct.pack(endian + "f", vox_offset)
     return bytes(block) + extender
@@ -25,6 +24,9 @@ DIRECTORY = None  # a directory where a file is expected
 HEADER = "x 2\ny 2\nz 2\nt 1\n"
 RAW = nib.Nifti1Image(np.arange(24, dtype=np.float32).reshape((2, 3, 4)), np.eye(4)).to_bytes()
 PACKED = gzip.compress(RAW)
+PAIR2, HUGE2 = nib.nifti2.Nifti2PairHeader(), nib.Nifti2Header()
+PAIR2.set_data_shape((2, 2, 2))
+HUGE2.set_data_shape((2**40, 2, 2))  # 64-bit dimensions beyond an int
 CUT_GZ = "Error: cannot read the NIFTI header of the compressed file n.nii.gz; it is cut short or damaged.\n"
 
 
@@ -53,6 +55,11 @@ CUT_GZ = "Error: cannot read the NIFTI header of the compressed file n.nii.gz; i
     ({"n.nii.gz": PACKED[:12] + bytes(b ^ 0xA5 for b in PACKED[12:-8]) + PACKED[-8:]}, "Error"),
     ({"n.nii.gz": b"\x1f\x8b\x08\x00" + bytes(range(256)) * 4}, "Error"),
     ({}, "Error: cannot open Nifti file n.nii.gz.\n"),
+    ({"n.hdr": PAIR2.binaryblock, "n.img": bytes(32)},
+     "Error: n.hdr is a NIFTI-2 header; kep reads NIFTI-2 only as single files (.nii, .nii.gz).\n"),
+    ({"n.nii": nib.Nifti2Header().binaryblock[:400]}, "Error: the NIFTI-2 header of file n.nii is cut short.\n"),
+    ({"n.nii": HUGE2.binaryblock + bytes(68)},
+     "Error: the dimensions in file 'n.nii' hold more samples than kep can store.\n"),
     ({"n.hdr": DIRECTORY, "n.img": bytes(32)}, "Error: cannot open Nifti file n.hdr.\n"),
     ({"n.bshort": bytes(1000), "n.hdr": "x 1024\ny 1024\nz 256\nt 1\n"}, "Error reading file n.bshort.\n"),
     ({"n.hdr": DIRECTORY, "n.bfloat": bytes(32)}, "Error: cannot open xdisplay file n.hdr.\n"),

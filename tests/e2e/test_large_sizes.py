@@ -1,5 +1,4 @@
-"""Sizes whose sample counts overflow 32-bit arithmetic: a clear message before
-anything is allocated, and the stacks already held stay as they were."""
+"""Sample counts beyond 32 bits: a message before any allocation; the stacks held stay."""
 import numpy as np
 import pytest
 
@@ -20,8 +19,8 @@ def xdisplay_header(x, y, z, t):
 
 
 @pytest.mark.parametrize("files,name,message", [
-    # x * y exactly 2^32 (0 in 32 bits), just above the int range, one voxel of too many volumes, and a volume
-    # above half the int range
+    # x * y exactly 2^32 (0 in 32 bits), just above the int range, one voxel of too many volumes, and a volume above
+    # half the int range
     (xdisplay_header(65536, 65536, 1, 1), "e.bfloat", "65536 x 65536 x 1 x 1 in file 'e.bfloat' hold more samples"),
     (xdisplay_header(46341, 46341, 1, 1), "e.bfloat", "46341 x 46341 x 1 x 1 in file 'e.bfloat' hold more samples"),
     (xdisplay_header(1, 1, 1, 2147483647), "e.bfloat", "1 x 1 x 1 x 2147483647 in file 'e.bfloat' hold more samples"),
@@ -33,8 +32,7 @@ def xdisplay_header(x, y, z, t):
 def test_headers_with_overflowing_counts(kep, files, name, message):
     for file, content in files.items():
         kep.path(file).write_bytes(content.encode() if isinstance(content, str) else content)
-    r = held_stack_survives(kep, f"read {name} s")
-    assert message in r.stdout
+    assert message in held_stack_survives(kep, f"read {name} s").stdout
 
 
 @pytest.mark.parametrize("command,sizes", [
@@ -43,8 +41,7 @@ def test_headers_with_overflowing_counts(kep, files, name, message):
     ("pad-to 40000 s", "40000 x 40000 x 2 x 1"),
 ])
 def test_padding_beyond_the_int_range(kep, command, sizes):
-    r = held_stack_survives(kep, command)
-    assert f"Error: The stack s cannot hold {sizes} samples.\n" in r.stderr
+    assert f"Error: The stack s cannot hold {sizes} samples.\n" in held_stack_survives(kep, command).stderr
 
 
 def test_histogram_with_too_many_bins(kep):

@@ -1,6 +1,8 @@
 """The command loop, command files and `$` substitution, seen from outside."""
 import subprocess
 
+import pytest
+
 from conftest import KEP
 
 
@@ -15,24 +17,19 @@ def test_command_file_substitution_and_echo(kep):
     assert r.stderr == ""
 
 
-def test_argument_beyond_passed_words_is_fatal(kep):
-    r = kep.script("set io-increment $3\nshow io-increment\n", "x", "y")
-    assert r.returncode == 1
-    assert r.stdout == "kep > set io-increment $3\n"
-    assert r.stderr == ("Fatal error: The argument $3 exceeds the number of passed arguments (2).\n"
-                        "Program aborted.\n")
-
-
-def test_trailing_dollar_is_invalid(kep):
-    r = kep.script("show $\n")
-    assert r.stderr.startswith("Fatal error: The replacement specification is invalid.\n")
-    assert r.returncode == 1
-
-
-def test_missing_command_file(kep):
-    p = subprocess.run([str(KEP), "nothere.com"], cwd=kep.dir, capture_output=True)
+@pytest.mark.parametrize("words,stdout,stderr", [
+    (["run.com", "x", "y"], "kep > set io-increment $3\n",
+     "Fatal error: The argument $3 exceeds the number of passed arguments (2).\nProgram aborted.\n"),
+    (["bad.com"], None, "Fatal error: The replacement specification is invalid.\nProgram aborted.\n"),
+    (["nothere.com"], "", "Fatal error: I cannot open the kep command file nothere.com.\nProgram aborted.\n"),
+])
+def test_fatal_ends_of_a_command_file(kep, words, stdout, stderr):
+    kep.path("run.com").write_text("set io-increment $3\nshow io-increment\n")
+    kep.path("bad.com").write_text("show $\n")
+    p = subprocess.run([str(KEP), *words], cwd=kep.dir, capture_output=True)
     assert p.returncode == 1
-    assert p.stderr.decode() == "Fatal error: I cannot open the kep command file nothere.com.\nProgram aborted.\n"
+    assert stdout is None or p.stdout.decode() == stdout
+    assert p.stderr.decode() == stderr
 
 
 def test_mode_words_and_nesting(kep):

@@ -7,16 +7,11 @@ from conftest import assert_close, random_stack, run_ops
 SHAPE = (10, 3, 4, 6)  # t, z, y, x
 
 
-def test_average_of_a_subset(kep):
-    a = random_stack(SHAPE, 1)
-    r, out = run_ops(kep, {"a": a}, "average m a>7,1,4", ["m"])
-    assert_close(out["m"], a[[7, 1, 4]].astype(np.complex128).mean(axis=0, keepdims=True))
-
-
-def test_average_by_groups_and_epochs(kep):
+def test_average_of_a_subset_by_groups_and_by_epochs(kep):
     a = random_stack(SHAPE, 2)
-    r, out = run_ops(kep, {"a": a}, "average-by 3 g a\naverage-epochs 4 e a", ["g", "e"])
+    r, out = run_ops(kep, {"a": a}, "average m a>7,1,4\naverage-by 3 g a\naverage-epochs 4 e a", ["m", "g", "e"])
     x = a.astype(np.complex128)
+    assert_close(out["m"], x[[7, 1, 4]].mean(axis=0, keepdims=True))
     assert_close(out["g"], x[:9].reshape(3, 3, *SHAPE[1:]).mean(axis=1))
     assert_close(out["e"], x[:8].reshape(2, 4, *SHAPE[1:]).mean(axis=0))
 
@@ -28,16 +23,13 @@ def test_average_stacks_skips_zero_samples(kep):
     counted = x.real != 0
     n = counted.sum(axis=0)
     total = np.where(counted, x, 0).sum(axis=0)
-    expected = np.where(n > 0, total / np.maximum(n, 1), 0)
-    assert_close(out["m"], expected)
+    assert_close(out["m"], np.where(n > 0, total / np.maximum(n, 1), 0))
 
 
 def test_weighted_average_discounts_the_volume_far_from_the_mean_slice_by_slice(kep):
-    """Six noisy copies of one volume, the fourth one far off in slice 0 only: each slice of the
-    result is the amplitude of the copies' mean, with the outlier all but ignored where it is off."""
+    """Six noisy copies, the fourth far off in slice 0 only: it is all but ignored there."""
     base = random_stack(SHAPE[1:], 6) + 3
-    noise = 1e-3 * random_stack((6,) + SHAPE[1:], 7)
-    a = (base[None] + noise).astype(np.complex64)
+    a = (base[None] + 1e-3 * random_stack((6,) + SHAPE[1:], 7)).astype(np.complex64)
     a[3, 0] += 5
     r, out = run_ops(kep, {"a": a}, "weighted-average w a>0-5", ["w"])
     good = np.abs(np.delete(a, 3, axis=0).astype(np.complex128).mean(axis=0))

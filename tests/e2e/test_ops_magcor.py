@@ -13,30 +13,21 @@ def band(n, fraction, far_inclusive):
 def corrected(x, region):
     """Subtracts the mean of the nonzero samples in `region` from every nonzero sample."""
     nonzero = x != 0
-    base = x[region & nonzero].mean()
-    return np.where(nonzero, x - base, 0)
+    return np.where(nonzero, x - x[region & nonzero].mean(), 0)
 
 
-def test_baseline_of_the_stack_from_its_corners(kep):
-    shape = (2, 3, 32, 48)
-    a = random_stack(shape, 1, zeros=0.1) + 0.5
+def test_baseline_of_the_stack_and_of_each_volume_from_their_corners(kep):
+    a = random_stack((2, 3, 32, 48), 1, zeros=0.1) + 0.5
     a[a.real == 0.5] = 0
-    r, out = run_ops(kep, {"a": a}, "baseline-correct a>1", ["a"])
+    b = random_stack((3, 2, 32, 40), 2) + np.arange(3)[:, None, None, None]
+    r, out = run_ops(kep, {"a": a, "b": b}, "baseline-correct a>1\nbaseline-correct-volumes b>0,2", ["a", "b"])
     region = band(32, 16, True)[:, None] & band(48, 16, True)[None, :]
-    x = a.astype(np.complex128)
-    assert_close(out["a"], corrected(x, np.broadcast_to(region, shape)), rtol=1e-5, atol=1e-6)
-
-
-def test_baseline_of_each_volume_from_wider_corners(kep):
-    shape = (3, 2, 32, 40)
-    a = random_stack(shape, 2) + np.arange(3)[:, None, None, None]
-    r, out = run_ops(kep, {"a": a}, "baseline-correct-volumes a>0,2", ["a"])
-    region = band(32, 8, False)[:, None] & band(40, 8, False)[None, :]
-    x = a.astype(np.complex128)
-    expected = x.copy()
+    assert_close(out["a"], corrected(a.astype(np.complex128), np.broadcast_to(region, a.shape)), rtol=1e-5, atol=1e-6)
+    region = band(32, 8, False)[:, None] & band(40, 8, False)[None, :]  # wider corners
+    expected = b.astype(np.complex128)
     for t in (0, 2):
-        expected[t] = corrected(x[t], np.broadcast_to(region, shape[1:]))
-    assert_close(out["a"], expected, rtol=1e-5, atol=1e-6)
+        expected[t] = corrected(expected[t], np.broadcast_to(region, b.shape[1:]))
+    assert_close(out["b"], expected, rtol=1e-5, atol=1e-6)
 
 
 def test_scale_and_normalize(kep):

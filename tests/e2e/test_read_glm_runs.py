@@ -1,5 +1,4 @@
-"""read-GLM puts the runs straight into "glm": what it prints and holds is what reading each run
-into its own stack, joining them with `copy` and deleting them would print and hold."""
+"""read-GLM reads the runs straight into "glm", printing and holding what read, copy, delete would."""
 import gzip
 
 import nibabel as nib
@@ -23,8 +22,7 @@ def write_run(directory, name, data, seed):
     img.header["pixdim"][4] = 2.0
     img.header.set_slope_inter(1.5, 10.0 + seed)  # scaling applied on reading
     if name.endswith(".gz"):
-        raw = nib.Nifti1Image(img.get_fdata(dtype=np.float32), img.affine, img.header)
-        nib.save(raw, directory / name[:-3])
+        nib.save(nib.Nifti1Image(img.get_fdata(dtype=np.float32), img.affine, img.header), directory / name[:-3])
         (directory / name).write_bytes(gzip.compress((directory / name[:-3]).read_bytes()))
     else:
         nib.save(img, directory / name)
@@ -53,8 +51,7 @@ def test_runs_read_straight_into_glm(kep, runs, lengths):
     rng = np.random.default_rng(len(runs))
     held = []
     for seed, (name, nt) in enumerate(zip(runs, lengths)):
-        data = rng.normal(100.0, 30.0, SHAPE + (nt,))
-        held.append(write_run(kep.dir, name, data, seed))
+        held.append(write_run(kep.dir, name, rng.normal(100.0, 30.0, SHAPE + (nt,)), seed))
         kep.path(f"e{seed}.glm").write_text(EVENTS.format(nt=nt))
     kep.path("study.glm").write_text("runs:\n" + "".join(f"{n} e{i}.glm\n" for i, n in enumerate(runs)))
     total = sum(lengths)
@@ -65,13 +62,11 @@ def test_runs_read_straight_into_glm(kep, runs, lengths):
     assert stack_line(r.stdout, "glm")[:5] == [str(x), str(y), str(z), str(total), "mag-phase"]
     values, fields = read_xdisplay(kep.dir, "glm")
     np.testing.assert_array_equal(values, np.concatenate(held, axis=3).astype(np.float32))
-    first_resolution = [2.5, 3.25, 4.5]
-    assert [float(v) for v in fields["resolution"][:3]] == first_resolution
+    assert [float(v) for v in fields["resolution"][:3]] == [2.5, 3.25, 4.5]
 
 
 def test_runs_with_a_subset_or_of_other_sizes_go_through_run_stacks(kep):
-    rng = np.random.default_rng(5)
-    a = write_run(kep.dir, "a.nii", rng.normal(size=SHAPE + (6,)), 0)
+    a = write_run(kep.dir, "a.nii", np.random.default_rng(5).normal(size=SHAPE + (6,)), 0)
     write_xdisplay(kep.dir, "small.bfloat", np.ones((3, 3, 3, 4)), np.float32)
     kep.path("e.glm").write_text(EVENTS.format(nt=4))
     kep.path("subset.glm").write_text("runs:\na.nii>1-4 e.glm\na.nii>0-3 e.glm\n")

@@ -67,8 +67,8 @@ def test_report_of_an_analysis_parses_embeds_its_pictures_and_covers_every_condi
     text = kep.path("r.html").read_text()
     methods = text.split('class="methods">')[1]
     assert "2 runs of 30 images each" in methods and "5 mm FWHM" in methods
-    # Condition 1-2: the FDR count of an independent Benjamini-Hochberg over the head's
-    # fitted voxels, and the cluster table as kep wrote it.
+    # Condition 1-2: the FDR count of an independent Benjamini-Hochberg over the head's fitted voxels, and the cluster
+    # table as kep wrote it.
     section = text.split('data-condition="1-2"')[1]
     maps = np.asanyarray(nib.load(kep.path("maps.nii")).dataobj)
     mean = np.asanyarray(nib.load(kep.path("mean.nii")).dataobj).reshape(maps.shape[:3])
@@ -80,8 +80,8 @@ def test_report_of_an_analysis_parses_embeds_its_pictures_and_covers_every_condi
     shown = re.findall(r"<tr>((?:<td>[^<]*</td>)+)</tr>", section.split("blobs.clusters")[1])[:len(rows)]
     np.testing.assert_allclose([[float(v) for v in re.findall(r"<td>([^<]*)</td>", tr)] for tr in shown],
                                np.array(rows, dtype=float), rtol=1e-5)
-    # The p histogram shows the bins kep wrote to hist.dat, and the conditions' voxel
-    # counts from the log add up to the pooled total.
+    # The p histogram shows the bins kep wrote to hist.dat, and the conditions' voxel counts from the log add up to the
+    # pooled total.
     hist = np.loadtxt(kep.path("hist.dat"), skiprows=1)
     section = text.split('id="histogram"')[1]
     shown = np.array(re.findall(r"<tr><td>([^<]*)</td><td>([^<]*)</td><td>([^<]*)</td></tr>",

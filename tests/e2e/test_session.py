@@ -1,5 +1,5 @@
-"""A session: failing commands end command files, Ctrl-C, suggestions for unknown
-commands, help on one command, `show` of every variable, quoted file names."""
+"""A session: failing commands in command files, Ctrl-C, suggestions, help on one command, `show`,
+quoted file names, warnings."""
 import os
 import signal
 import threading
@@ -14,17 +14,13 @@ import glm_model as gm
 from conftest import KEP, KepSession, SOURCE, stack_line, write_nifti
 
 
-def save(path, data, dtype=np.float32):
-    write_nifti(path, data, (2.0, 3.0, 4.0), dtype)
-
-
 @pytest.mark.parametrize("lines,word", [
     ("read nothing.nii x\n", "read"),
     ("set nifti-method 7\n", "set"),
     ("read-loop subj1.nii s\nread nothing.nii x\nend-loop\n", "read"),
 ])
 def test_lines_of_mode_files_and_read_loops_follow_the_same_rule(kep, lines, word):
-    save(kep.path("subj1.nii"), np.ones((2, 2, 2, 3)))
+    write_nifti(kep.path("subj1.nii"), np.ones((2, 2, 2, 3)))
     kep.path("inner.com").write_text(lines + "show nifti-method\n")
     r = kep.stdin("mode inner.com\nshow io-increment\n")
     assert r.returncode == 1
@@ -37,26 +33,21 @@ def cpu_ticks(pid):
     return int(fields[11]) + int(fields[12])
 
 
-def interrupt_when_busy(proc, command, ticks=2):
-    """Sends a command and, once kep has spent `ticks` clock ticks of CPU on
-    it, Ctrl-C. kep runs at the lowest priority, so it hardly moves on between
-    the look and the signal even on a loaded machine."""
-    before = cpu_ticks(proc.pid)
-    proc.stdin.write(command.encode())
-    proc.stdin.flush()
+def interrupt_when_busy(s, command, ticks=2):
+    """Sends a command and Ctrl-C once kep (at the lowest priority) spent `ticks` of CPU on it."""
+    before = cpu_ticks(s.proc.pid)
+    s.proc.stdin.write(command.encode())
+    s.proc.stdin.flush()
     end = time.time() + 300
-    while cpu_ticks(proc.pid) < before + ticks:
-        assert time.time() < end and proc.poll() is None
+    while cpu_ticks(s.proc.pid) < before + ticks:
+        assert time.time() < end and s.proc.poll() is None
         time.sleep(0.001)
-    proc.send_signal(signal.SIGINT)
-
-
-def low_priority():
-    os.nice(19)
+    s.proc.send_signal(signal.SIGINT)
+    s.prompts += 1  # the prompt after the interrupted command
 
 
 def session(kep, lines):
-    s = KepSession(kep.dir, str(KEP), preexec_fn=low_priority)
+    s = KepSession(kep.dir, str(KEP), preexec_fn=lambda: os.nice(19))
     # a kep that never answers is ended, so that no read waits for ever
     watchdog = threading.Timer(600, s.proc.kill)
     watchdog.daemon = True
@@ -67,7 +58,7 @@ def session(kep, lines):
 
 def test_ctrl_c_at_the_prompt_gives_a_fresh_prompt_and_keeps_the_stacks(kep):
     data = np.random.default_rng(2).random((4, 3, 2, 2))
-    save(kep.path("a.nii"), data)
+    write_nifti(kep.path("a.nii"), data)
     s = session(kep, "read a.nii a\n")
     s.proc.send_signal(signal.SIGINT)
     s.prompts = 1  # Ctrl-C prompts again
@@ -89,13 +80,12 @@ def test_a_second_ctrl_c_within_a_second_ends_kep(kep):
 
 def test_ctrl_c_stops_a_transform_and_names_the_stack_it_left_incomplete(kep):
     rng = np.random.default_rng(3)
-    save(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
-    save(kep.path("b.nii"), rng.random((4, 4, 2, 2)))
+    write_nifti(kep.path("a.nii"), rng.random((64, 64, 16, 2)))
+    write_nifti(kep.path("b.nii"), rng.random((4, 4, 2, 2)))
     s = session(kep, "read a.nii a\nread b.nii b\n")
-    # a long command on little memory; b, last in the list, is given pairs for the transform when
-    # the line is decoded but never rewritten: a change of form is not a rewrite
-    interrupt_when_busy(s.proc, "transform-xyz" + " a" * 500 + " b\n")
-    s.prompts += 1
+    # a long command on little memory; b, last in the list, is given pairs for the transform when the line is decoded
+    # but never rewritten: a change of form is not a rewrite
+    interrupt_when_busy(s, "transform-xyz" + " a" * 500 + " b\n")
     out = s.send("show-stacks\n")
     assert stack_line(out, "a") and stack_line(out, "b")
     out, err, rc = s.finish()
@@ -104,16 +94,11 @@ def test_ctrl_c_stops_a_transform_and_names_the_stack_it_left_incomplete(kep):
                                 "part-way through rewriting it."]
 
 
-def glm_study(directory):
-    study = gm.Study(nimg=100, terms=3, header="AR 2 6\n")
-    study.write(directory, 100.0 + np.random.default_rng(4).standard_normal((40, 40, 16, 200)))
-
-
 def test_ctrl_c_stops_a_glm_fit_and_removes_the_map_it_was_creating(kep):
-    glm_study(kep.dir)
+    study = gm.Study(nimg=100, terms=3, header="AR 2 6\n")
+    study.write(kep.dir, 100.0 + np.random.default_rng(4).standard_normal((40, 40, 16, 200)))
     s = session(kep, "read-GLM study.glm\n")
-    interrupt_when_busy(s.proc, "GLM-fit-events effects\n")
-    s.prompts += 1
+    interrupt_when_busy(s, "GLM-fit-events effects\n")
     out = s.send("show-stacks\n")
     assert stack_line(out, "glm")[:4] == ["40", "40", "16", "200"]
     assert stack_line(out, "effects") is None
@@ -144,16 +129,14 @@ def test_help_opens_a_commands_own_item(kep):
     r = kep.stdin("help smooth-3d\nq\nhelp no-such-command\nq\n")
     items = (SOURCE / "documentation" / "kep-menu.txt").read_text().split("\n!")
     smooth = next(i for i in items if i.split("\n", 1)[1].startswith("smooth-3d "))
-    first = r.stdout.split("help >> ")[0]
-    assert smooth.split("\n", 1)[1] in first
+    assert smooth.split("\n", 1)[1] in r.stdout.split("help >> ")[0]
     assert "There is no help item for `no-such-command'.\n" in r.stdout
     # without an item, the help starts at the main menu
     assert items[0].split("\n", 1)[1] in r.stdout.split("There is no help item")[1]
 
 
 def test_show_without_a_name_shows_every_variable(kep):
-    r = kep.stdin("set io-increment 2\nset filter-range 2 3\nset histogram 0 10 3\nshow\n")
-    assert r.stdout.endswith(
+    assert kep.stdin("set io-increment 2\nset filter-range 2 3\nset histogram 0 10 3\nshow\n").stdout.endswith(
         "kep > \toverlay-logic   replace\n\tcomplex-output  OFF\n\tio-increment    2\n\tslice-order     \n"
         "\tmap-array      \n\tarray-offset    0\tarray_scale    1\n\tfilter-range    2 3 (1)\n"
         "\t\t\tAlignment variables (rigid body)\n\t\t\t------------------\n"
@@ -164,7 +147,7 @@ def test_show_without_a_name_shows_every_variable(kep):
 def test_quoted_file_names_keep_their_blanks(kep):
     data = np.random.default_rng(7).random((3, 5, 2, 3))
     (kep.dir / "scans dir").mkdir()
-    save(kep.path("scans dir/my scan.nii"), data)
+    write_nifti(kep.path("scans dir/my scan.nii"), data)
     r = kep.stdin('read "scans dir/my scan.nii">1-2 s\nread "scans dir/my scan.nii"\n'
                   'write-float "out one.nii" s\nshow-stacks\n')
     assert r.stderr == ""
@@ -175,8 +158,7 @@ def test_quoted_file_names_keep_their_blanks(kep):
     # words passed on the command line keep their blanks inside quotes
     r = kep.script('read "$1" t\nwrite-float "$2" t\n', "scans dir/my scan.nii", "out two.nii")
     assert "Fatal" not in r.stderr, r
-    got = np.asanyarray(nib.load(kep.path("out two.nii")).dataobj)
-    np.testing.assert_array_equal(got, data.astype(np.float32))
+    np.testing.assert_array_equal(np.asanyarray(nib.load(kep.path("out two.nii")).dataobj), data.astype(np.float32))
 
 
 def patch_pixdim(path, index, value):
@@ -198,7 +180,7 @@ def glm_case(kep, tr=None, nan=0, **study):
 def stack_case(kep, nan=0, zooms=(2.0, 3.0, 4.0)):
     data = np.random.default_rng(7).random((7, 5, 3, 2))
     data.flat[[4, 40, 77][:nan]] = np.nan
-    save(kep.path("s.nii"), data)
+    write_nifti(kep.path("s.nii"), data)
     for axis, size in enumerate(zooms):
         patch_pixdim(kep.path("s.nii"), axis + 1, size)
 
@@ -248,8 +230,8 @@ def test_show_stacks_names_nan_and_infinite_samples_only_when_there_are_some(kep
     data = np.random.default_rng(8).random((3, 4, 5, 2))
     data.flat[[3, 50]] = np.nan
     data.flat[7] = -np.inf
-    save(kep.path("bad.nii"), data)
-    save(kep.path("good.nii"), np.ones(data.shape))
+    write_nifti(kep.path("bad.nii"), data)
+    write_nifti(kep.path("good.nii"), np.ones(data.shape))
     out = kep.stdin("read bad.nii bad\nread good.nii good\nshow-stacks\n").stdout
     listing = out[out.index("stack name"):]
     assert "bad holds 2 NaN and 1 infinite samples.\n" in listing

@@ -1,13 +1,10 @@
-"""Stacks whose imaginary parts are all zero keep their real parts alone. Nothing a user sees may
-depend on it: values and bytes at the boundaries (real and complex stacks in one command, an
-operation that first creates imaginary parts, a return to real, the sign of a zero imaginary
-part) against numpy, and the memory a read of real data takes."""
-import subprocess
+"""Stacks of real samples keep no imaginary parts; nothing a user sees may depend on it (values and
+bytes at the boundaries against numpy), and a read of real data takes its float size."""
 
 import numpy as np
 import pytest
 
-from conftest import KEP, read_complex, write_nifti, write_xdisplay
+from conftest import read_complex, write_nifti, write_xdisplay
 from test_faults import sanitized
 from test_transfilt import centred
 
@@ -21,8 +18,7 @@ def data(seed, complex_=False):
 
 
 def run(kep, files, commands, outputs):
-    """files: name -> (x, y, z, t) array, complex ones written as pairs; returns the written stacks
-    as (x, y, z, t) arrays read back with complex output on."""
+    """files: name -> (x, y, z, t) array; returns the `outputs` read back with complex output on."""
     for name, values in files.items():
         write_xdisplay(kep.dir, f"{name}.bfloat", values, pairs=np.iscomplexobj(values))
     lines = ["set complex-output on"] + [f"read {name}.bfloat {name}" for name in files] + commands
@@ -33,8 +29,8 @@ def run(kep, files, commands, outputs):
 
 
 def test_real_and_complex_stacks_in_one_command(kep):
-    # Magnitude files are read as polar stacks: constants touch their real parts only, and a
-    # complex partner brings its imaginary parts to sums, averages and copies.
+    # Magnitude files are read as polar stacks: constants touch their real parts only, and a complex partner brings its
+    # imaginary parts to sums, averages and copies.
     r, c = data(1), data(2, complex_=True)
     both = np.concatenate([r, c], axis=3)
     mean, joined, total, scaled = run(kep, {"r": r, "c": c},
@@ -59,8 +55,8 @@ def test_transformed_real_stack_converted_back_to_real(kep):
 
 
 def test_non_polar_real_stack_takes_constants_on_both_parts(kep):
-    # A complex file whose imaginary parts are +0 becomes real-only after an operation that keeps
-    # them so; it is still a complex (non-polar) stack, so a constant reaches both parts.
+    # A complex file whose imaginary parts are +0 becomes real-only after an operation that keeps them so; it is still a
+    # complex (non-polar) stack, so a constant reaches both parts.
     c = data(5) + 0j
     write_xdisplay(kep.dir, "c.bfloat", c, pairs=True)
     (result,) = run(kep, {}, ["read c.bfloat c", "mirror-left-right c", "mirror-left-right c", "add-constant 1 c"],
@@ -69,8 +65,8 @@ def test_non_polar_real_stack_takes_constants_on_both_parts(kep):
 
 
 def test_zero_imaginary_parts_keep_their_sign(kep):
-    # Parts of exactly +0 let a stack drop them; -0 would then come back as +0 in a complex file,
-    # so a stack holding -0 keeps its pairs.
+    # Parts of exactly +0 let a stack drop them; -0 would then come back as +0 in a complex file, so a stack holding -0
+    # keeps its pairs.
     r = data(4).astype(np.float32)
     pairs = np.empty((2 * SHAPE[0],) + SHAPE[1:], np.float32)
     pairs[0::2], pairs[1::2] = r, -0.0
@@ -79,16 +75,6 @@ def test_zero_imaginary_parts_keep_their_sign(kep):
     run(kep, {}, ["read m.bfloat m", "mirror-left-right m", "mirror-left-right m"], ["m"])
     raw = np.frombuffer(kep.path("out_m.bfloat").read_bytes(), np.float32)
     assert np.array_equal(raw[0::2], r.ravel(order="F")) and np.all(np.signbit(raw[1::2]))
-
-
-def peak_memory_of(kep, text):
-    """Peak resident memory of kep running `text`, in bytes: measured by /usr/bin/time, whose own
-    child starts small (a child of this Python process would start with its memory counted)."""
-    (kep.dir / "mem.com").write_text(text)
-    r = subprocess.run(["/usr/bin/time", "-f", "%M", str(KEP), "mem.com"], cwd=kep.dir, capture_output=True,
-                       stdin=subprocess.DEVNULL, text=True)
-    assert "Error" not in r.stdout, r.stdout
-    return int(r.stderr.split()[-1]) * 1024
 
 
 @pytest.mark.skipif(sanitized(), reason="the sanitizer's shadow memory would be counted")
@@ -100,7 +86,8 @@ def test_reading_real_data_takes_about_its_float_size(kep, name):
     else:
         write_xdisplay(kep.dir, name, values)
     write_nifti(kep.path("small.nii"), values[:2, :2, :2, :2])
-    baseline = peak_memory_of(kep, "read small.nii s\nquit\n")
-    grown = peak_memory_of(kep, f"read {name} s\nquit\n") - baseline
-    assert values.nbytes * 0.9 < grown < values.nbytes * 1.1
+    r, baseline = kep.peak_memory("read small.nii s\nquit\n")
+    r, peak = kep.peak_memory(f"read {name} s\nquit\n")
+    assert "Error" not in r.stdout, r
+    assert values.nbytes * 0.9 < peak - baseline < values.nbytes * 1.1
 

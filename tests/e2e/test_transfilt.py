@@ -56,16 +56,13 @@ def test_time_transform_refuses_stacks_of_different_sizes(kep):
 
 
 def kspace_weights(shape, fwhm, resolution, ndim):
-    """The Fourier transform of a Gaussian of the given FWHM in mm, at each sample of a volume
-    in the inverse-transformed domain: frequency k / (n r) cycles per mm, k offset by half a
-    sample from the centre."""
+    """The Fourier transform of a Gaussian of `fwhm` mm at frequencies k / (n r), k half a sample off centre."""
     sigma = fwhm / (2 * np.sqrt(2 * np.log(2)))
     w = np.ones(shape[1:])
     for axis, r in zip((3, 2, 1)[:ndim], resolution):
         n = shape[axis]
         k = np.arange(n) - n // 2 + 0.5
-        g = np.exp(-2 * (np.pi * sigma * k / (n * r)) ** 2)
-        w = w * g.reshape([n if a == axis else 1 for a in (1, 2, 3)])
+        w = w * np.exp(-2 * (np.pi * sigma * k / (n * r)) ** 2).reshape([n if a == axis else 1 for a in (1, 2, 3)])
     return w
 
 
@@ -87,8 +84,7 @@ def test_smoothing_multiplies_kspace_by_a_gaussian(kep, ndim):
 
 
 def test_smoothing_reports_each_quarter_of_a_long_list(kep):
-    data = random_stack((20, 1, 4, 4), seed=1)
-    result, _ = run_ops(kep, {"a": data}, "smooth-3d 2 a", ["a"], script=True)
+    result, _ = run_ops(kep, {"a": random_stack((20, 1, 4, 4), seed=1)}, "smooth-3d 2 a", ["a"], script=True)
     assert [line for line in result.stdout.splitlines() if "percent" in line] == [
         "25 percent done", "50 percent done", "75 percent done"]
 
@@ -99,18 +95,11 @@ def hamming(n):
 
 @pytest.mark.parametrize("command", ["hamming-window", "hamming-window-xyz"])
 def test_hamming_window_matches_numpy(kep, command):
-    shape = (2, 4, 6, 7)
-    data = random_stack(shape, seed=5)
-    written = run_ops(kep, {"a": data}, f"{command} a>0", ["a"], script=True)[1]["a"]  # the whole stack
-    wz = hamming(4) if command.endswith("xyz") else np.ones(4)
-    w = wz[:, None, None] * hamming(6)[None, :, None] * hamming(7)[None, None, :]
-    assert_single_precision(written, data * w)
-
-
-def test_hamming_window_of_one_sample_is_nan(kep):
-    data = np.ones((1, 1, 3, 1), dtype=np.complex64)
-    written = run_ops(kep, {"a": data}, "hamming-window a", ["a"], script=True)[1]["a"]
-    assert np.all(np.isnan(written.real))
+    data, one = random_stack((2, 4, 6, 7), seed=5), np.ones((1, 1, 3, 1), np.complex64)
+    out = run_ops(kep, {"a": data, "one": one}, f"{command} a>0\n{command} one", ["a", "one"], script=True)[1]
+    wz = hamming(4) if command.endswith("xyz") else np.ones(4)  # a>0: the whole stack
+    assert_single_precision(out["a"], data * wz[:, None, None] * hamming(6)[None, :, None] * hamming(7)[None, None, :])
+    assert np.all(np.isnan(out["one"].real))  # a line of one sample: 0 / 0
 
 
 def test_exponential_weighting_of_listed_volumes(kep):
@@ -124,9 +113,8 @@ def test_exponential_weighting_of_listed_volumes(kep):
 
 
 def edge_reference(volume, following=None):
-    """Sobel magnitude over the sum of amplitudes, with the wrap that maps -1 and n-1 to 0.
-
-    Below the last row of the last slice lies the first row of the following volume, if any."""
+    """Sobel magnitude over the sum of amplitudes, -1 and n-1 wrapping to 0; past the last row of the
+    last slice lies the following volume."""
     amp = np.abs(volume.astype(np.complex128))
     nz, ny, nx = amp.shape
     flat = amp.ravel()
@@ -155,8 +143,7 @@ def edge_reference(volume, following=None):
 
 
 def test_edge_filter_matches_its_wrap_rule(kep):
-    shape = (2, 2, 5, 6)
-    data = random_stack(shape, seed=8) + 2
+    data = random_stack((2, 2, 5, 6), seed=8) + 2
     written = run_ops(kep, {"a": data}, "edge-filter a", ["a"], script=True)[1]["a"]
     expected = np.stack([edge_reference(data[0], data[1]), edge_reference(data[1])])
     assert_single_precision(written, expected.astype(complex), factor=16)

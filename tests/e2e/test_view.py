@@ -27,8 +27,7 @@ def panels(stdout):
 def coloured(image, box):
     """Rows and columns of the saturated (map) pixels inside a panel's pixel box."""
     x0, x1, y0, y1 = (int(round(v)) for v in box)
-    rgb = image[y0:y1, x0:x1, :3]
-    rows, cols = np.nonzero(np.ptp(rgb, axis=2) > 0.5)
+    rows, cols = np.nonzero(np.ptp(image[y0:y1, x0:x1, :3], axis=2) > 0.5)
     return rows + y0, cols + x0
 
 
@@ -90,8 +89,7 @@ def test_thresholded_map_over_anatomy_from_nifti(tmp_path):
     r = view("montage", "F.nii", "--over", "mean.nii", "--threshold", 3, "-o", "o.png", "--dpi", 40, "-v",
              cwd=tmp_path)
     assert r.returncode == 0, r.stderr
-    image = plt.imread(tmp_path / "o.png")
-    hits = [len(coloured(image, box)[0]) for _, box, _, _ in panels(r.stdout)]
+    hits = [len(coloured(plt.imread(tmp_path / "o.png"), box)[0]) for _, box, _, _ in panels(r.stdout)]
     assert [h > 0 for h in hits] == [False, False, True, False]
 
 

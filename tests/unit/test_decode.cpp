@@ -1,15 +1,11 @@
 // Volume-list grammar and the argument decoders.
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
 #include <vector>
 
 #include "io.h"
 #include "kep-decode.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
-#include "kep.h"
 #include "test_support.h"
 #include "util.h"
 
@@ -24,8 +20,8 @@ std::vector<int> volumes_of(const volume_list *root) {
 
 class Decode : public KepTest {};
 
-// Subsets: ranges either way, letters counted from the end, "%d" reading of
-// numbers, the io-increment shift, and the syntax, range and limit errors.
+// Subsets: ranges either way, letters counted from the end, "%d" reading of numbers, the io-increment shift,
+// and the syntax, range and limit errors.
 TEST_F(Decode, SubsetTable) {
   const std::string
       syntax = "Error: A bad syntax was used in the list string.\n",
@@ -51,8 +47,8 @@ TEST_F(Decode, SubsetTable) {
       {"-1", 10, 0, {}, syntax},
       {"10", 10, 0, {}, range},
       {"n", 10, 1, {}, range},
-      // The volume limit is judged on the whole subset: a syntax error anywhere
-      // in it is reported instead of the fatal limit message.
+      // The volume limit is judged on the whole subset: a syntax error anywhere in it is reported instead of
+      // the fatal limit message.
       {"0-600000,,1", 500000, 0, {}, syntax},
       {"0-600000,q", 500000, 0, {}, syntax},
       {"3-600000-2", 500000, 0, {}, limit},
@@ -193,8 +189,8 @@ TEST_F(Decode, SliceOrderAndMapArray) {
 
 }  // namespace
 
-// One classifier for every use of a name: the kind `read` acts on, where the
-// samples are, what a write to the name produces, and the suffix cut from it.
+// One classifier for every use of a name: the kind `read` acts on, where the samples are, what a write to the
+// name produces, and the suffix cut from it.
 TEST(FileNames, OneClassifierForReadingAndWriting) {
   struct Case {
     const char *name;

@@ -1,7 +1,6 @@
-// Every deliberate end below the command loop throws one fatal that carries
-// the message, its stream and the exit status, so that only the loop prints
-// and ends the process; an exit() called directly would end this test program.
-#include <string>
+// Every deliberate end below the command loop throws one fatal that carries the message, its stream and the
+// exit status, so that only the loop prints and ends the process; an exit() called directly would end this
+// test program.
 
 #include "glm.h"
 #include "io.h"
@@ -11,8 +10,7 @@
 
 namespace {
 
-// Runs `body`, which must throw a fatal, and returns it; nothing may be
-// printed on the way.
+// Runs `body`, which must throw a fatal, and returns it; nothing may be printed on the way.
 fatal thrown(void (*body)()) {
   fatal caught;
   bool ended = false;

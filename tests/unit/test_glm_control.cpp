@@ -1,5 +1,4 @@
 // The GLM control file: keywords, run lines, limits and writing back.
-#include <cmath>
 
 #include "test_support.h"
 
@@ -51,8 +50,8 @@ TEST_F(GlmControl, KeywordsSetTheirFields) {
   EXPECT_EQ(HRF.nhrf, 1);
   EXPECT_FLOAT_EQ(GLM.event_scale[10], 1.0f);  // reset by the new read
 
-  // Only a missing word is an error: a character that names no event scales
-  // nothing, and an IRF keyword without its word keeps the earlier name.
+  // Only a missing word is an error: a character that names no event scales nothing, and an IRF keyword
+  // without its word keeps the earlier name.
   EXPECT_EQ(read_control(control_with("scale-event 3 $\nscale-event 2 ,\n")), 0);
   for (int e = 0; e < GLM_MAX_EVENTS; e++) EXPECT_FLOAT_EQ(GLM.event_scale[e], 1.0f) << e;
   EXPECT_EQ(read_control(control_with("IRF BOLD-rat\nIRF\n")), 0);
@@ -147,8 +146,8 @@ TEST_F(GlmControl, AbuttingStimuliAreSeparatedWithAResponseFunction) {
   EXPECT_FLOAT_EQ(GLM.stim_off[0][0], 6.0f);
 }
 
-// The table and response-function files a control file names: each malformed
-// one is refused with its message ('@' stands for the file's path).
+// The table and response-function files a control file names: each malformed one is refused with its message
+// ('@' stands for the file's path).
 TEST_F(GlmControl, TableAndResponseFileErrors) {
   struct Case {
     bool table;

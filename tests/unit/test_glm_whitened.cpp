@@ -18,8 +18,8 @@ struct Fitted {
 
 class GlmWhitened : public GlmTest {
  protected:
-  // Two runs of `images` images at TR 1 s, three events, quadratic drift, the
-  // first images of run one excluded, AR(order) without smoothing.
+  // Two runs of `images` images at TR 1 s, three events, quadratic drift, the first images of run one
+  // excluded, AR(order) without smoothing.
   void model(int order, int images) {
     const std::string length = std::to_string(images);
     file("r1.glm", "1 " + length + "\n\n1\n5 12\n25 32\n\n2 gamma 5\n15\n33\n\n3\n40 44\n\n-1\n0 2\n");
@@ -102,8 +102,8 @@ TEST_F(GlmWhitened, FastRefitEqualsTheWhitenedModelForEveryOrder) {
     model(order, 60);
     ASSERT_EQ(GLM.nruns, 2);
     ASSERT_EQ(GLM.include_time[1], 0);  // an excluded image inside the start-up rows
-    // Voxels of varied autocorrelation, one whose set is not positive definite
-    // (the order is lowered), fitted in sequence by each path.
+    // Voxels of varied autocorrelation, one whose set is not positive definite (the order is lowered), fitted
+    // in sequence by each path.
     std::vector<std::vector<float>> rhos;
     for (int v = 0; v < 6; v++) {
       std::vector<float> rho(order + 1, 0.0f);

@@ -1,15 +1,9 @@
-// Long runs of commands: the memory in use must not grow with the number of
-// read, transform and delete cycles.
+// Long runs of commands: the memory in use must not grow with the number of read, transform and delete
+// cycles.
 #include <malloc.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include "kep-front.h"
 #include "kep-stacks.h"
-#include "kep.h"
 #include "test_support.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -69,14 +63,13 @@ TEST_F(Load, ReadTransformDeleteCyclesHoldNoMemory) {
     after = bytes_in_use();
   });
   ASSERT_TRUE(ok);
-  // One stack of these sizes is 24 kB; a leak of a stack, a plan or a list
-  // node per cycle would add far more than this over 300 cycles.
+  // One stack of these sizes is 24 kB; a leak of a stack, a plan or a list node per cycle would add far more
+  // than this over 300 cycles.
   EXPECT_LE(after, warm + 4096) << "in use after warm-up " << warm << ", after 300 more cycles " << after;
 }
 
 TEST_F(Load, FailedReadsInACycleHoldNoMemory) {
-  // The failing paths (missing file, bad subset, overflowing header) release
-  // what they took as well.
+  // The failing paths (missing file, bad subset, overflowing header) release what they took as well.
   file("big.hdr", "x 65536\ny 65536\nz 1\nt 1\n");
   file("big.bfloat", "");
   const std::string lines[] = {"read " + dir_ + "/missing.bfloat a\n", "read " + dir_ + "/d.bfloat>7 a\n",

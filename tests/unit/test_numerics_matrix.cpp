@@ -1,5 +1,4 @@
 // Square inverses: the partial-pivoting elimination behind the whitening and the geometry.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -53,8 +52,8 @@ TEST(SquareInverse, SingularMatricesReportTheFailingRow) {
 class RandomInverse : public ::testing::TestWithParam<int> {};
 
 TEST_P(RandomInverse, RowShuffledMatricesInvertInBothPrecisions) {
-  // Rows in shuffled order make every column need a row interchange; the
-  // double case is a general random matrix, the float one diagonally dominant.
+  // Rows in shuffled order make every column need a row interchange; the double case is a general random
+  // matrix, the float one diagonally dominant.
   const int n = GetParam();
   std::mt19937 engine(1000 + n);
   std::uniform_real_distribution<double> u(-1.0, 1.0);

@@ -1,6 +1,5 @@
-// Exact tail probabilities of F and t and their z, far into the tails. The
-// expected values were computed with mpmath at 50 digits (betainc, and
-// findroot on log(erfc(z/sqrt 2)/2)), independently of this code.
+// Exact tail probabilities of F and t and their z, far into the tails. The expected values were computed with
+// mpmath at 50 digits (betainc, and findroot on log(erfc(z/sqrt 2)/2)), independently of this code.
 #include <gtest/gtest.h>
 
 #include <cmath>

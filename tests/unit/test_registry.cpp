@@ -1,10 +1,6 @@
 // The stack registry: a name installed again keeps its place, and a template passes on its status.
-#include <gtest/gtest.h>
-
-#include <string>
 
 #include "kep-stacks.h"
-#include "kep.h"
 #include "test_support.h"
 
 namespace {

@@ -1,9 +1,5 @@
 #include "test_support.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
-
 #include "kep-session.h"
 
 std::string capture_stream(FILE *stream, const std::function<void()> &body) {
