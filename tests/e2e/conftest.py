@@ -1,9 +1,11 @@
 """Shared helpers: run build/kep in a temporary directory; write and read its volume files."""
 import os
 import re
+import select
 import shutil
 import subprocess
 import tempfile
+import time
 from pathlib import Path
 
 import numpy as np
@@ -191,9 +193,11 @@ class KepSession:
         self.proc.stdin.write(text.encode())
         self.proc.stdin.flush()
         self.prompts += text.count("\n")
-        out = b""
+        out, end = b"", time.monotonic() + 60  # a kep that stops prompting fails, not hangs
         while out.count(b"kep > ") < self.prompts:
-            chunk = self.proc.stdout.read1(65536)
+            ready = select.select([self.proc.stdout], [], [], max(0.0, end - time.monotonic()))[0]
+            assert ready, ("no prompt", out)
+            chunk = os.read(self.proc.stdout.fileno(), 65536)
             assert chunk, (out, self.proc.poll())
             out += chunk
         self.prompts = 0

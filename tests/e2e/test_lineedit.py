@@ -34,9 +34,15 @@ def spawn(tmp_path):
 def finish(pid, fd):
     os.write(fd, b"quit\r")
     read_until(fd, b"\x00", timeout=2)
-    _, status = os.waitpid(pid, 0)
+    end = time.time() + 60  # a kep that does not quit fails the test instead of hanging the suite
+    while (done := os.waitpid(pid, os.WNOHANG))[0] == 0 and time.time() < end:
+        time.sleep(0.05)
     os.close(fd)
-    return os.waitstatus_to_exitcode(status)
+    if done[0] == 0:
+        os.kill(pid, 9)
+        os.waitpid(pid, 0)
+        raise AssertionError("kep did not quit")
+    return os.waitstatus_to_exitcode(done[1])
 
 
 def test_tab_completes_and_history_recalls_within_and_across_sessions(tmp_path):
