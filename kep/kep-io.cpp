@@ -448,21 +448,14 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
 
   // The samples are gathered apart and only handed to the stack once the
   // whole read has worked, so a failure leaves every stack as it was.
-  // Magnitude data keep their real parts alone (see data_stack).
-  const size_t samples = static_cast<size_t>(h.n3d) * static_cast<size_t>(count);
-  const bool magnitude = h.data_type == DATA_MAGNITUDE;
-  std::unique_ptr<float[]> reals;
-  std::unique_ptr<FCOMPLEX[]> pairs;
-  if (magnitude)
-    reals = allocate_plane<float>(samples);
-  else
-    pairs = allocate_plane<FCOMPLEX>(samples);
-  if (!reals && !pairs) {
+  read_storage storage(h.data_type == DATA_MAGNITUDE,
+                       static_cast<size_t>(h.n3d) * static_cast<size_t>(count));
+  if (!storage.allocated()) {
     printf("Error: not enough memory to read %d volumes of %d x %d x %d from file %s.\n", count, h.dim.x,
            h.dim.y, h.dim.z, file_name);
     return 1;
   }
-  if (read_volume_data(h, list, magnitude ? reals.get() : reinterpret_cast<float *>(pairs.get()))) return 1;
+  if (read_volume_data(h, list, storage.floats())) return 1;
 
   data_stack *target = nullptr;
   if (distortions) {
@@ -475,16 +468,11 @@ int read_xdisplay_file(const char *file_name, const char *stack_name, const char
     target->n4d = h.n3d * count;
     target->npts_volume = 2 * h.n3d;
     target->data_type = 0;
-    if (magnitude)
-      target->hold(std::move(reals));
-    else
-      target->hold(std::move(pairs));
+    storage.give_to(target);
     make_complex(target);  // the registration reads the fields as pairs
-  } else if (magnitude) {
-    // The header reader has checked that the file's sample counts fit.
-    target = install_stack_with_samples(stack_name, h.dim.x, h.dim.y, h.dim.z, count, std::move(reals));
   } else {
-    target = install_stack_with_samples(stack_name, h.dim.x, h.dim.y, h.dim.z, count, std::move(pairs));
+    // The header reader has checked that the file's sample counts fit.
+    target = storage.install(stack_name, h.dim.x, h.dim.y, h.dim.z, count);
   }
   set_read_geometry(target, h);
   if (distortions) {
@@ -528,6 +516,25 @@ bool plan_whole_read(const char *file_name, planned_read *plan) {
     }
   }
   return true;
+}
+
+read_storage::read_storage(bool magnitude, size_t samples) {
+  if (magnitude)
+    reals_ = allocate_plane<float>(samples);
+  else
+    pairs_ = allocate_plane<FCOMPLEX>(samples);
+}
+
+data_stack *read_storage::install(const char *name, int nx, int ny, int nz, int nt) {
+  if (reals_) return install_stack_with_samples(name, nx, ny, nz, nt, std::move(reals_));
+  return install_stack_with_samples(name, nx, ny, nz, nt, std::move(pairs_));
+}
+
+void read_storage::give_to(data_stack *s) {
+  if (reals_)
+    s->hold(std::move(reals_));
+  else
+    s->hold(std::move(pairs_));
 }
 
 int read_planned_volumes(const planned_read &plan, float *out) {

@@ -296,9 +296,9 @@ int absolute_value() {
     const int status = v->stack ? v->stack->status : 0;
     if (v->real_only()) {
       float *a = v->SpaceTime.fData;
-      const bool keep = (status & (STATUS_POLAR | STATUS_MAP)) == STATUS_MAP;
-      for (long i = 0; i < v->n3d; i++)
-        if (!keep) a[i] = (status & STATUS_POLAR) ? fabsf(a[i]) : amplitude({a[i], 0.0f}, false);
+      if ((status & (STATUS_POLAR | STATUS_MAP)) == STATUS_MAP) continue;  // a map keeps its sign
+      const bool polar_stack = (status & STATUS_POLAR) != 0;
+      for (long i = 0; i < v->n3d; i++) a[i] = polar_stack ? fabsf(a[i]) : amplitude({a[i], 0.0f}, false);
       continue;
     }
     FCOMPLEX *a = v->SpaceTime.fcData;

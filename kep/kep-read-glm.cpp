@@ -79,16 +79,9 @@ int read_glm_runs_in_place() {
   const XD_HEADER &first = runs[0].read.header;
   int64_t n4d = 0;
   if (total > MAX_NSET || !checked_product(first.n3d, total, INT_MAX / 2, &n4d)) return -1;
-  // Magnitude runs keep their real parts alone (see data_stack).
   const bool magnitude = first.data_type == DATA_MAGNITUDE;
-  std::unique_ptr<float[]> reals;
-  std::unique_ptr<FCOMPLEX[]> pairs;
-  if (magnitude)
-    reals = allocate_plane<float>(static_cast<size_t>(n4d));
-  else
-    pairs = allocate_plane<FCOMPLEX>(static_cast<size_t>(n4d));
-  if (!reals && !pairs) return -1;
-  float *out = magnitude ? reals.get() : reinterpret_cast<float *>(pairs.get());
+  read_storage storage(magnitude, static_cast<size_t>(n4d));
+  if (!storage.allocated()) return -1;
   const size_t floats_per_sample = magnitude ? 1 : 2;
 
   std::string names;
@@ -100,7 +93,8 @@ int read_glm_runs_in_place() {
     printf("macro>> read %s %s\n", GLM_input.run_name[r], stack);
     set_macro_running(1);
     fputs(run.header_text.c_str(), stdout);
-    if (read_planned_volumes(run.read, out + done * floats_per_sample)) return macro_line_failed();
+    if (read_planned_volumes(run.read, storage.floats() + done * floats_per_sample))
+      return macro_line_failed();
     // A stack of that name would have been replaced, then deleted.
     free_stack(find_stack(stack));
     report_read(run.read.header, run.read.header.nt, stack);
@@ -109,10 +103,7 @@ int read_glm_runs_in_place() {
     names += stack;
   }
   printf("macro>> copy glm %s\n", names.c_str());
-  data_stack *glm = magnitude ? install_stack_with_samples("glm", first.dim.x, first.dim.y, first.dim.z,
-                                                           static_cast<int>(total), std::move(reals))
-                              : install_stack_with_samples("glm", first.dim.x, first.dim.y, first.dim.z,
-                                                           static_cast<int>(total), std::move(pairs));
+  data_stack *glm = storage.install("glm", first.dim.x, first.dim.y, first.dim.z, static_cast<int>(total));
   // What `copy` takes from its first source, a stack read from the first run.
   data_stack source;
   set_read_geometry(&source, first);

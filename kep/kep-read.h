@@ -13,6 +13,23 @@ struct planned_read {
   std::vector<int> list;  // every volume of the file, in order
 };
 
+// Storage for samples about to be read, in the form the data take: real parts
+// alone for magnitude data, interleaved pairs otherwise (see data_stack).
+class read_storage {
+ public:
+  read_storage(bool magnitude, size_t samples);
+  bool allocated() const { return reals_ || pairs_; }
+  // Where the reader puts its floats.
+  float *floats() { return reals_ ? reals_.get() : reinterpret_cast<float *>(pairs_.get()); }
+  // The storage handed to a new stack, or to `s`.
+  data_stack *install(const char *name, int nx, int ny, int nz, int nt);
+  void give_to(data_stack *s);
+
+ private:
+  std::unique_ptr<float[]> reals_;
+  std::unique_ptr<FCOMPLEX[]> pairs_;
+};
+
 // Reads the header of `file_name` and makes the checks of a read of all its
 // volumes; false (nothing reported) when `read` itself would refuse the file.
 // What the header reader prints is left as it is.

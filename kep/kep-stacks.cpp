@@ -301,6 +301,18 @@ void copy_volume_into(data_stack *dst, long offset, const volume_list *v) {
     copy_volume(v, dst->samples.get() + offset);
 }
 
+// The listed volumes gathered into new storage of form T, which then becomes
+// the stack `name` on the first volume's grid; null after a message.
+template <typename T>
+data_stack *install_gathered(const char *name, const volume_list *first, long count) {
+  std::unique_ptr<T[]> gathered = allocate_plane<T>(static_cast<size_t>(first->n3d * count));
+  if (!gathered) alloc_error("Allocation error in fcomplex_vector().");
+  long t = 0;
+  for (const volume_list *v = first; v; v = v->next, t++) copy_volume(v, gathered.get() + t * first->n3d);
+  return install_stack_with(name, first->stack, first->dim.x, first->dim.y, first->dim.z,
+                            static_cast<int>(count), std::move(gathered));
+}
+
 size_t storage_bytes(const data_stack *s) {
   return static_cast<size_t>(s->n4d) * (s->real_only() ? sizeof(float) : sizeof(FCOMPLEX));
 }
@@ -331,23 +343,10 @@ int copy_volumes(const char *name) {
   data_stack *created = nullptr;
   if (replaces_source) {
     // The new stack replaces one of the sources: gather the volumes first,
-    // into a stack of their own that then takes the name.
-    data_stack gathered;
-    gathered.n3d = static_cast<int>(n3d);
-    gathered.n4d = static_cast<int>(n3d * count);
-    if (all_real)
-      gathered.reals = allocate_plane<float>(static_cast<size_t>(n3d * count));
-    else
-      gathered.samples = allocate_plane<FCOMPLEX>(static_cast<size_t>(n3d * count));
-    if (!gathered.reals && !gathered.samples) alloc_error("Allocation error in fcomplex_vector().");
-    long t = 0;
-    for (const volume_list *v = first; v; v = v->next, t++) copy_volume_into(&gathered, t * n3d, v);
-    created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count, form);
+    // then hand them to it.
+    created = all_real ? install_gathered<float>(name, first, count)
+                       : install_gathered<FCOMPLEX>(name, first, count);
     if (created == nullptr) return 1;
-    if (all_real)
-      memcpy(created->reals.get(), gathered.reals.get(), sizeof(float) * n3d * count);
-    else
-      memcpy(created->samples.get(), gathered.samples.get(), sizeof(FCOMPLEX) * n3d * count);
   } else {
     // Straight into the new stack: one copy of the samples, not two.
     created = install_stack_checked(name, source, dim.x, dim.y, dim.z, count, form);
