@@ -33,11 +33,15 @@ def test_real_and_complex_stacks_in_one_command(kep):
     # imaginary parts to sums, averages and copies.
     r, c = data(1), data(2, complex_=True)
     both = np.concatenate([r, c], axis=3)
-    mean, joined, total, scaled = run(kep, {"r": r, "c": c},
-                                      ["average m r c", "copy j r c", "add-stacks r c", "multiply-constant 3 r",
-                                       "add r>0 c>1"], ["m", "j", "c", "r"])
+    # A copy onto one of its own sources gathers first, in either form.
+    mean, joined, real_onto, mixed_onto, total, scaled = run(
+        kep, {"r": r, "c": c},
+        ["average m r c", "copy j r c", "copy q r", "copy q q>3 q>0", "copy k c", "copy k k>2 r>1", "add-stacks r c",
+         "multiply-constant 3 r", "add r>0 c>1"], ["m", "j", "q", "k", "c", "r"])
     assert np.allclose(mean[..., 0], both.mean(axis=3), atol=1e-5)
     assert np.allclose(joined, both, atol=1e-5)
+    assert np.allclose(real_onto, r[..., [3, 0]], atol=1e-5) and np.all(real_onto.imag == 0)
+    assert np.allclose(mixed_onto, np.stack([c[..., 2], r[..., 1]], axis=3), atol=1e-5)
     expected = c + r
     expected[..., 1] += 3 * r[..., 0]
     assert np.allclose(total, expected, atol=1e-5)
