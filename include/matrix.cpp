@@ -55,7 +55,19 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
     printf("Error: the matrix order is %d\n", n);
     return 1;
   }
-  std::vector<int> pivot(static_cast<size_t>(n));
+  // Small orders (every GLM design) keep their scratch on the stack: this is
+  // called once per voxel by the whitened refits.
+  constexpr int SMALL = 32;
+  int pivot_small[SMALL];
+  double l_small[SMALL];
+  std::vector<int> pivot_large;
+  std::vector<double> l_large;
+  if (n > SMALL) {
+    pivot_large.resize(static_cast<size_t>(n));
+    l_large.resize(static_cast<size_t>(n));
+  }
+  int *pivot = n > SMALL ? pivot_large.data() : pivot_small;
+  double *l = n > SMALL ? l_large.data() : l_small;
 
   // LU factorisation with partial pivoting; the first largest entry wins.
   for (int c = 0; c < n; c++) {
@@ -88,12 +100,11 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
 
   // U^-1 in place, one column at a time from the columns already inverted;
   // U's column is gathered first so the sums run along rows.
-  std::vector<double> l(static_cast<size_t>(n));
   for (int j = 0; j < n; j++) {
     const double d = 1.0 / a[j][j];
     for (int k = 0; k < j; k++) l[k] = a[k][j];
     a[j][j] = d;
-    for (int i = 0; i < j; i++) a[i][j] = -d * dot(a[i] + i, l.data() + i, j - i);
+    for (int i = 0; i < j; i++) a[i][j] = -d * dot(a[i] + i, l + i, j - i);
   }
 
   // U^-1 L^-1: each column corrected by the later, finished columns.
@@ -102,7 +113,7 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
       l[r] = a[r][c];
       a[r][c] = 0.0;
     }
-    for (int i = 0; i < n; i++) a[i][c] -= dot(a[i] + c + 1, l.data() + c + 1, n - c - 1);
+    for (int i = 0; i < n; i++) a[i][c] -= dot(a[i] + c + 1, l + c + 1, n - c - 1);
   }
 
   // The row interchanges of the factorisation become column interchanges.

@@ -90,7 +90,7 @@ int GLM_calculate_whitening_filter(int dim, float *rho, int *order_used) {
     printf("\n");
   }
   // Called once per voxel by the stack commands: the factor's storage is kept.
-  static thread_local fmatrix L;
+  fmatrix &L = GLM.WhiteFactor_rr;
   if (L.rows() != q + 1) L = fmatrix(q + 1, q + 1);
   for (;;) {
     for (int i = 0; i <= q; i++) std::fill(L[i], L[i] + q + 1, 0.0f);
@@ -115,6 +115,30 @@ int GLM_calculate_whitening_filter(int dim, float *rho, int *order_used) {
     q--;
   }
   GLMInternal_invert(q + 1, L);
+  GLM.AR_order = q;
+  // The band of WhiteFilter_tt (n x n) is written only when a path that
+  // needs it asks: the fast refit reads the factor alone.
+  GLM.white_band_stale = true;
+  if (verbose) {
+    GLMInternal_form_white_band();
+    printf("whitening matrix:\n");
+    for (int i = 0; i < 5 && i < n; i++) {
+      for (int j = 0; j < 5 && j < n; j++) printf(" %f", GLM.WhiteFilter_tt[i][j]);
+      printf("\n");
+    }
+  }
+  *order_used = q;
+  return 0;
+}
+
+void GLMInternal_form_white_band() {
+  if (!GLM.white_band_stale) return;
+  GLM.white_band_stale = false;
+  const int q = GLM.AR_order, requested = GLM_input.AR_order, n = GLM.ntime;
+  const fmatrix &L = GLM.WhiteFactor_rr;
+  if (GLM.WhiteFilter_tt.rows() != n || q < 0 || L.rows() <= q) return;
+  // Rows t >= q carry row q's taps, with the taps of a higher order that was
+  // lowered cleared; the first q + 1 rows are the factor's.
   if (q < requested)
     for (int t = 0; t < n; t++)
       for (int s = 0; s <= requested && t + s < n; s++) GLM.WhiteFilter_tt[t + s][t] = 0.0f;
@@ -122,14 +146,4 @@ int GLM_calculate_whitening_filter(int dim, float *rho, int *order_used) {
     for (int s = 0; s <= q && t + s < n; s++) GLM.WhiteFilter_tt[t + s][t] = L[q][q - s];
   for (int i = 0; i <= q && i < n; i++)
     for (int j = 0; j <= q && j < n; j++) GLM.WhiteFilter_tt[i][j] = L[i][j];
-  if (verbose) {
-    printf("whitening matrix:\n");
-    for (int i = 0; i < 5 && i < n; i++) {
-      for (int j = 0; j < 5 && j < n; j++) printf(" %f", GLM.WhiteFilter_tt[i][j]);
-      printf("\n");
-    }
-  }
-  GLM.AR_order = q;
-  *order_used = q;
-  return 0;
 }

@@ -276,6 +276,8 @@ int GLM_define_basis_functions() {
   GLM.XTXm1XT_ct = zeroed(ncoeff, ntime);
   GLM.Beta_c.assign(static_cast<size_t>(ncoeff), 0.0f);
   GLM.WhiteFilter_tt = fmatrix();
+  GLM.WhiteFactor_rr = fmatrix();
+  GLM.white_band_stale = false;
   GLM.ResMat_tt = fmatrix();
   GLM.ARMixm1_rr = fmatrix();
   GLM.AR_order = 0;

@@ -195,14 +195,15 @@ GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *data, float *
       float *f = fit + static_cast<size_t>(t) * nvox;
       for (int v = 0; v < nvox; v++) f[v] = static_cast<float>(a[v]);
     }
-    if (!include[t]) continue;
+    if (!include[t] || !variance) continue;
     const float *d = data + static_cast<size_t>(t) * nvox;
     for (int v = 0; v < nvox; v++) {
       const double r = d[v] - a[v];
       if (std::isfinite(r)) s[v] += r * r;
     }
   }
-  for (int v = 0; v < nvox; v++) variance[v] = static_cast<float>(s[v] / GLM.dof);
+  if (variance)
+    for (int v = 0; v < nvox; v++) variance[v] = static_cast<float>(s[v] / GLM.dof);
   return 0;
 }
 

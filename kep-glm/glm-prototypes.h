@@ -49,6 +49,8 @@ void GLMInternal_define_drug_kernels(int e, int n);
 // Whitening and the matrices derived from the design in use.
 int GLMInternal_whiten_model(int save);
 void GLMInternal_whiten_data(float *data);
+// Writes the band of WhiteFilter_tt from the factor of the last filter, if not yet done.
+void GLMInternal_form_white_band();
 void GLMInternal_calculate_AR_mixing_matrix();
 // (X'X)^-1 and (X'X)^-1 X' from X_tc, then every condition's FCovar/FCovarInv.
 void GLMInternal_form_fit_matrices();

@@ -1,5 +1,7 @@
 // The matrices derived from the design in use, and whitening of design and data.
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -30,6 +32,7 @@ struct LaggedProducts {
   long rows = 0, columns = 0;
   std::vector<std::vector<double>> g;        // by order: [(s * (q + 1) + u) * nc * nc + i * nc + j]
   std::vector<double> u_columns, x_columns;  // [c * n + t]
+  std::vector<uint64_t> keep;                // by image: all ones if included, else zero
   bool same_columns = false;                 // no image excluded: U and the original design agree
 };
 thread_local LaggedProducts lagged;
@@ -50,6 +53,8 @@ void prepare_lagged() {
       lagged.x_columns[static_cast<size_t>(c) * n + t] = GLM.Xorig_tc[t][c];
     }
   lagged.same_columns = lagged.u_columns == lagged.x_columns;
+  lagged.keep.resize(static_cast<size_t>(n));
+  for (int t = 0; t < n; t++) lagged.keep[t] = GLM.include_time[t] ? ~uint64_t{0} : 0;
   lagged.rows = n;
   lagged.columns = nc;
   lagged.valid = true;
@@ -76,19 +81,57 @@ const double *lagged_products(int q) {
   return products.data();
 }
 
-// Sum of a[t] b[t], four partial sums (independent chains); inlined so that
-// the vector build of the fit compiles it too.
-inline __attribute__((always_inline)) double dot(const double *a, const double *b, int n) {
-  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+// The sums of a_k[t] b[t] for K columns a_k at once, each as four partial
+// sums (lanes t mod 4, the tail added to lane 0, then (s0 + s1) + (s2 + s3)).
+// The K chains are independent, so the adder is not left waiting on one.
+// Inlined so that the vector build of the fit compiles it too.
+using lanes4 = double __attribute__((vector_size(32)));
+template <int K>
+inline __attribute__((always_inline)) void dots(const double *const *a, const double *b, int n, double *out) {
+  lanes4 s[K] = {};
   int t = 0;
   for (; t + 4 <= n; t += 4) {
-    s0 += a[t] * b[t];
-    s1 += a[t + 1] * b[t + 1];
-    s2 += a[t + 2] * b[t + 2];
-    s3 += a[t + 3] * b[t + 3];
+    lanes4 y;
+    std::memcpy(&y, b + t, sizeof y);
+#pragma GCC unroll 4
+    for (int k = 0; k < K; k++) {
+      lanes4 x;
+      std::memcpy(&x, a[k] + t, sizeof x);
+      s[k] += x * y;
+    }
   }
-  for (; t < n; t++) s0 += a[t] * b[t];
-  return (s0 + s1) + (s2 + s3);
+  for (int k = 0; k < K; k++) {
+    double s0 = s[k][0];
+    for (int u = t; u < n; u++) s0 += a[k][u] * b[u];
+    out[k] = (s0 + s[k][1]) + (s[k][2] + s[k][3]);
+  }
+}
+
+// out[t] = sum over c of columns[c * n + t] beta[c], added in column order
+// from 0.0 as the loop over columns does, sixteen images at a time in
+// registers (four independent chains).
+inline __attribute__((always_inline)) void combine(const double *columns, const float *beta, int nc, int n,
+                                                   double *out) {
+  int t = 0;
+  for (; t + 16 <= n; t += 16) {
+    lanes4 sum[4] = {};
+    for (int c = 0; c < nc; c++) {
+      const double *x = columns + static_cast<size_t>(c) * n + t;
+      const double bc = beta[c];
+#pragma GCC unroll 4
+      for (int k = 0; k < 4; k++) {
+        lanes4 v;
+        std::memcpy(&v, x + 4 * k, sizeof v);
+        sum[k] += v * bc;
+      }
+    }
+    std::memcpy(out + t, sum, sizeof sum);
+  }
+  for (; t < n; t++) {
+    double sum = 0.0;
+    for (int c = 0; c < nc; c++) sum += columns[static_cast<size_t>(c) * n + t] * static_cast<double>(beta[c]);
+    out[t] = sum;
+  }
 }
 
 }  // namespace
@@ -170,6 +213,7 @@ int GLMInternal_whiten_model(int save) {
   const int q = GLM.AR_order;
   if (q == 0 && !save) return 0;
   if (unwhitened.rows() != nt || unwhitened.columns() != nc) return 1;
+  GLMInternal_form_white_band();
   if (q > 0 && GLM.WhiteFilter_tt.rows() == nt) {
     for (int t = 0; t < nt; t++) {
       const float *w = GLM.WhiteFilter_tt[t];
@@ -189,6 +233,7 @@ int GLMInternal_whiten_model(int save) {
 void GLMInternal_whiten_data(float *data) {
   const int q = GLM.AR_order, nt = GLM.ntime;
   if (q <= 0 || GLM.WhiteFilter_tt.rows() != nt) return;
+  GLMInternal_form_white_band();
   scratch_copy.assign(data, data + nt);
   for (int t = 0; t < nt; t++) {
     const float *w = GLM.WhiteFilter_tt[t];
@@ -209,11 +254,11 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
     for (int t = 0; t < nt; t++) std::memcpy(GLM.X_tc[t], unwhitened[t], sizeof(float) * GLM.ncoeff);
     GLMInternal_form_fit_matrices();
   }
-  if (!ready || q <= 0 || q >= nt || GLM.WhiteFilter_tt.rows() != nt)
+  if (!ready || q <= 0 || q >= nt || GLM.WhiteFilter_tt.rows() != nt || GLM.WhiteFactor_rr.rows() <= q)
     return GLM_fit_data(nt, data, fit, variance);  // the general path reports or copes
   const int n = nt, nc = GLM.ncoeff;
-  const int *include = GLM.include_time.data();
-  const fmatrix &W = GLM.WhiteFilter_tt;
+  // Rows 0..q of the filter (its band is not needed here).
+  const fmatrix &W = GLM.WhiteFactor_rr;
   prepare_lagged();
   const double *G = lagged_products(q);
   const double *U = lagged.u_columns.data(), *X = lagged.x_columns.data();
@@ -239,7 +284,18 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
     const double fk = f[k];
     for (int t = q; t < n; t++) yw[t] += fk * y[t - k];
   }
-  for (int t = 0; t < n; t++) data[t] = static_cast<float>(yw[t]);
+  // The whitened data, and the same in double with excluded images zeroed (z, in place of yw).
+  const uint64_t *keep = lagged.keep.data();
+  for (int t = 0; t < n; t++) {
+    const float d = static_cast<float>(yw[t]);
+    data[t] = d;
+    // include[t] ? d : +0.0, as a mask so that the loop runs on vectors
+    const double wide = d;
+    uint64_t bits;
+    std::memcpy(&bits, &wide, sizeof bits);
+    bits &= keep[t];
+    std::memcpy(yw + t, &bits, sizeof bits);
+  }
 
   // Start-up rows t < q of the whitened design, formed directly.
   fast_startup.assign(static_cast<size_t>(q) * nc, 0.0);
@@ -270,15 +326,33 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
 
   // X_w' (include * y_w): the stationary rows through the lagged design columns.
   double *z = fast_z.data();
-  for (int t = 0; t < n; t++) z[t] = include[t] ? static_cast<double>(data[t]) : 0.0;
   fast_b.assign(static_cast<size_t>(nc), 0.0);
   double *b = fast_b.data();
   for (int t = 0; t < q; t++) {
     const double *x = &fast_startup[static_cast<size_t>(t) * nc];
     for (int c = 0; c < nc; c++) b[c] += x[c] * z[t];
   }
+  // Every shifted column's sum first, four at a time (independent chains),
+  // then added into b in the order of the shifts.
+  const int nsums = nc * (q + 1);
+  fast_acc.resize(static_cast<size_t>(nsums));
+  double *sums = fast_acc.data();
+  const double *columns[4];
+  for (int k0 = 0; k0 < nsums; k0 += 4) {
+    const int count = std::min(4, nsums - k0);
+    for (int k = 0; k < count; k++) {
+      const int c = (k0 + k) % nc, s = (k0 + k) / nc;
+      columns[k] = U + static_cast<size_t>(c) * n + q - s;
+    }
+    switch (count) {
+      case 4: dots<4>(columns, z + q, n - q, sums + k0); break;
+      case 3: dots<3>(columns, z + q, n - q, sums + k0); break;
+      case 2: dots<2>(columns, z + q, n - q, sums + k0); break;
+      default: dots<1>(columns, z + q, n - q, sums + k0); break;
+    }
+  }
   for (int s = 0; s <= q; s++)
-    for (int c = 0; c < nc; c++) b[c] += f[s] * dot(U + static_cast<size_t>(c) * n + q - s, z + q, n - q);
+    for (int c = 0; c < nc; c++) b[c] += f[s] * sums[s * nc + c];
 
   // (X_w'X_w)^-1 as GLMInternal_form_fit_matrices forms it, and the coefficients.
   if (scratch_inverse.rows() != nc) scratch_inverse = dmatrix(nc, nc);
@@ -300,28 +374,14 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
 
   // The unwhitened fit (summed over the columns in order, as GLM_fit_data
   // does) and U beta, whose filtered form is the whitened model.
-  fast_fit.assign(static_cast<size_t>(n), 0.0);
-  fast_m.assign(static_cast<size_t>(n), 0.0);
+  fast_fit.resize(static_cast<size_t>(n));
+  fast_m.resize(static_cast<size_t>(n));
   double *__restrict fd = fast_fit.data(), *__restrict m = fast_m.data();
-  if (lagged.same_columns) {
-    // U beta is the fit itself, summed in the same order.
-    for (int c = 0; c < nc; c++) {
-      const double bc = beta[c];
-      const double *__restrict x = X + static_cast<size_t>(c) * n;
-      for (int t = 0; t < n; t++) fd[t] += x[t] * bc;
-    }
+  combine(X, beta, nc, n, fd);
+  if (lagged.same_columns)  // U beta is the fit itself
     std::memcpy(m, fd, sizeof(double) * n);
-  } else {
-    for (int c = 0; c < nc; c++) {
-      const double bc = beta[c];
-      const double *__restrict x = X + static_cast<size_t>(c) * n, *__restrict u =
-                                                                       U + static_cast<size_t>(c) * n;
-      for (int t = 0; t < n; t++) {
-        fd[t] += x[t] * bc;
-        m[t] += u[t] * bc;
-      }
-    }
-  }
+  else
+    combine(U, beta, nc, n, m);
   for (int t = 0; t < n; t++) fit[t] = static_cast<float>(fd[t]);
   // Residuals of the whitened data, reusing fast_fit for the whitened model.
   double *__restrict model = fd;

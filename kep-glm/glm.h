@@ -120,7 +120,11 @@ struct glm_struct {
   fmatrix XTXm1_cc;    // (X'X)^-1
   fmatrix XTXm1XT_ct;  // (X'X)^-1 X'
   std::vector<float> Beta_c;
-  fmatrix WhiteFilter_tt;
+  fmatrix WhiteFilter_tt;  // formed from WhiteFactor_rr when a general path first needs it
+  // The last filter's factor: its top-left (AR_order + 1) square holds rows
+  // 0..AR_order of the filter; row AR_order carries the taps of every later row.
+  fmatrix WhiteFactor_rr;
+  bool white_band_stale = false;  // WhiteFilter_tt does not yet show WhiteFactor_rr
   fmatrix ResMat_tt;
   fmatrix ARMixm1_rr;
   int AR_order = 0;
@@ -204,7 +208,8 @@ int GLM_define_conditions(int build, const char *text, int *count);
 int GLM_fit_data(int nt, float *data, float *fit, float *variance);
 // Fits nvox series at once without whitening. data and fit are [image][voxel]
 // with nvox voxels per image row (fit may be null); beta is [coefficient][voxel]
-// (ncoeff rows); variance has nvox entries. Same results as GLM_fit_data.
+// (ncoeff rows); variance has nvox entries (or is null: not wanted). Same
+// results as GLM_fit_data.
 int GLM_fit_block(int nt, int nvox, const float *data, float *fit, float *beta, float *variance);
 // GLM_fit_data with the whitening filter that GLM_calculate_whitening_filter left
 // (AR order in effect > 0): same coefficients, fit, variance, (X'X)^-1 and

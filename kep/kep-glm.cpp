@@ -101,11 +101,18 @@ void column(const float *rows, int n, int i, int nt, float *out) {
 // `packed` ([image][kept voxel]); `kept` lists their places in the block.
 int pack_active(const float *rows, int n, int nt, std::vector<int> &kept, std::vector<float> &packed) {
   kept.clear();
-  // Row by row over the block (contiguous), not down each voxel's series.
-  bool any[BLOCK_VOXELS] = {};
+  // Row by row over the block (contiguous), not down each voxel's series;
+  // in the head every voxel is found in the first image, so the scan stops
+  // as soon as none is left to find.
+  int any[BLOCK_VOXELS] = {};
   for (int t = 0; t < nt; t++) {
     const float *row = rows + static_cast<long>(t) * n;
-    for (int i = 0; i < n; i++) any[i] |= row[i] != 0.0f;
+    int found = 0;
+    for (int i = 0; i < n; i++) {
+      any[i] |= row[i] != 0.0f;
+      found += any[i];
+    }
+    if (found == n) break;
   }
   for (int i = 0; i < n; i++)
     if (any[i]) kept.push_back(i);
@@ -266,7 +273,7 @@ int run_fit(const Frame &f, VoxelStep &step) {
     const int m = pack_active(w.rows.data(), n, f.nt, w.kept, w.packed);
     if (m == 0) return 0;
     const float *fitted = m == n ? w.rows.data() : w.packed.data();
-    if (GLM_fit_block(f.nt, m, fitted, w.fits.data(), w.beta.data(), w.variance.data())) return 1;
+    if (GLM_fit_block(f.nt, m, fitted, w.fits.data(), w.beta.data(), nullptr)) return 1;
     block_autocorrelations(fitted, w.fits.data(), f.nt, m, p, w.residuals, w.lags);
     for (int j = 0; j < m; j++) {
       const long v = f.voxel(v0 + w.kept[j]);
