@@ -93,8 +93,22 @@ void gather(const Frame &f, long v0, int n, float *rows) {
   }
 }
 
-void column(const float *rows, int n, int i, int nt, float *out) {
-  for (int t = 0; t < nt; t++) out[t] = rows[static_cast<long>(t) * n + i];
+// Columns columns[0..m) (or 0..m when null) of rows [image][voxel] of n
+// voxels into series [column][image], in tiles of 16 x 16 that stay in the
+// first-level cache.
+void transpose(const float *rows, int n, int nt, const int *columns, int m, float *series) {
+  constexpr int TILE = 16;
+  for (int j0 = 0; j0 < m; j0 += TILE) {
+    const int j1 = std::min(m, j0 + TILE);
+    for (int t0 = 0; t0 < nt; t0 += TILE) {
+      const int t1 = std::min(nt, t0 + TILE);
+      for (int j = j0; j < j1; j++) {
+        const float *in = rows + (columns ? columns[j] : j);
+        float *out = series + static_cast<long>(j) * nt;
+        for (int t = t0; t < t1; t++) out[t] = in[static_cast<long>(t) * n];
+      }
+    }
+  }
 }
 
 // Keeps the voxels of a gathered block whose series is not all zero, packed in
@@ -129,12 +143,15 @@ int pack_active(const float *rows, int n, int nt, std::vector<int> &kept, std::v
 
 // One thread's work space, taken once per pass.
 struct Workspace {
-  std::vector<float> rows, fits, packed, beta, variance, data, fit, zero_beta, work, coefficients;
+  std::vector<float> rows, fits, series, fit_series, packed, beta, variance, data, fit, zero_beta, work,
+      coefficients;
   std::vector<double> residuals, lags;
   std::vector<int> kept;
   Workspace(int nt, int ncoeff, int p)
       : rows(static_cast<size_t>(nt) * BLOCK_VOXELS),
         fits(rows.size()),
+        series(rows.size()),
+        fit_series(rows.size()),
         beta(static_cast<size_t>(ncoeff) * BLOCK_VOXELS),
         variance(BLOCK_VOXELS),
         data(nt),
@@ -142,7 +159,7 @@ struct Workspace {
         zero_beta(ncoeff > 0 ? ncoeff : 1, 0.0f),
         work(nt),
         coefficients(p + 1),
-        residuals(static_cast<size_t>(nt) * BLOCK_VOXELS),
+        residuals(static_cast<size_t>(p + 1) * BLOCK_VOXELS),
         lags(static_cast<size_t>(p + 1) * BLOCK_VOXELS) {}
 };
 
@@ -194,8 +211,8 @@ int for_each_block(const Frame &f, bool report, Block block) {
   return 0;
 }
 
-// One pass of block fits over all voxels to fit; `each` sees every voxel with
-// the engine's last fit set to that voxel. An all-zero series fits to zero
+// One pass of block fits over all voxels to fit; `each` sees every voxel, its
+// series and fit, with the engine's last fit set to that voxel. An all-zero series fits to zero
 // coefficients, zero fit and zero variance exactly, so those voxels are
 // handed over as such without being fitted.
 template <typename Each>
@@ -205,13 +222,16 @@ int block_pass(const Frame &f, bool report, Each each) {
     const int m = pack_active(w.rows.data(), n, f.nt, w.kept, w.packed);
     const float *fitted = m == n ? w.rows.data() : w.packed.data();
     if (m > 0 && GLM_fit_block(f.nt, m, fitted, w.fits.data(), w.beta.data(), w.variance.data())) return 1;
+    transpose(fitted, m, f.nt, nullptr, m, w.series.data());
+    transpose(w.fits.data(), m, f.nt, nullptr, m, w.fit_series.data());
     int j = 0;
     for (int i = 0; i < n; i++) {
       float var = 0.0f;
+      float *data = w.data.data(), *fit = w.fit.data();
       if (j < m && w.kept[j] == i) {
         GLM_load_block_coefficients(m, w.beta.data(), j);
-        column(fitted, m, j, f.nt, w.data.data());
-        column(w.fits.data(), m, j, f.nt, w.fit.data());
+        data = w.series.data() + static_cast<long>(j) * f.nt;
+        fit = w.fit_series.data() + static_cast<long>(j) * f.nt;
         var = w.variance[j];
         j++;
       } else {
@@ -219,7 +239,7 @@ int block_pass(const Frame &f, bool report, Each each) {
         std::fill(w.data.begin(), w.data.end(), 0.0f);
         std::fill(w.fit.begin(), w.fit.end(), 0.0f);
       }
-      if (each(f.voxel(v0 + i), w, var)) return 1;
+      if (each(f.voxel(v0 + i), data, fit, w, var)) return 1;
     }
     return 0;
   });
@@ -232,19 +252,18 @@ int block_pass(const Frame &f, bool report, Each each) {
 // are (ARMixm1_rr a)_k / (ARMixm1_rr a)_0.
 void block_autocorrelations(const float *data, const float *fits, int nt, int m, int p,
                             std::vector<double> &residuals, std::vector<double> &lags) {
-  residuals.resize(static_cast<size_t>(nt) * m);
+  // The last p + 1 residual rows, kept in turn: each row meets its lagged
+  // partners while they are still in cache.
+  residuals.resize(static_cast<size_t>(p + 1) * m);
   lags.assign(static_cast<size_t>(p + 1) * m, 0.0);
   for (int t = 0; t < nt; t++) {
     const int include = GLM.include_time[t];
     const float *d = data + static_cast<size_t>(t) * m, *fit = fits + static_cast<size_t>(t) * m;
-    double *e = residuals.data() + static_cast<size_t>(t) * m;
+    double *e = residuals.data() + static_cast<size_t>(t % (p + 1)) * m;
     for (int j = 0; j < m; j++) e[j] = include * (static_cast<double>(d[j]) - fit[j]);
-  }
-  for (int k = 0; k <= p; k++) {
-    double *a = lags.data() + static_cast<size_t>(k) * m;
-    for (int t = k; t < nt; t++) {
-      const double *e = residuals.data() + static_cast<size_t>(t) * m,
-                   *lagged = e - static_cast<size_t>(k) * m;
+    for (int k = 0; k <= p && k <= t; k++) {
+      const double *lagged = residuals.data() + static_cast<size_t>((t - k) % (p + 1)) * m;
+      double *a = lags.data() + static_cast<size_t>(k) * m;
       for (int j = 0; j < m; j++) a[j] += e[j] * lagged[j];
     }
   }
@@ -253,8 +272,8 @@ void block_autocorrelations(const float *data, const float *fits, int nt, int m,
 int run_fit(const Frame &f, VoxelStep &step) {
   const int p = GLM_input.AR_order;
   if (p <= 0) {
-    return block_pass(f, true, [&](long v, Workspace &w, float variance) {
-      return step.voxel(v, w.data.data(), w.fit.data(), variance, false, w.work.data());
+    return block_pass(f, true, [&](long v, float *data, float *fit, Workspace &w, float variance) {
+      return step.voxel(v, data, fit, variance, false, w.work.data());
     });
   }
   // Pass one: unwhitened fits give each voxel's autocorrelations.
@@ -310,23 +329,33 @@ int run_fit(const Frame &f, VoxelStep &step) {
   // Pass two: whiten each voxel with its own coefficients and refit, the
   // series taken from contiguous blocks gathered as in pass one.
   failed = for_each_block(f, true, [&](long v0, int n, Workspace &w) {
-    gather(f, v0, n, w.rows.data());
+    // Only the voxels pass one found active are read; a block outside the
+    // head is not gathered at all.
+    w.kept.clear();
+    for (int i = 0; i < n; i++)
+      if (active[f.voxel(v0 + i)]) w.kept.push_back(i);
+    const int m = static_cast<int>(w.kept.size());
+    if (m > 0) {
+      gather(f, v0, n, w.rows.data());
+      transpose(w.rows.data(), n, f.nt, w.kept.data(), m, w.series.data());
+    }
+    int j = 0;
     for (int i = 0; i < n; i++) {
       const long v = f.voxel(v0 + i);
-      if (!active[v]) {
+      if (j == m || w.kept[j] != i) {
         std::fill(w.data.begin(), w.data.end(), 0.0f);
         std::fill(w.fit.begin(), w.fit.end(), 0.0f);
         if (step.voxel(v, w.data.data(), w.fit.data(), 0.0f, true, w.work.data())) return 1;
         continue;
       }
-      column(w.rows.data(), n, i, f.nt, w.data.data());
+      float *data = w.series.data() + static_cast<long>(j++) * f.nt;  // whitened in place
       w.coefficients[0] = 1.0f;
       for (int k = 0; k < p; k++) w.coefficients[k + 1] = rho[k * f.nvox + v];
       int used = 0;
       float variance = 0.0f;
       if (GLM_calculate_whitening_filter(p + 1, w.coefficients.data(), &used)) return 1;
-      if (GLM_fit_whitened(f.nt, w.data.data(), w.fit.data(), &variance)) return 1;
-      if (step.voxel(v, w.data.data(), w.fit.data(), variance, false, w.work.data())) return 1;
+      if (GLM_fit_whitened(f.nt, data, w.fit.data(), &variance)) return 1;
+      if (step.voxel(v, data, w.fit.data(), variance, false, w.work.data())) return 1;
     }
     return 0;
   });
