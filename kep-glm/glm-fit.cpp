@@ -130,7 +130,7 @@ GLM_VECTOR_CLONES int GLM_fit_data(int nt, float *data, float *fit, float *varia
   return 0;
 }
 
-GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *data, float *fit, float *beta,
+GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *const *rows, float *fit, float *beta,
                                     float *variance) {
   if (GLM.initialized != 2) {
     printf("Error in GLM_fit_data: first initialize the GLM and define stimuli\n");
@@ -155,7 +155,7 @@ GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *data, float *
   ss.assign(static_cast<size_t>(nvox), 0.0);
   for (int t = 0; t < nt; t++) {
     if (!include[t]) continue;
-    const float *d = data + static_cast<size_t>(t) * nvox;
+    const float *d = rows[t];
     int c = 0;
     // Three coefficients per pass over the row: fewer loads, same sums.
     for (; c + 3 <= nc; c += 3) {
@@ -196,7 +196,7 @@ GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *data, float *
       for (int v = 0; v < nvox; v++) f[v] = static_cast<float>(a[v]);
     }
     if (!include[t] || !variance) continue;
-    const float *d = data + static_cast<size_t>(t) * nvox;
+    const float *d = rows[t];
     for (int v = 0; v < nvox; v++) {
       const double r = d[v] - a[v];
       if (std::isfinite(r)) s[v] += r * r;

@@ -206,11 +206,11 @@ int GLM_define_conditions(int build, const char *text, int *count);
 // Fits one series of nt images; data is whitened in place when an AR model is in
 // use. fit (nt) receives the unwhitened model; variance the residual variance.
 int GLM_fit_data(int nt, float *data, float *fit, float *variance);
-// Fits nvox series at once without whitening. data and fit are [image][voxel]
-// with nvox voxels per image row (fit may be null); beta is [coefficient][voxel]
+// Fits nvox series at once without whitening. rows[t] points at the nvox
+// samples of image t; fit is [image][voxel] (or null); beta is [coefficient][voxel]
 // (ncoeff rows); variance has nvox entries (or is null: not wanted). Same
 // results as GLM_fit_data.
-int GLM_fit_block(int nt, int nvox, const float *data, float *fit, float *beta, float *variance);
+int GLM_fit_block(int nt, int nvox, const float *const *rows, float *fit, float *beta, float *variance);
 // GLM_fit_data with the whitening filter that GLM_calculate_whitening_filter left
 // (AR order in effect > 0): same coefficients, fit, variance, (X'X)^-1 and
 // condition matrices to rounding, from lagged products of the design instead of

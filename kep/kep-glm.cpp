@@ -2,9 +2,9 @@
 // results are written back into "glm" or installed as maps.
 //
 // Without an autoregressive model the voxels are fitted in blocks: the time
-// courses of a run of consecutive voxels are gathered into one contiguous
-// buffer (one pass over each volume's contiguous samples) and fitted together
-// with matrix products. With `AR p` in the control file the fit takes two
+// courses of a run of consecutive voxels (read in place from each volume's
+// contiguous samples, or gathered into one buffer when they need converting)
+// are fitted together with matrix products. With `AR p` in the control file the fit takes two
 // passes: the first fits every voxel without whitening and estimates its
 // autocorrelations, which are smoothed in image space by AR_smooth_mm; the
 // second whitens each voxel with its own smoothed coefficients and refits.
@@ -76,77 +76,13 @@ void progress(long v, long nvox) {
   if (v >= 1 && (4 * v) % nvox == 0) printf("%ld percent done\n", 100 * v / nvox);
 }
 
-// Gathers the voxels at positions [v0, v0 + n) of the frame's voxels to fit
-// from every volume into rows [image][voxel].
-void gather(const Frame &f, long v0, int n, float *rows) {
-  for (int k = 0; k < f.nt; k++) {
-    const float *volume = f.volume[k];
-    float *dst = rows + static_cast<long>(k) * n;
-    if (f.masked) {
-      const long *v = f.voxels.data() + v0;
-      for (int i = 0; i < n; i++) dst[i] = amplitude(volume, v[i], f.pairs, f.magnitude);
-    } else if (!f.pairs && f.magnitude) {
-      memcpy(dst, volume + v0, sizeof(float) * static_cast<size_t>(n));
-    } else {
-      for (int i = 0; i < n; i++) dst[i] = amplitude(volume, v0 + i, f.pairs, f.magnitude);
-    }
-  }
-}
-
-// Columns columns[0..m) (or 0..m when null) of rows [image][voxel] of n
-// voxels into series [column][image], in tiles of 16 x 16 that stay in the
-// first-level cache.
-void transpose(const float *rows, int n, int nt, const int *columns, int m, float *series) {
-  constexpr int TILE = 16;
-  for (int j0 = 0; j0 < m; j0 += TILE) {
-    const int j1 = std::min(m, j0 + TILE);
-    for (int t0 = 0; t0 < nt; t0 += TILE) {
-      const int t1 = std::min(nt, t0 + TILE);
-      for (int j = j0; j < j1; j++) {
-        const float *in = rows + (columns ? columns[j] : j);
-        float *out = series + static_cast<long>(j) * nt;
-        for (int t = t0; t < t1; t++) out[t] = in[static_cast<long>(t) * n];
-      }
-    }
-  }
-}
-
-// Keeps the voxels of a gathered block whose series is not all zero, packed in
-// `packed` ([image][kept voxel]); `kept` lists their places in the block.
-int pack_active(const float *rows, int n, int nt, std::vector<int> &kept, std::vector<float> &packed) {
-  kept.clear();
-  // Row by row over the block (contiguous), not down each voxel's series;
-  // in the head every voxel is found in the first image, so the scan stops
-  // as soon as none is left to find.
-  int any[BLOCK_VOXELS] = {};
-  for (int t = 0; t < nt; t++) {
-    const float *row = rows + static_cast<long>(t) * n;
-    int found = 0;
-    for (int i = 0; i < n; i++) {
-      any[i] |= row[i] != 0.0f;
-      found += any[i];
-    }
-    if (found == n) break;
-  }
-  for (int i = 0; i < n; i++)
-    if (any[i]) kept.push_back(i);
-  const int m = static_cast<int>(kept.size());
-  if (m == n) return m;
-  packed.resize(static_cast<size_t>(nt) * (m > 0 ? m : 1));
-  for (int t = 0; t < nt; t++) {
-    const float *src = rows + static_cast<long>(t) * n;
-    float *dst = packed.data() + static_cast<long>(t) * m;
-    for (int j = 0; j < m; j++) dst[j] = src[kept[j]];
-  }
-  return m;
-}
-
 // One thread's work space, taken once per pass.
 struct Workspace {
   std::vector<float> rows, fits, series, fit_series, packed, beta, variance, data, fit, zero_beta, work,
       coefficients;
   std::vector<double> residuals, lags;
   std::vector<int> kept;
+  std::vector<const float *> row, fit_row;  // image t of the block being fitted, and of its fits
   Workspace(int nt, int ncoeff, int p)
       : rows(static_cast<size_t>(nt) * BLOCK_VOXELS),
         fits(rows.size()),
@@ -160,8 +96,85 @@ struct Workspace {
         work(nt),
         coefficients(p + 1),
         residuals(static_cast<size_t>(p + 1) * BLOCK_VOXELS),
-        lags(static_cast<size_t>(p + 1) * BLOCK_VOXELS) {}
+        lags(static_cast<size_t>(p + 1) * BLOCK_VOXELS),
+        row(nt),
+        fit_row(nt) {}
 };
+
+// Points w.row at the voxels at positions [v0, v0 + n) of the frame's voxels
+// to fit in every volume: straight into the volumes when they hold the
+// samples as fitted (real magnitudes, every voxel), else gathered into w.rows.
+void gather(const Frame &f, long v0, int n, Workspace &w) {
+  for (int k = 0; k < f.nt; k++) {
+    const float *volume = f.volume[k];
+    if (!f.masked && !f.pairs && f.magnitude) {
+      w.row[k] = volume + v0;
+      continue;
+    }
+    float *dst = w.rows.data() + static_cast<long>(k) * n;
+    if (f.masked) {
+      const long *v = f.voxels.data() + v0;
+      for (int i = 0; i < n; i++) dst[i] = amplitude(volume, v[i], f.pairs, f.magnitude);
+    } else {
+      for (int i = 0; i < n; i++) dst[i] = amplitude(volume, v0 + i, f.pairs, f.magnitude);
+    }
+    w.row[k] = dst;
+  }
+}
+
+// Columns columns[0..m) (or 0..m when null) of rows row[image] into series
+// [column][image], in tiles of 16 x 16 that stay in the first-level cache.
+void transpose(const float *const *row, int nt, const int *columns, int m, float *series) {
+  constexpr int TILE = 16;
+  for (int j0 = 0; j0 < m; j0 += TILE) {
+    const int j1 = std::min(m, j0 + TILE);
+    for (int t0 = 0; t0 < nt; t0 += TILE) {
+      const int t1 = std::min(nt, t0 + TILE);
+      for (int j = j0; j < j1; j++) {
+        const int column = columns ? columns[j] : j;
+        float *out = series + static_cast<long>(j) * nt;
+        for (int t = t0; t < t1; t++) out[t] = row[t][column];
+      }
+    }
+  }
+}
+
+// Keeps the voxels of the block at w.row whose series is not all zero: `kept`
+// lists their places in the block; when some are left out, the others are
+// packed into w.packed ([image][kept voxel]) and w.row points there.
+int pack_active(int n, int nt, Workspace &w) {
+  w.kept.clear();
+  // Row by row over the block (contiguous), not down each voxel's series;
+  // in the head every voxel is found in the first image, so the scan stops
+  // as soon as none is left to find.
+  int any[BLOCK_VOXELS] = {};
+  for (int t = 0; t < nt; t++) {
+    const float *row = w.row[t];
+    int found = 0;
+    for (int i = 0; i < n; i++) {
+      any[i] |= row[i] != 0.0f;
+      found += any[i];
+    }
+    if (found == n) break;
+  }
+  for (int i = 0; i < n; i++)
+    if (any[i]) w.kept.push_back(i);
+  const int m = static_cast<int>(w.kept.size());
+  if (m == n) return m;
+  w.packed.resize(static_cast<size_t>(nt) * (m > 0 ? m : 1));
+  for (int t = 0; t < nt; t++) {
+    const float *src = w.row[t];
+    float *dst = w.packed.data() + static_cast<long>(t) * m;
+    for (int j = 0; j < m; j++) dst[j] = src[w.kept[j]];
+    w.row[t] = dst;
+  }
+  return m;
+}
+
+// Points w.fit_row at the rows of w.fits for a block of m voxels.
+void point_fits(int nt, int m, Workspace &w) {
+  for (int t = 0; t < nt; t++) w.fit_row[t] = w.fits.data() + static_cast<long>(t) * m;
+}
 
 // Runs block(v0, n, space) for every block of BLOCK_VOXELS positions of the
 // voxels to fit, on up to `set threads` threads, each with its own copy of
@@ -218,12 +231,12 @@ int for_each_block(const Frame &f, bool report, Block block) {
 template <typename Each>
 int block_pass(const Frame &f, bool report, Each each) {
   return for_each_block(f, report, [&](long v0, int n, Workspace &w) {
-    gather(f, v0, n, w.rows.data());
-    const int m = pack_active(w.rows.data(), n, f.nt, w.kept, w.packed);
-    const float *fitted = m == n ? w.rows.data() : w.packed.data();
-    if (m > 0 && GLM_fit_block(f.nt, m, fitted, w.fits.data(), w.beta.data(), w.variance.data())) return 1;
-    transpose(fitted, m, f.nt, nullptr, m, w.series.data());
-    transpose(w.fits.data(), m, f.nt, nullptr, m, w.fit_series.data());
+    gather(f, v0, n, w);
+    const int m = pack_active(n, f.nt, w);
+    if (m > 0 && GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), w.variance.data())) return 1;
+    point_fits(f.nt, m, w);
+    transpose(w.row.data(), f.nt, nullptr, m, w.series.data());
+    transpose(w.fit_row.data(), f.nt, nullptr, m, w.fit_series.data());
     int j = 0;
     for (int i = 0; i < n; i++) {
       float var = 0.0f;
@@ -250,7 +263,7 @@ int block_pass(const Frame &f, bool report, Each each) {
 // [image][voxel]) into lags[k * m + j]; the voxels run side by side, each
 // voxel's products added in image order. The bias-reduced autocorrelations
 // are (ARMixm1_rr a)_k / (ARMixm1_rr a)_0.
-void block_autocorrelations(const float *data, const float *fits, int nt, int m, int p,
+void block_autocorrelations(const float *const *data, const float *fits, int nt, int m, int p,
                             std::vector<double> &residuals, std::vector<double> &lags) {
   // The last p + 1 residual rows, kept in turn: each row meets its lagged
   // partners while they are still in cache.
@@ -258,7 +271,7 @@ void block_autocorrelations(const float *data, const float *fits, int nt, int m,
   lags.assign(static_cast<size_t>(p + 1) * m, 0.0);
   for (int t = 0; t < nt; t++) {
     const int include = GLM.include_time[t];
-    const float *d = data + static_cast<size_t>(t) * m, *fit = fits + static_cast<size_t>(t) * m;
+    const float *d = data[t], *fit = fits + static_cast<size_t>(t) * m;
     double *e = residuals.data() + static_cast<size_t>(t % (p + 1)) * m;
     for (int j = 0; j < m; j++) e[j] = include * (static_cast<double>(d[j]) - fit[j]);
     for (int k = 0; k <= p && k <= t; k++) {
@@ -288,12 +301,11 @@ int run_fit(const Frame &f, VoxelStep &step) {
   // The progress lines are those of pass two. The sums of `autocorrelations`
   // run over the whole block at once, each voxel's in the same order.
   int failed = for_each_block(f, false, [&](long v0, int n, Workspace &w) {
-    gather(f, v0, n, w.rows.data());
-    const int m = pack_active(w.rows.data(), n, f.nt, w.kept, w.packed);
+    gather(f, v0, n, w);
+    const int m = pack_active(n, f.nt, w);
     if (m == 0) return 0;
-    const float *fitted = m == n ? w.rows.data() : w.packed.data();
-    if (GLM_fit_block(f.nt, m, fitted, w.fits.data(), w.beta.data(), nullptr)) return 1;
-    block_autocorrelations(fitted, w.fits.data(), f.nt, m, p, w.residuals, w.lags);
+    if (GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), nullptr)) return 1;
+    block_autocorrelations(w.row.data(), w.fits.data(), f.nt, m, p, w.residuals, w.lags);
     for (int j = 0; j < m; j++) {
       const long v = f.voxel(v0 + w.kept[j]);
       active[v] = 1;
@@ -336,8 +348,8 @@ int run_fit(const Frame &f, VoxelStep &step) {
       if (active[f.voxel(v0 + i)]) w.kept.push_back(i);
     const int m = static_cast<int>(w.kept.size());
     if (m > 0) {
-      gather(f, v0, n, w.rows.data());
-      transpose(w.rows.data(), n, f.nt, w.kept.data(), m, w.series.data());
+      gather(f, v0, n, w);
+      transpose(w.row.data(), f.nt, w.kept.data(), m, w.series.data());
     }
     int j = 0;
     for (int i = 0; i < n; i++) {
