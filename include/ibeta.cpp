@@ -35,6 +35,18 @@ inline void rescale(double pk, double qk, double &pkm1, double &pkm2, double &qk
   }
 }
 
+// Gamma(a + b) / (Gamma(a) Gamma(b)), kept for the last a and b: a map asks
+// for the p of the same degrees of freedom at every voxel.
+double gamma_ratio(double a, double b) {
+  thread_local double last_a = NAN, last_b = NAN, last_ratio = 0.0;
+  if (!(a == last_a && b == last_b)) {
+    last_a = a;
+    last_b = b;
+    last_ratio = std::tgamma(a + b) / (std::tgamma(a) * std::tgamma(b));
+  }
+  return last_ratio;
+}
+
 }  // namespace
 
 double incbcf(double a, double b, double x) {
@@ -149,7 +161,7 @@ double pseries(double a, double b, double x) {
 
   u = a * std::log(x);
   if (a + b < MAXGAM && std::fabs(u) < MAXLOG) {
-    t = std::tgamma(a + b) / (std::tgamma(a) * std::tgamma(b));
+    t = gamma_ratio(a, b);
     return s * t * std::pow(x, a);
   }
   t = std::lgamma(a + b) - std::lgamma(a) - std::lgamma(b) + u + std::log(s);
@@ -199,7 +211,7 @@ double ibeta(double a, double b, double x) {
       t *= std::pow(x, a);
       t /= a;
       t *= w;
-      t *= std::tgamma(a + b) / (std::tgamma(a) * std::tgamma(b));
+      t *= gamma_ratio(a, b);
     } else {
       y += t + std::lgamma(a + b) - std::lgamma(a) - std::lgamma(b);
       y += std::log(w / a);
