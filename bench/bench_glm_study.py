@@ -11,12 +11,14 @@ Every job runs as its own process; wall time, processor time (user + system) and
 resident memory come from that process alone (os.wait4). kep and the peer alternate within
 each repeat, so both meet the same machine load; the best of the repeats is reported.
 
-With --threads N, kep also runs with `set threads N`; the fit phase (the whole job less a
+With --peer-threads N, the peer's numerical libraries (OpenBLAS, OpenMP) are held to N threads,
+so that both sides can be compared on one thread each. With --threads N, kep also runs with `set threads N`; the fit phase (the whole job less a
 job that only runs read-GLM) is then compared between 1 and N threads. With KEP_BEFORE set to
 another kep binary (an earlier build), that binary runs the same jobs in the same repeats, so
 that its ratios to the peer and to this build come from one run.
 
 Usage: bench_glm_study.py [--whole-brain] [--repeats N] [--keep DIR] [--no-peer] [--threads N]
+                          [--peer-threads N]
 """
 import argparse
 import os
@@ -97,11 +99,11 @@ nib.save(nib.Nifti1Image(maps, first.affine), out)
 '''
 
 
-def run_job(args, cwd):
+def run_job(args, cwd, env=None):
     """Runs one job; returns wall s, CPU s (user + system), user s, system s and peak resident bytes."""
     start = time.perf_counter()
     proc = subprocess.Popen(args, cwd=cwd, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                            stdin=subprocess.DEVNULL)
+                            stdin=subprocess.DEVNULL, env=env)
     _, status, usage = os.wait4(proc.pid, 0)
     wall = time.perf_counter() - start
     proc.returncode = os.waitstatus_to_exitcode(status)
@@ -151,7 +153,13 @@ def main():
     parser.add_argument("--keep", help="work in this directory and keep it")
     parser.add_argument("--no-peer", action="store_true", help="time kep alone")
     parser.add_argument("--threads", type=int, default=0, help="also time kep with this many threads")
+    parser.add_argument("--peer-threads", type=int, default=0,
+                        help="hold the peer's OpenBLAS and OpenMP to this many threads")
     opts = parser.parse_args()
+    peer_env = None
+    if opts.peer_threads:
+        peer_env = dict(os.environ, **{v: str(opts.peer_threads) for v in
+                                       ("OPENBLAS_NUM_THREADS", "OMP_NUM_THREADS", "MKL_NUM_THREADS")})
     size = (104, 104, 66, 195) if opts.whole_brain else (64, 64, 32, 150)
     repeats = opts.repeats or (1 if opts.whole_brain else 3)
     if opts.keep:
@@ -180,7 +188,7 @@ def main():
             if not opts.no_peer:
                 jobs.append(("nipy", [PYTHON, "peer.py", name, f"peer_{name}.nii"] + runs))
             for who, args in jobs:
-                figures = run_job(args, where)
+                figures = run_job(args, where, peer_env if who == "nipy" else None)
                 # The repeat of least processor time, with its own wall, user and system times.
                 old = best.get(who)
                 if old is None or figures[1] < old[1]:
@@ -198,6 +206,8 @@ def main():
     print(f"runs' float32 data: {stack_bytes / 2e6:.1f} MB ({nx}*{ny}*{nz}*{nt} samples of 4 bytes; "
           f"kep's stack glm holds them as such)")
     print("wall: best of the repeats; cpu: the repeat of least processor time")
+    if opts.peer_threads:
+        print(f"the peer's OpenBLAS and OpenMP held to {opts.peer_threads} thread(s)")
     print(f"load average before {load_before[0]:.2f}, after {load_after[0]:.2f} (2 cores: "
           f"{os.cpu_count()} visible)")
     print()
