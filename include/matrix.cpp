@@ -127,7 +127,9 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
 
 int rInvertSquareMatrix(int n, float **a, int *failing_row) {
   if (n < 0) return dInvertSquareMatrix(n, nullptr, failing_row);
-  dmatrix d(n, n);
+  // Kept from call to call: the GLM inverts its contrast covariances at every voxel.
+  thread_local dmatrix d;
+  if (d.rows() != n) d = dmatrix(n, n);
   for (int i = 0; i < n; i++)
     for (int j = 0; j < n; j++) d[i][j] = a[i][j];
   const int result = dInvertSquareMatrix(n, d, failing_row);
