@@ -10,8 +10,7 @@
 // The fits are also compiled for wider vectors where the processor has them;
 // without fused multiply-add, so both builds round exactly alike.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define GLM_VECTOR_CLONES \
-  __attribute__((target_clones("avx2", "default"), optimize("vect-cost-model=dynamic")))
+#define GLM_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define GLM_VECTOR_CLONES
 #endif
