@@ -2,8 +2,8 @@
 //   build/bench_glm [voxels] [block]
 // One run of 300 images (TR 2 s), six square events and three baseline terms:
 // 9 regressors. Last, the AR(1) refit of each voxel with its own filter: the
-// whitened-model path of GLM_fit_data against GLM_fit_whitened. The series sit in stack order (image after image), so both
-// paths include gathering each voxel's time course, as the stack commands do.
+// whitened-model path of GLM_fit_data against GLM_fit_whitened. The series sit in stack order (image after
+// image), so both paths include gathering each voxel's time course, as the stack commands do.
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -124,8 +124,10 @@ int main(int argc, char **argv) {
       int used;
       float variance;
       GLM_calculate_whitening_filter(2, rho, &used);
-      if (fast) GLM_fit_whitened(nt, data.data(), fit.data(), &variance);
-      else GLM_fit_data(nt, data.data(), fit.data(), &variance);
+      if (fast)
+        GLM_fit_whitened(nt, data.data(), fit.data(), &variance);
+      else
+        GLM_fit_data(nt, data.data(), fit.data(), &variance);
       ar_sum[fast] += GLM.Beta_c[0];
     }
     ar_time[fast] = seconds_since(start);

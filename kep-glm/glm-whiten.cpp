@@ -129,7 +129,8 @@ inline __attribute__((always_inline)) void combine(const double *columns, const 
   }
   for (; t < n; t++) {
     double sum = 0.0;
-    for (int c = 0; c < nc; c++) sum += columns[static_cast<size_t>(c) * n + t] * static_cast<double>(beta[c]);
+    for (int c = 0; c < nc; c++)
+      sum += columns[static_cast<size_t>(c) * n + t] * static_cast<double>(beta[c]);
     out[t] = sum;
   }
 }
@@ -345,10 +346,18 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
       columns[k] = U + static_cast<size_t>(c) * n + q - s;
     }
     switch (count) {
-      case 4: dots<4>(columns, z + q, n - q, sums + k0); break;
-      case 3: dots<3>(columns, z + q, n - q, sums + k0); break;
-      case 2: dots<2>(columns, z + q, n - q, sums + k0); break;
-      default: dots<1>(columns, z + q, n - q, sums + k0); break;
+      case 4:
+        dots<4>(columns, z + q, n - q, sums + k0);
+        break;
+      case 3:
+        dots<3>(columns, z + q, n - q, sums + k0);
+        break;
+      case 2:
+        dots<2>(columns, z + q, n - q, sums + k0);
+        break;
+      default:
+        dots<1>(columns, z + q, n - q, sums + k0);
+        break;
     }
   }
   for (int s = 0; s <= q; s++)

@@ -4,10 +4,11 @@
 // Without an autoregressive model the voxels are fitted in blocks: the time
 // courses of a run of consecutive voxels (read in place from each volume's
 // contiguous samples, or gathered into one buffer when they need converting)
-// are fitted together with matrix products. With `AR p` in the control file the fit takes two
-// passes: the first fits every voxel without whitening and estimates its
-// autocorrelations, which are smoothed in image space by AR_smooth_mm; the
-// second whitens each voxel with its own smoothed coefficients and refits.
+// are fitted together with matrix products. With `AR p` in the control file
+// the fit takes two passes: the first fits every voxel without whitening and
+// estimates its autocorrelations, which are smoothed in image space by
+// AR_smooth_mm; the second whitens each voxel with its own smoothed
+// coefficients and refits.
 // All-zero voxels (outside the head) are skipped by both passes and get zeros.
 #include "kep-glm.h"
 
@@ -233,7 +234,8 @@ int block_pass(const Frame &f, bool report, Each each) {
   return for_each_block(f, report, [&](long v0, int n, Workspace &w) {
     gather(f, v0, n, w);
     const int m = pack_active(n, f.nt, w);
-    if (m > 0 && GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), w.variance.data())) return 1;
+    if (m > 0 && GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), w.variance.data()))
+      return 1;
     point_fits(f.nt, m, w);
     transpose(w.row.data(), f.nt, nullptr, m, w.series.data());
     transpose(w.fit_row.data(), f.nt, nullptr, m, w.fit_series.data());
