@@ -63,11 +63,17 @@ int fit(linear_fit &g, const char *who, int npts, const float *data, float *fitt
     throw_fatal(fatal::on_stdout,
                 "Error: the number of data time points (%d) does not match the number in the GLM (%d).\n",
                 npts, g.npts);
-  for (int j = 0; j < g.order; j++) {
-    const float *p = g.P[j];
-    double s = 0.0;
-    for (int i = 0; i < npts; i++) s += static_cast<double>(g.use[i]) * data[i] * p[i];
-    g.coefficients[j] = static_cast<float>(s);
+  // Up to four coefficients' sums side by side, each still in image order:
+  // independent chains, one pass over the series.
+  for (int j0 = 0; j0 < g.order; j0 += 4) {
+    const int nj = g.order - j0 < 4 ? g.order - j0 : 4;
+    double s[4] = {0.0, 0.0, 0.0, 0.0};
+    for (int i = 0; i < npts; i++) {
+      const double d = static_cast<double>(g.use[i]) * data[i];
+#pragma GCC unroll 4
+      for (int j = 0; j < nj; j++) s[j] += d * g.P[j0 + j][i];
+    }
+    for (int j = 0; j < nj; j++) g.coefficients[j0 + j] = static_cast<float>(s[j]);
   }
   for (int i = 0; i < npts; i++) {
     const float *x = g.X[i];

@@ -30,6 +30,20 @@ std::vector<const volume_list *> listed_volumes() {
   return volumes;
 }
 
+// Voxels are taken a block at a time: a block's amplitudes are gathered from
+// one contiguous run of each volume, not one strided sample per volume and voxel.
+constexpr long BLOCK_VOXELS = 512;
+
+// rows[k * count + i] = the amplitude of voxel v0 + i in volume k.
+void gather_amplitudes(const std::vector<const volume_list *> &volumes, long v0, long count,
+                       std::vector<float> &rows) {
+  rows.resize(volumes.size() * static_cast<size_t>(count));
+  for (size_t k = 0; k < volumes.size(); k++) {
+    float *row = rows.data() + k * static_cast<size_t>(count);
+    for (long i = 0; i < count; i++) row[i] = volume_amp(volumes[k], v0 + i);
+  }
+}
+
 // Installs the three maps (values in `maps`, n3d per map) as the map stack
 // `name`, with the geometry of `template_stack`.
 int install_maps(const char *name, const data_stack *template_stack, IPOINT3D dim,
@@ -72,9 +86,11 @@ int map_snr(const char *name) {
   int64_t map_samples = 0;  // the three maps must fit one stack before any is computed
   if (!checked_stack_size(name, dim.x, dim.y, dim.z, 3, &map_samples)) return 1;
   std::vector<float> maps(static_cast<size_t>(3 * n3d), 0.0f);
-  std::vector<float> data(static_cast<size_t>(n)), fit(static_cast<size_t>(n));
+  std::vector<float> data(static_cast<size_t>(n)), fit(static_cast<size_t>(n)), rows;
   for (long v = 0; v < n3d; v++) {
-    for (int k = 0; k < n; k++) data[static_cast<size_t>(k)] = volume_amp(volumes[static_cast<size_t>(k)], v);
+    const long v0 = v - v % BLOCK_VOXELS, count = std::min(BLOCK_VOXELS, n3d - v0);
+    if (v == v0) gather_amplitudes(volumes, v0, count, rows);
+    for (int k = 0; k < n; k++) data[static_cast<size_t>(k)] = rows[static_cast<size_t>(k * count + v - v0)];
     if (PolynomialFitGLM(n, data.data(), fit.data()) || PolynomialRemoveGLM(1, n, data.data(), fit.data()))
       return 1;
     double sum = 0.0, largest = 0.0;
@@ -139,11 +155,14 @@ int map_t2(DecayMap kind, const char *name) {
   if (!checked_stack_size(name, dim.x, dim.y, dim.z, 3, &map_samples)) return 1;
   std::vector<float> maps(static_cast<size_t>(3 * n3d), 0.0f);
   int fits = 0, filtered = 0;
+  std::vector<float> rows;
   for (long v = 0; v < n3d; v++) {
+    const long v0 = v - v % BLOCK_VOXELS, count = std::min(BLOCK_VOXELS, n3d - v0);
+    if (v == v0) gather_amplitudes(volumes, v0, count, rows);
     // The fit takes the leading points up to the first non-positive amplitude.
     int m = 0;
     while (m < n) {
-      const float a = volume_amp(volumes[static_cast<size_t>(m)], v);
+      const float a = rows[static_cast<size_t>(m * count + v - v0)];
       const float ln = a > 0.0f ? static_cast<float>(log(static_cast<double>(a))) : 0.0f;
       if (ln == 0.0f) break;
       y[static_cast<size_t>(m)] = ln;
