@@ -224,6 +224,9 @@ int weighted_average(const char *name) {
   std::unique_ptr<FCOMPLEX[]> mean = scratch_buffer<FCOMPLEX>(n3d);
   sum_groups({nodes}, mean.get(), n3d, static_cast<float>(count));
 
+  // The mean's modulus, once per voxel rather than once per volume.
+  std::unique_ptr<float[]> mean_modulus = scratch_buffer<float>(n3d);
+  for (long i = 0; i < n3d; i++) mean_modulus[i] = static_cast<float>(modulus(mean[i]));
   // d[z][k]: spread of volume k about the mean's modulus in slice z, over
   // the voxel count of the whole volume.
   std::unique_ptr<float[]> d = scratch_buffer<float>(static_cast<int64_t>(dim.z) * count);
@@ -234,13 +237,13 @@ int weighted_average(const char *name) {
       double sum = 0.0;
       for (long i = z * n2d; i < (z + 1) * n2d; i++) {
         const double amp = real ? a->re(i) : static_cast<float>(modulus({a->re(i), a->im(i)}));
-        sum += square(static_cast<float>(modulus(mean[i])) - amp);
+        sum += square(mean_modulus[i] - amp);
       }
       d[static_cast<long>(z) * count + k] = static_cast<float>(sum / static_cast<double>(n3d));
     }
   }
   std::unique_ptr<float[]> out = scratch_buffer<float>(n3d);
-  std::vector<double> w(count);
+  std::vector<double> w(count), re(n2d), im(n2d);
   for (int z = 0; z < dim.z; z++) {
     double wsum = 0.0;
     for (int k = 0; k < count; k++) {
@@ -248,16 +251,22 @@ int weighted_average(const char *name) {
       w[k] = square(square(dk == 0.0 ? 0.0 : 1.0 / dk));
       wsum += w[k];
     }
-    for (long i = z * n2d; i < (z + 1) * n2d; i++) {
-      double re = 0.0, im = 0.0;
-      for (int k = 0; k < count; k++) {
-        re += w[k] * nodes[k]->re(i);
-        im += w[k] * nodes[k]->im(i);
+    // Volume after volume over the slice (each voxel's sums still in volume
+    // order), not one strided sample of every volume per voxel.
+    std::fill(re.begin(), re.end(), 0.0);
+    std::fill(im.begin(), im.end(), 0.0);
+    const long first = z * n2d;
+    for (int k = 0; k < count; k++) {
+      const volume_list *a = nodes[k];
+      for (long j = 0; j < n2d; j++) {
+        re[j] += w[k] * a->re(first + j);
+        im[j] += w[k] * a->im(first + j);
       }
+    }
+    for (long j = 0; j < n2d; j++) {
       // All weights 0 (identical volumes) gives 0/0 here: left unguarded.
-      re /= wsum;
-      im /= wsum;
-      out[i] = static_cast<float>(sqrt(re * re + im * im));
+      const double r = re[j] / wsum, i = im[j] / wsum;
+      out[first + j] = static_cast<float>(sqrt(r * r + i * i));
     }
   }
   return finish(name, 1, std::move(out));

@@ -21,6 +21,7 @@ int volume_number(const volume_list *v) {
 }
 
 void add_magnitudes(const volume_list *v, std::vector<float> &values) {
+  values.reserve(values.size() + static_cast<size_t>(v->n3d));
   for (long n = 0; n < v->n3d; n++) {
     const float a = std::fabs(volume_amp(v, n));
     if (a != 0.0f && std::isfinite(a)) values.push_back(a);
@@ -28,10 +29,14 @@ void add_magnitudes(const volume_list *v, std::vector<float> &values) {
 }
 
 // The q-th percentile with linear interpolation between order statistics.
-double percentile(std::vector<float> &values, double q) {
+// `from` is the place of an order statistic already selected below it: the
+// values from there on are those above it, so the selection starts there.
+double percentile(std::vector<float> &values, double q, size_t from, size_t *place) {
   const double position = q / 100.0 * static_cast<double>(values.size() - 1);
   const size_t below = static_cast<size_t>(std::floor(position));
-  std::nth_element(values.begin(), values.begin() + static_cast<long>(below), values.end());
+  *place = below;
+  std::nth_element(values.begin() + static_cast<long>(std::min(from, below)),
+                   values.begin() + static_cast<long>(below), values.end());
   const double low = values[below];
   if (below + 1 >= values.size()) return low;
   const double high = *std::min_element(values.begin() + static_cast<long>(below) + 1, values.end());
@@ -45,8 +50,9 @@ struct Window {
 // Finds the window of `values`; false (values empty or without spread) leaves nothing to do.
 bool window_of(std::vector<float> &values, Window *w) {
   if (values.empty()) return false;
-  w->low = percentile(values, 1.0);
-  w->high = percentile(values, 99.0);
+  size_t low_place = 0, high_place = 0;
+  w->low = percentile(values, 1.0, 0, &low_place);
+  w->high = percentile(values, 99.0, low_place, &high_place);
   return w->high > w->low;
 }
 
