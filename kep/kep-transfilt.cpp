@@ -23,10 +23,11 @@
 namespace {
 
 // Samples of the double-precision buffer per pass: 256 kB, which stays in
-// the second-level cache while its lines are transformed. Contiguous lines
-// (x) lie one after the other in it, strided lines (y, z, t) side by side,
-// so that every copy in and out runs along the stack's rows; equal lengths
-// share a plan shape and later plans come from the process's FFTW wisdom.
+// the second-level cache while its lines are transformed. Every axis uses
+// the same layout (whole lines one after the other), so equal lengths share
+// one plan shape and later plans come from the process's FFTW wisdom. (Lines
+// side by side, planned down the columns, run faster but take FFTW twice as
+// long to plan, which a single command does not win back.)
 constexpr long BATCH_SAMPLES = 16384;
 
 struct FftwBuffer {
@@ -91,33 +92,41 @@ void contiguous_pass(const LineSet &lines, fftw_plan plan, fftw_complex *buf, lo
 }
 
 // One pass over up to `batch` strided lines of `block`, from column `first` on.
-// Row j of the buffer holds line sample (j + n/2) mod n of each column, so
-// both copies run along the stack's rows; the plan transforms down the columns.
+// The copies transpose tiles of 16 samples of 16 lines, so that the stack is
+// read and written along its rows and the buffer's lines a few cache lines at
+// a time.
 void strided_pass(const LineSet &lines, fftw_plan plan, fftw_complex *buf, long batch, long block, long first,
                   float scale) {
+  constexpr long TILE = 16;
   const long n = lines.n, before = n / 2, after = (n + 1) / 2;
   FCOMPLEX *base = lines.data + block * lines.block_stride;
   long count = lines.ncolumns - first < batch ? lines.ncolumns - first : batch;
-  for (long j = 0; j < n; j++) {
-    long row = j + before < n ? j + before : j + before - n;
-    const FCOMPLEX *src = base + row * lines.stride + first;
-    fftw_complex *out = buf + j * batch;
-    for (long b = 0; b < count; b++) {
-      out[b][0] = src[b].real;
-      out[b][1] = src[b].imag;
+  if (count < batch) memset(buf + count * n, 0, sizeof(fftw_complex) * (batch - count) * n);
+  for (long j0 = 0; j0 < n; j0 += TILE)
+    for (long b0 = 0; b0 < count; b0 += TILE) {
+      const long j1 = std::min(n, j0 + TILE), b1 = std::min(count, b0 + TILE);
+      for (long j = j0; j < j1; j++) {
+        long row = j + before < n ? j + before : j + before - n;
+        const FCOMPLEX *src = base + row * lines.stride + first;
+        for (long b = b0; b < b1; b++) {
+          buf[b * n + j][0] = src[b].real;
+          buf[b * n + j][1] = src[b].imag;
+        }
+      }
     }
-    if (count < batch) memset(out + count, 0, sizeof(fftw_complex) * (batch - count));
-  }
   fftw_execute_dft(plan, buf, buf);
-  for (long m = 0; m < n; m++) {
-    long row = m + after < n ? m + after : m + after - n;
-    FCOMPLEX *dst = base + m * lines.stride + first;
-    const fftw_complex *in = buf + row * batch;
-    for (long b = 0; b < count; b++) {
-      dst[b].real = static_cast<float>(in[b][0]) / scale;
-      dst[b].imag = static_cast<float>(in[b][1]) / scale;
+  for (long m0 = 0; m0 < n; m0 += TILE)
+    for (long b0 = 0; b0 < count; b0 += TILE) {
+      const long m1 = std::min(n, m0 + TILE), b1 = std::min(count, b0 + TILE);
+      for (long m = m0; m < m1; m++) {
+        long row = m + after < n ? m + after : m + after - n;
+        FCOMPLEX *dst = base + m * lines.stride + first;
+        for (long b = b0; b < b1; b++) {
+          dst[b].real = static_cast<float>(buf[b * n + row][0]) / scale;
+          dst[b].imag = static_cast<float>(buf[b * n + row][1]) / scale;
+        }
+      }
     }
-  }
 }
 
 // Transforms every line of `lines` with the centring permutation folded into
@@ -146,11 +155,8 @@ int transform_lines(const LineSet &lines, int sign, float scale) {
   }
   const int length = static_cast<int>(n);
   FftwPlan plan;
-  // Contiguous lines lie one after the other in the buffer, strided ones
-  // side by side (sample j of every line in row j).
-  const int step = contiguous ? 1 : static_cast<int>(batch), distance = contiguous ? length : 1;
-  plan.plan = fftw_plan_many_dft(1, &length, static_cast<int>(batch), buffer.data, nullptr, step, distance,
-                                 buffer.data, nullptr, step, distance, sign, FFTW_MEASURE);
+  plan.plan = fftw_plan_many_dft(1, &length, static_cast<int>(batch), buffer.data, nullptr, 1, length,
+                                 buffer.data, nullptr, 1, length, sign, FFTW_MEASURE);
   if (plan.plan == nullptr) {
     kep_text(2, "The Fourier transform could not be planned.");
     return 1;
