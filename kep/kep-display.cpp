@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -28,31 +30,74 @@ void add_magnitudes(const volume_list *v, std::vector<float> &values) {
   }
 }
 
-// The q-th percentile with linear interpolation between order statistics.
-// `from` is the place of an order statistic already selected below it: the
-// values from there on are those above it, so the selection starts there.
-double percentile(std::vector<float> &values, double q, size_t from, size_t *place) {
-  const double position = q / 100.0 * static_cast<double>(values.size() - 1);
-  const size_t below = static_cast<size_t>(std::floor(position));
-  *place = below;
-  std::nth_element(values.begin() + static_cast<long>(std::min(from, below)),
-                   values.begin() + static_cast<long>(below), values.end());
-  const double low = values[below];
-  if (below + 1 >= values.size()) return low;
-  const double high = *std::min_element(values.begin() + static_cast<long>(below) + 1, values.end());
-  return low + (position - static_cast<double>(below)) * (high - low);
+// The values of the given ranks (0: the smallest) among positive finite
+// floats, whose bit patterns order as the values do. One pass counts the
+// values by their top 16 bits, a second keeps those of the buckets that hold
+// the ranks, and each rank is selected within its bucket.
+std::vector<float> order_statistics(const std::vector<float> &values, const std::vector<size_t> &ranks) {
+  auto bucket = [](float v) {
+    uint32_t bits;
+    memcpy(&bits, &v, sizeof bits);
+    return bits >> 16;
+  };
+  std::vector<size_t> counts(size_t{1} << 16, 0);
+  for (float v : values) counts[bucket(v)]++;
+  const size_t n = ranks.size();
+  std::vector<uint32_t> home(n);
+  std::vector<size_t> within(n);
+  for (size_t r = 0; r < n; r++) {
+    size_t below = 0;
+    uint32_t b = 0;
+    while (below + counts[b] <= ranks[r]) below += counts[b++];
+    home[r] = b;
+    within[r] = ranks[r] - below;
+  }
+  std::vector<std::vector<float>> kept(n);
+  for (size_t r = 0; r < n; r++) kept[r].reserve(counts[home[r]]);
+  for (float v : values) {
+    const uint32_t b = bucket(v);
+    for (size_t r = 0; r < n; r++)
+      if (home[r] == b) kept[r].push_back(v);
+  }
+  std::vector<float> out(n);
+  for (size_t r = 0; r < n; r++) {
+    std::nth_element(kept[r].begin(), kept[r].begin() + static_cast<long>(within[r]), kept[r].end());
+    out[r] = kept[r][within[r]];
+  }
+  return out;
 }
 
 struct Window {
   double low, high;
 };
 
-// Finds the window of `values`; false (values empty or without spread) leaves nothing to do.
-bool window_of(std::vector<float> &values, Window *w) {
+// Finds the window of `values` (positive and finite): the 1st and 99th
+// percentiles, each interpolated linearly between two order statistics.
+// False (values empty or without spread) leaves nothing to do.
+bool window_of(const std::vector<float> &values, Window *w) {
   if (values.empty()) return false;
-  size_t low_place = 0, high_place = 0;
-  w->low = percentile(values, 1.0, 0, &low_place);
-  w->high = percentile(values, 99.0, low_place, &high_place);
+  const size_t count = values.size();
+  double position[2], *ends[2] = {&w->low, &w->high};
+  size_t below[2];
+  std::vector<size_t> ranks;
+  const double q[2] = {1.0, 99.0};
+  for (int e = 0; e < 2; e++) {
+    position[e] = q[e] / 100.0 * static_cast<double>(count - 1);
+    below[e] = static_cast<size_t>(std::floor(position[e]));
+    ranks.push_back(below[e]);
+    if (below[e] + 1 < count) ranks.push_back(below[e] + 1);
+  }
+  const std::vector<float> order = order_statistics(values, ranks);
+  size_t next = 0;
+  for (int e = 0; e < 2; e++) {
+    const double low = order[next++];
+    if (below[e] + 1 >= count) {
+      *ends[e] = low;
+      continue;
+    }
+    const double high = order[next++];
+    *ends[e] = low + (position[e] - static_cast<double>(below[e])) * (high - low);
+  }
   return w->high > w->low;
 }
 
