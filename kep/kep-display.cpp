@@ -48,7 +48,7 @@ std::vector<float> order_statistics(const std::vector<float> &values, const std:
   for (size_t r = 0; r < n; r++) {
     size_t below = 0;
     uint32_t b = 0;
-    while (below + counts[b] <= ranks[r]) below += counts[b++];
+    while (below + counts[b] <= ranks[r] && b + 1 < counts.size()) below += counts[b++];
     home[r] = b;
     within[r] = ranks[r] - below;
   }
