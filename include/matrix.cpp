@@ -55,19 +55,13 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
     printf("Error: the matrix order is %d\n", n);
     return 1;
   }
-  // Small orders (every GLM design) keep their scratch on the stack: this is
-  // called once per voxel by the whitened refits.
-  constexpr int SMALL = 32;
-  int pivot_small[SMALL];
-  double l_small[SMALL];
-  std::vector<int> pivot_large;
-  std::vector<double> l_large;
-  if (n > SMALL) {
-    pivot_large.resize(static_cast<size_t>(n));
-    l_large.resize(static_cast<size_t>(n));
-  }
-  int *pivot = n > SMALL ? pivot_large.data() : pivot_small;
-  double *l = n > SMALL ? l_large.data() : l_small;
+  // Scratch kept from call to call: the whitened refits invert once per voxel.
+  thread_local std::vector<int> pivot_scratch;
+  thread_local std::vector<double> l_scratch;
+  pivot_scratch.resize(static_cast<size_t>(n));
+  l_scratch.resize(static_cast<size_t>(n));
+  int *pivot = pivot_scratch.data();
+  double *l = l_scratch.data();
 
   // LU factorisation with partial pivoting; the first largest entry wins.
   for (int c = 0; c < n; c++) {

@@ -265,8 +265,8 @@ int weighted_average(const char *name) {
     }
     for (long j = 0; j < n2d; j++) {
       // All weights 0 (identical volumes) gives 0/0 here: left unguarded.
-      const double r = re[j] / wsum, i = im[j] / wsum;
-      out[first + j] = static_cast<float>(sqrt(r * r + i * i));
+      const double real = re[j] / wsum, imaginary = im[j] / wsum;
+      out[first + j] = static_cast<float>(sqrt(real * real + imaginary * imaginary));
     }
   }
   return finish(name, 1, std::move(out));

@@ -42,27 +42,30 @@ std::vector<float> order_statistics(const std::vector<float> &values, const std:
   };
   std::vector<size_t> counts(size_t{1} << 16, 0);
   for (float v : values) counts[bucket(v)]++;
+  // The bucket of each rank (ranks often share one), and the rank within it.
   const size_t n = ranks.size();
-  std::vector<uint32_t> home(n);
-  std::vector<size_t> within(n);
+  std::vector<uint32_t> buckets;
+  std::vector<size_t> home(n), within(n);
   for (size_t r = 0; r < n; r++) {
     size_t below = 0;
     uint32_t b = 0;
     while (below + counts[b] <= ranks[r] && b + 1 < counts.size()) below += counts[b++];
-    home[r] = b;
+    home[r] = static_cast<size_t>(std::find(buckets.begin(), buckets.end(), b) - buckets.begin());
+    if (home[r] == buckets.size()) buckets.push_back(b);
     within[r] = ranks[r] - below;
   }
-  std::vector<std::vector<float>> kept(n);
-  for (size_t r = 0; r < n; r++) kept[r].reserve(counts[home[r]]);
+  std::vector<std::vector<float>> kept(buckets.size());
+  for (size_t i = 0; i < buckets.size(); i++) kept[i].reserve(counts[buckets[i]]);
   for (float v : values) {
     const uint32_t b = bucket(v);
-    for (size_t r = 0; r < n; r++)
-      if (home[r] == b) kept[r].push_back(v);
+    for (size_t i = 0; i < buckets.size(); i++)
+      if (buckets[i] == b) kept[i].push_back(v);
   }
   std::vector<float> out(n);
   for (size_t r = 0; r < n; r++) {
-    std::nth_element(kept[r].begin(), kept[r].begin() + static_cast<long>(within[r]), kept[r].end());
-    out[r] = kept[r][within[r]];
+    std::vector<float> &k = kept[home[r]];
+    std::nth_element(k.begin(), k.begin() + static_cast<long>(within[r]), k.end());
+    out[r] = k[within[r]];
   }
   return out;
 }

@@ -261,8 +261,8 @@ int block_pass(const Frame &f, bool report, Each each) {
 }
 
 // The lagged sums a_k = sum over t >= k of e_t e_(t-k), e the residual with
-// excluded images zeroed, for the m voxels of a block (data and fits
-// [image][voxel]) into lags[k * m + j]; the voxels run side by side, each
+// excluded images zeroed, for the m voxels of a block (data[t] the m samples
+// of image t, fits [image][voxel]) into lags[k * m + j]; the voxels run side by side, each
 // voxel's products added in image order. The bias-reduced autocorrelations
 // are (ARMixm1_rr a)_k / (ARMixm1_rr a)_0.
 void block_autocorrelations(const float *const *data, const float *fits, int nt, int m, int p,
@@ -341,7 +341,7 @@ int run_fit(const Frame &f, VoxelStep &step) {
       }
   }
   // Pass two: whiten each voxel with its own coefficients and refit, the
-  // series taken from contiguous blocks gathered as in pass one.
+  // series read block by block as in pass one.
   failed = for_each_block(f, true, [&](long v0, int n, Workspace &w) {
     // Only the voxels pass one found active are read; a block outside the
     // head is not gathered at all.
