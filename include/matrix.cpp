@@ -49,20 +49,15 @@ inline double dot(const double *x, const double *y, int n) {
 
 }  // namespace
 
-int dInvertSquareMatrix(int n, double **a, int *failing_row) {
-  *failing_row = -1;
-  if (n < 0) {
-    printf("Error: the matrix order is %d\n", n);
-    return 1;
-  }
-  // Scratch kept from call to call: the whitened refits invert once per voxel.
-  thread_local std::vector<int> pivot_scratch;
-  thread_local std::vector<double> l_scratch;
-  pivot_scratch.resize(static_cast<size_t>(n));
-  l_scratch.resize(static_cast<size_t>(n));
-  int *pivot = pivot_scratch.data();
-  double *l = l_scratch.data();
+namespace {
 
+// The inverse by LU factorisation with partial pivoting. N > 0 fixes the order
+// at compile time, so the short loops of small matrices (the GLM inverts its
+// design's cross products at every voxel) unroll; the operations and their
+// order are those of the general case, so every order rounds alike.
+template <int N>
+int invert_lu(int order, double **a, int *failing_row, int *pivot, double *l) {
+  const int n = N > 0 ? N : order;
   // LU factorisation with partial pivoting; the first largest entry wins.
   for (int c = 0; c < n; c++) {
     int p = c;
@@ -117,6 +112,43 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
       for (int i = 0; i < n; i++) std::swap(a[i][c], a[i][p]);
   }
   return 0;
+}
+
+}  // namespace
+
+int dInvertSquareMatrix(int n, double **a, int *failing_row) {
+  *failing_row = -1;
+  if (n < 0) {
+    printf("Error: the matrix order is %d\n", n);
+    return 1;
+  }
+  // Scratch kept from call to call: the whitened refits invert once per voxel.
+  thread_local std::vector<int> pivot_scratch;
+  thread_local std::vector<double> l_scratch;
+  pivot_scratch.resize(static_cast<size_t>(n));
+  l_scratch.resize(static_cast<size_t>(n));
+  int *pivot = pivot_scratch.data();
+  double *l = l_scratch.data();
+  switch (n) {
+#define KEP_INVERT_ORDER(k) \
+  case k:                   \
+    return invert_lu<k>(n, a, failing_row, pivot, l);
+    KEP_INVERT_ORDER(1)
+    KEP_INVERT_ORDER(2)
+    KEP_INVERT_ORDER(3)
+    KEP_INVERT_ORDER(4)
+    KEP_INVERT_ORDER(5)
+    KEP_INVERT_ORDER(6)
+    KEP_INVERT_ORDER(7)
+    KEP_INVERT_ORDER(8)
+    KEP_INVERT_ORDER(9)
+    KEP_INVERT_ORDER(10)
+    KEP_INVERT_ORDER(11)
+    KEP_INVERT_ORDER(12)
+#undef KEP_INVERT_ORDER
+    default:
+      return invert_lu<0>(n, a, failing_row, pivot, l);
+  }
 }
 
 int rInvertSquareMatrix(int n, float **a, int *failing_row) {

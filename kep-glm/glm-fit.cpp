@@ -14,6 +14,15 @@ namespace {
 // F of the last call of GLM_calculate_F, before it was rounded into the statistic.
 thread_local double last_F = 0.0;
 
+const double floor_p = exp(-100.0);
+
+// The p-value of F as GLM_calculate_F reports it: 1 without degrees of
+// freedom, never below e^-100, rounded to float.
+float p_of_F(double F, double dof, int ncontrasts) {
+  const double pv = dof > 0.0 ? p_value_of_F(F, dof, ncontrasts) : 1.0;
+  return static_cast<float>(pv < floor_p ? floor_p : pv);
+}
+
 bool blank_char(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
 // Parses one condition word into contrast rows by event index; 1 after a message.
@@ -274,15 +283,63 @@ int GLM_calculate_F(int nt, float variance, float nresels, int condition, float 
   if (GLM_calculate_statistic(nt, variance, condition, &F, stat, effect, effect_error)) return 1;
   const int nc = GLM.ncontrasts[condition];
   const double dof = GLM.dof;
-  double pv = 1.0, pc = 1.0;
+  double pc = 1.0;
   if (dof > 0.0) {
-    pv = p_value_of_F(F, dof, nc);
     pc = nresels * 0.1169f * ((dof - 1.0) / dof * F - 1.0) / pow(1.0 + F / dof, (dof - 1.0) / 2.0);
     if (!(pc >= 0.0 && pc <= 1.0)) pc = 1.0;
   }
-  const double floor_p = exp(-100.0);
-  *p = static_cast<float>(pv < floor_p ? floor_p : pv);
+  *p = p_of_F(F, dof, nc);
   *p_corrected = static_cast<float>(pc < floor_p ? floor_p : pc);
+  return 0;
+}
+
+int GLM_F_p_below(int nt, float variance, int condition, double threshold, bool *below) {
+  *below = false;
+  double F = 0.0;
+  float stat, effect, effect_error;
+  if (variance == 0.0f) {  // p is 1, as GLM_calculate_F gives it
+    *below = 1.0 < threshold;
+    return 0;
+  }
+  if (GLM_calculate_statistic(nt, variance, condition, &F, &stat, &effect, &effect_error)) return 1;
+  const int nc = GLM.ncontrasts[condition];
+  const double dof = GLM.dof;
+  // With one contrast row p falls as F grows, so away from the F where p
+  // crosses the threshold the answer is known without the incomplete beta.
+  // The band is wide against the beta's rounding: F moving by 0.1 % moves p
+  // by far more than its last digits. Its edges are checked with the full
+  // computation; a band that fails the check is not used.
+  thread_local double band_dof = -1.0, band_threshold = -1.0, band_low = 0.0, band_high = -1.0;
+  if (nc == 1 && dof > 0.0) {
+    if (band_dof != dof || band_threshold != threshold) {
+      band_dof = dof;
+      band_threshold = threshold;
+      band_low = 0.0;
+      band_high = -1.0;  // unused until found
+      auto below_at = [&](double f) { return p_of_F(f, dof, 1) < threshold; };
+      double low = 0.0, high = 1.0;
+      while (!below_at(high) && high < 1e300) high *= 2.0;
+      if (!below_at(low) && below_at(high)) {
+        for (int i = 0; i < 200 && high - low > 1e-9 * high; i++) {
+          const double mid = 0.5 * (low + high);
+          (below_at(mid) ? high : low) = mid;
+        }
+        const double lo = low * 0.999, hi = high * 1.001;
+        if (!below_at(lo) && below_at(hi)) {
+          band_low = lo;
+          band_high = hi;
+        }
+      }
+    }
+    if (band_high > 0.0) {
+      if (F <= band_low) return 0;
+      if (F >= band_high) {
+        *below = true;
+        return 0;
+      }
+    }
+  }
+  *below = p_of_F(F, dof, nc) < threshold;
   return 0;
 }
 

@@ -226,6 +226,9 @@ void GLM_reset_whitening();
 void GLM_clear_whitening_caches();
 int GLM_calculate_F(int nt, float variance, float nresels, int condition, float *stat, float *p,
                     float *p_corrected, float *effect, float *effect_error);
+// Whether the p of GLM_calculate_F (no resels) would be below `threshold`;
+// quicker where F is clearly on one side of it.
+int GLM_F_p_below(int nt, float variance, int condition, double threshold, bool *below);
 // The part of GLM_calculate_F before any p: F in double precision, the signed
 // statistic, the chosen row's effect and its error (all 0 for a variance of 0).
 int GLM_calculate_statistic(int nt, float variance, int condition, double *F, float *stat, float *effect,

@@ -461,8 +461,8 @@ class FitEvents : public VoxelStep {
         hist(nevents, 0) {}
   int voxel(long v, float *, float *, float variance, bool skipped, float *) override {
     if (skipped) return 0;
-    float stat = 0, p = 1, pc = 1, effect = 0, error = 0;
-    if (GLM_calculate_F(nt_, variance, 0, 0, &stat, &p, &pc, &effect, &error)) return 1;
+    bool significant = false;
+    if (GLM_F_p_below(nt_, variance, 0, threshold_, &significant)) return 1;
     float largest = 0.0f;
     for (int e = 0; e < nevents_; e++) {
       float size = GLM_get_effect_size(e);
@@ -472,7 +472,7 @@ class FitEvents : public VoxelStep {
         largest_[v] = e;
       }
     }
-    significant_[v] = p < threshold_;
+    significant_[v] = significant;
     return 0;
   }
   void count() {

@@ -164,4 +164,46 @@ TEST_F(GlmWhitened, NewDesignRenewsTheLaggedProducts) {
   EXPECT_NE(first.beta, fast.beta);
 }
 
+// The significance test that skips the incomplete beta away from the
+// threshold gives the same answer as comparing GLM_calculate_F's p, on a
+// one-row condition (where the shortcut applies) and a three-row one (where
+// p is not monotone in F), with the variance swept so that F crosses every
+// threshold, finely near each crossing.
+TEST_F(GlmWhitened, SignificanceAgreesWithTheFullPValue) {
+  model(1, 60);
+  fit(series(3, 0.3), {1.0f, 0.3f}, true);
+  const int nt = GLM.ntime;
+  auto decisions = [&](int condition, double threshold, float variance) {
+    float stat, p, pc, effect, error;
+    EXPECT_EQ(GLM_calculate_F(nt, variance, 0, condition, &stat, &p, &pc, &effect, &error), 0);
+    bool below = !(p < threshold);
+    EXPECT_EQ(GLM_F_p_below(nt, variance, condition, threshold, &below), 0);
+    return std::make_pair(below, p < threshold);
+  };
+  for (int condition : {0, 3}) {
+    for (double threshold : {0.05, 1e-6, 1e-40, 1e-50, 2.0}) {
+      SCOPED_TRACE(std::to_string(condition) + " " + std::to_string(threshold));
+      std::vector<float> crossings;
+      bool last = false;
+      for (int i = 0; i <= 4000; i++) {
+        const float variance = static_cast<float>(std::exp(-30.0 + 0.015 * i));
+        const auto [fast, full] = decisions(condition, threshold, variance);
+        EXPECT_EQ(fast, full) << variance;
+        if (i > 0 && full != last) crossings.push_back(variance);
+        last = full;
+      }
+      if (threshold == 0.05 || threshold == 1e-6) {
+        EXPECT_FALSE(crossings.empty());
+      }
+      for (float at : crossings)
+        for (int i = -500; i <= 500; i++) {
+          const float variance = at * static_cast<float>(1.0 + 2e-5 * i);
+          const auto [fast, full] = decisions(condition, threshold, variance);
+          EXPECT_EQ(fast, full) << variance;
+        }
+      EXPECT_EQ(decisions(condition, threshold, 0.0f).first, 1.0 < threshold);
+    }
+  }
+}
+
 }  // namespace
