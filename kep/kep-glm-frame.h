@@ -15,7 +15,8 @@
 class VoxelStep {
  public:
   virtual ~VoxelStep() = default;
-  // Returns nonzero to stop the command with failure.
+  // Returns nonzero to stop the command with failure. A skipped voxel's data
+  // and fit are all zero and shared with the next: they must not be written.
   virtual int voxel(long v, float *data, float *fit, float variance, bool skipped, float *work) = 0;
 };
 

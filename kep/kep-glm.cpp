@@ -19,6 +19,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "glm.h"
@@ -79,10 +80,11 @@ void progress(long v, long nvox) {
 
 // One thread's work space, taken once per pass.
 struct Workspace {
-  std::vector<float> rows, fits, series, fit_series, packed, beta, variance, data, fit, zero_beta, work,
+  std::vector<float> rows, fits, series, fit_series, packed, beta, variance, fit, zero_beta, zeros, work,
       coefficients;
   std::vector<double> residuals, lags;
   std::vector<int> kept;
+  std::vector<std::pair<int, int>> runs;  // (first, length) of the kept voxels
   std::vector<const float *> row, fit_row;  // image t of the block being fitted, and of its fits
   Workspace(int nt, int ncoeff, int p)
       : rows(static_cast<size_t>(nt) * BLOCK_VOXELS),
@@ -91,9 +93,9 @@ struct Workspace {
         fit_series(rows.size()),
         beta(static_cast<size_t>(ncoeff) * BLOCK_VOXELS),
         variance(BLOCK_VOXELS),
-        data(nt),
         fit(nt),
         zero_beta(ncoeff > 0 ? ncoeff : 1, 0.0f),
+        zeros(2 * static_cast<size_t>(nt), 0.0f),
         work(nt),
         coefficients(p + 1),
         residuals(static_cast<size_t>(p + 1) * BLOCK_VOXELS),
@@ -140,34 +142,59 @@ void transpose(const float *const *row, int nt, const int *columns, int m, float
   }
 }
 
-// Keeps the voxels of the block at w.row whose series is not all zero: `kept`
-// lists their places in the block; when some are left out, the others are
-// packed into w.packed ([image][kept voxel]) and w.row points there.
-int pack_active(int n, int nt, Workspace &w) {
-  w.kept.clear();
-  // Row by row over the block (contiguous), not down each voxel's series;
-  // in the head every voxel is found in the first image, so the scan stops
-  // as soon as none is left to find.
-  int any[BLOCK_VOXELS] = {};
-  for (int t = 0; t < nt; t++) {
-    const float *row = w.row[t];
-    int found = 0;
-    for (int i = 0; i < n; i++) {
-      any[i] |= row[i] != 0.0f;
-      found += any[i];
+// Which positions of the frame's voxels to fit have a series that is not all
+// zero. Each volume is read in memory order, a chunk of positions at a time
+// (the chunks shared among the threads), instead of down each series.
+std::vector<char> nonzero_positions(const Frame &f) {
+  const long count = f.count();
+  std::vector<char> any(static_cast<size_t>(count), 0);
+  constexpr long CHUNK = 16384;
+  const long chunks = (count + CHUNK - 1) / CHUNK;
+  std::atomic<long> next{0};
+  const int workers = static_cast<int>(std::max(1L, std::min<long>(worker_threads(), chunks)));
+  run_workers(workers, [&](int) {
+    for (long c = next++; c < chunks; c = next++) {
+      const long p0 = c * CHUNK, p1 = std::min(count, p0 + CHUNK);
+      char *a = any.data();
+      for (int k = 0; k < f.nt; k++) {
+        const float *volume = f.volume[k];
+        if (!f.masked && !f.pairs) {
+          for (long i = p0; i < p1; i++) a[i] |= volume[i] != 0.0f;
+        } else {
+          for (long i = p0; i < p1; i++) a[i] |= amplitude(volume, f.voxel(i), f.pairs, f.magnitude) != 0.0f;
+        }
+      }
     }
-    if (found == n) break;
-  }
+  });
+  return any;
+}
+
+// Lists in `kept` the places in the block of the voxels flagged in `active`
+// (the block's own flags); when some are left out, the others are packed into
+// w.packed ([image][kept voxel]) and w.row points there.
+int pack_active(const char *active, int n, int nt, Workspace &w) {
+  w.kept.clear();
   for (int i = 0; i < n; i++)
-    if (any[i]) w.kept.push_back(i);
+    if (active[i]) w.kept.push_back(i);
   const int m = static_cast<int>(w.kept.size());
-  if (m == n) return m;
-  w.packed.resize(static_cast<size_t>(nt) * (m > 0 ? m : 1));
+  if (m == n || m == 0) return m;
+  // The kept voxels lie in runs (rows of the head): copied run by run.
+  w.runs.clear();
+  for (int j = 0; j < m; j++) {
+    if (j > 0 && w.kept[j] == w.kept[j - 1] + 1)
+      w.runs.back().second++;
+    else
+      w.runs.emplace_back(w.kept[j], 1);
+  }
+  w.packed.resize(static_cast<size_t>(nt) * m);
   for (int t = 0; t < nt; t++) {
     const float *src = w.row[t];
     float *dst = w.packed.data() + static_cast<long>(t) * m;
-    for (int j = 0; j < m; j++) dst[j] = src[w.kept[j]];
-    w.row[t] = dst;
+    for (const auto &[first, length] : w.runs) {
+      std::memcpy(dst, src + first, sizeof(float) * static_cast<size_t>(length));
+      dst += length;
+    }
+    w.row[t] = w.packed.data() + static_cast<long>(t) * m;
   }
   return m;
 }
@@ -231,9 +258,15 @@ int for_each_block(const Frame &f, bool report, Block block) {
 // handed over as such without being fitted.
 template <typename Each>
 int block_pass(const Frame &f, bool report, Each each) {
+  const std::vector<char> active = nonzero_positions(f);
   return for_each_block(f, report, [&](long v0, int n, Workspace &w) {
-    gather(f, v0, n, w);
-    const int m = pack_active(n, f.nt, w);
+    int m = 0;
+    if (std::find(active.begin() + v0, active.begin() + v0 + n, 1) != active.begin() + v0 + n) {
+      gather(f, v0, n, w);
+      m = pack_active(active.data() + v0, n, f.nt, w);
+    } else {
+      w.kept.clear();
+    }
     if (m > 0 && GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), w.variance.data()))
       return 1;
     point_fits(f.nt, m, w);
@@ -242,7 +275,7 @@ int block_pass(const Frame &f, bool report, Each each) {
     int j = 0;
     for (int i = 0; i < n; i++) {
       float var = 0.0f;
-      float *data = w.data.data(), *fit = w.fit.data();
+      float *data = w.zeros.data(), *fit = w.zeros.data() + f.nt;
       if (j < m && w.kept[j] == i) {
         GLM_load_block_coefficients(m, w.beta.data(), j);
         data = w.series.data() + static_cast<long>(j) * f.nt;
@@ -251,8 +284,6 @@ int block_pass(const Frame &f, bool report, Each each) {
         j++;
       } else {
         GLM_load_block_coefficients(1, w.zero_beta.data(), 0);
-        std::fill(w.data.begin(), w.data.end(), 0.0f);
-        std::fill(w.fit.begin(), w.fit.end(), 0.0f);
       }
       if (each(f.voxel(v0 + i), data, fit, w, var)) return 1;
     }
@@ -302,10 +333,11 @@ int run_fit(const Frame &f, VoxelStep &step) {
   std::vector<char> active(f.nvox, 0);
   // The progress lines are those of pass two. The sums of `autocorrelations`
   // run over the whole block at once, each voxel's in the same order.
+  const std::vector<char> nonzero = nonzero_positions(f);
   int failed = for_each_block(f, false, [&](long v0, int n, Workspace &w) {
+    if (std::find(nonzero.begin() + v0, nonzero.begin() + v0 + n, 1) == nonzero.begin() + v0 + n) return 0;
     gather(f, v0, n, w);
-    const int m = pack_active(n, f.nt, w);
-    if (m == 0) return 0;
+    const int m = pack_active(nonzero.data() + v0, n, f.nt, w);
     if (GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), nullptr)) return 1;
     block_autocorrelations(w.row.data(), w.fits.data(), f.nt, m, p, w.residuals, w.lags);
     for (int j = 0; j < m; j++) {
@@ -357,9 +389,7 @@ int run_fit(const Frame &f, VoxelStep &step) {
     for (int i = 0; i < n; i++) {
       const long v = f.voxel(v0 + i);
       if (j == m || w.kept[j] != i) {
-        std::fill(w.data.begin(), w.data.end(), 0.0f);
-        std::fill(w.fit.begin(), w.fit.end(), 0.0f);
-        if (step.voxel(v, w.data.data(), w.fit.data(), 0.0f, true, w.work.data())) return 1;
+        if (step.voxel(v, w.zeros.data(), w.zeros.data() + f.nt, 0.0f, true, w.work.data())) return 1;
         continue;
       }
       float *data = w.series.data() + static_cast<long>(j++) * f.nt;  // whitened in place
