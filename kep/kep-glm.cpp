@@ -84,6 +84,7 @@ struct Workspace {
       coefficients;
   std::vector<double> residuals, lags;
   std::vector<int> kept;
+  std::vector<char> flags = std::vector<char>(BLOCK_VOXELS);  // of a block scanned after gathering
   std::vector<std::pair<int, int>> runs;  // (first, length) of the kept voxels
   std::vector<const float *> row, fit_row;  // image t of the block being fitted, and of its fits
   Workspace(int nt, int ncoeff, int p)
@@ -144,8 +145,11 @@ void transpose(const float *const *row, int nt, const int *columns, int m, float
 
 // Which positions of the frame's voxels to fit have a series that is not all
 // zero. Each volume is read in memory order, a chunk of positions at a time
-// (the chunks shared among the threads), instead of down each series.
+// (the chunks shared among the threads), instead of down each series. Empty
+// with a GLM mask: its voxels are scattered, so each block is scanned once
+// gathered (block_flags).
 std::vector<char> nonzero_positions(const Frame &f) {
+  if (f.masked) return {};
   const long count = f.count();
   std::vector<char> any(static_cast<size_t>(count), 0);
   constexpr long CHUNK = 16384;
@@ -158,15 +162,40 @@ std::vector<char> nonzero_positions(const Frame &f) {
       char *a = any.data();
       for (int k = 0; k < f.nt; k++) {
         const float *volume = f.volume[k];
-        if (!f.masked && !f.pairs) {
+        if (!f.pairs) {
           for (long i = p0; i < p1; i++) a[i] |= volume[i] != 0.0f;
         } else {
-          for (long i = p0; i < p1; i++) a[i] |= amplitude(volume, f.voxel(i), f.pairs, f.magnitude) != 0.0f;
+          for (long i = p0; i < p1; i++) a[i] |= amplitude(volume, i, f.pairs, f.magnitude) != 0.0f;
         }
       }
     }
   });
   return any;
+}
+
+// The flags of the block's voxels (at w.row) that are not all zero: the
+// positions' flags when they were found beforehand, else a scan of the rows,
+// which stops once every voxel of the block has been found.
+const char *block_flags(const std::vector<char> &nonzero, long v0, int n, int nt, Workspace &w) {
+  if (!nonzero.empty()) return nonzero.data() + v0;
+  char *any = w.flags.data();
+  std::fill(any, any + n, 0);
+  for (int t = 0; t < nt; t++) {
+    const float *row = w.row[t];
+    int found = 0;
+    for (int i = 0; i < n; i++) {
+      any[i] |= row[i] != 0.0f;
+      found += any[i];
+    }
+    if (found == n) break;
+  }
+  return any;
+}
+
+// Whether the block at v0 may hold a voxel to fit (always, when the
+// positions were not scanned beforehand).
+bool block_may_fit(const std::vector<char> &nonzero, long v0, int n) {
+  return nonzero.empty() || std::find(nonzero.begin() + v0, nonzero.begin() + v0 + n, 1) != nonzero.begin() + v0 + n;
 }
 
 // Lists in `kept` the places in the block of the voxels flagged in `active`
@@ -261,9 +290,9 @@ int block_pass(const Frame &f, bool report, Each each) {
   const std::vector<char> active = nonzero_positions(f);
   return for_each_block(f, report, [&](long v0, int n, Workspace &w) {
     int m = 0;
-    if (std::find(active.begin() + v0, active.begin() + v0 + n, 1) != active.begin() + v0 + n) {
+    if (block_may_fit(active, v0, n)) {
       gather(f, v0, n, w);
-      m = pack_active(active.data() + v0, n, f.nt, w);
+      m = pack_active(block_flags(active, v0, n, f.nt, w), n, f.nt, w);
     } else {
       w.kept.clear();
     }
@@ -335,9 +364,10 @@ int run_fit(const Frame &f, VoxelStep &step) {
   // run over the whole block at once, each voxel's in the same order.
   const std::vector<char> nonzero = nonzero_positions(f);
   int failed = for_each_block(f, false, [&](long v0, int n, Workspace &w) {
-    if (std::find(nonzero.begin() + v0, nonzero.begin() + v0 + n, 1) == nonzero.begin() + v0 + n) return 0;
+    if (!block_may_fit(nonzero, v0, n)) return 0;
     gather(f, v0, n, w);
-    const int m = pack_active(nonzero.data() + v0, n, f.nt, w);
+    const int m = pack_active(block_flags(nonzero, v0, n, f.nt, w), n, f.nt, w);
+    if (m == 0) return 0;
     if (GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), nullptr)) return 1;
     block_autocorrelations(w.row.data(), w.fits.data(), f.nt, m, p, w.residuals, w.lags);
     for (int j = 0; j < m; j++) {
