@@ -55,8 +55,15 @@ namespace {
 // at compile time, so the short loops of small matrices (the GLM inverts its
 // design's cross products at every voxel) unroll; the operations and their
 // order are those of the general case, so every order rounds alike.
+// Its loops are a few elements long: vectorized, they spend more on set-up and on
+// loads that wait for just-stored elements than they gain.
+#if defined(__GNUC__) && !defined(__clang__)
+#define KEP_SHORT_LOOPS __attribute__((optimize("no-tree-loop-vectorize")))
+#else
+#define KEP_SHORT_LOOPS
+#endif
 template <int N>
-int invert_lu(int order, double **a, int *failing_row, int *pivot, double *l) {
+KEP_SHORT_LOOPS int invert_lu(int order, double **a, int *failing_row, int *pivot, double *l) {
   const int n = N > 0 ? N : order;
   // LU factorisation with partial pivoting; the first largest entry wins.
   for (int c = 0; c < n; c++) {
@@ -89,19 +96,23 @@ int invert_lu(int order, double **a, int *failing_row, int *pivot, double *l) {
 
   // U^-1 in place, one column at a time from the columns already inverted;
   // U's column is gathered first so the sums run along rows.
+#pragma GCC unroll 16
   for (int j = 0; j < n; j++) {
     const double d = 1.0 / a[j][j];
     for (int k = 0; k < j; k++) l[k] = a[k][j];
     a[j][j] = d;
+#pragma GCC unroll 16
     for (int i = 0; i < j; i++) a[i][j] = -d * dot(a[i] + i, l + i, j - i);
   }
 
   // U^-1 L^-1: each column corrected by the later, finished columns.
+#pragma GCC unroll 16
   for (int c = n - 2; c >= 0; c--) {
     for (int r = c + 1; r < n; r++) {
       l[r] = a[r][c];
       a[r][c] = 0.0;
     }
+#pragma GCC unroll 16
     for (int i = 0; i < n; i++) a[i][c] -= dot(a[i] + c + 1, l + c + 1, n - c - 1);
   }
 
