@@ -54,9 +54,9 @@ namespace {
 // The inverse by LU factorisation with partial pivoting. N > 0 fixes the order
 // at compile time, so the short loops of small matrices (the GLM inverts its
 // design's cross products at every voxel) unroll; the operations and their
-// order are those of the general case, so every order rounds alike.
-// Its loops are a few elements long: vectorized, they spend more on set-up and on
-// loads that wait for just-stored elements than they gain.
+// order are those of the general case, so every order rounds alike. Its loops
+// are a few elements long: vectorized, they spend more on set-up and on loads
+// that wait for just-stored elements than they gain.
 #if defined(__GNUC__) && !defined(__clang__)
 #define KEP_SHORT_LOOPS __attribute__((optimize("no-tree-loop-vectorize")))
 #else

@@ -333,7 +333,7 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
     const double *x = &fast_startup[static_cast<size_t>(t) * nc];
     for (int c = 0; c < nc; c++) b[c] += x[c] * z[t];
   }
-  // Every shifted column's sum first, four at a time (independent chains),
+  // Every shifted column's sum first, eight at a time (independent chains),
   // then added into b in the order of the shifts.
   const int nsums = nc * (q + 1);
   fast_acc.resize(static_cast<size_t>(nsums));
@@ -349,14 +349,30 @@ GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
     const double *y = z + q;
     const int length = n - q;
     switch (count) {
-      case 8: dots<8>(columns, y, length, out); break;
-      case 7: dots<7>(columns, y, length, out); break;
-      case 6: dots<6>(columns, y, length, out); break;
-      case 5: dots<5>(columns, y, length, out); break;
-      case 4: dots<4>(columns, y, length, out); break;
-      case 3: dots<3>(columns, y, length, out); break;
-      case 2: dots<2>(columns, y, length, out); break;
-      default: dots<1>(columns, y, length, out); break;
+      case 8:
+        dots<8>(columns, y, length, out);
+        break;
+      case 7:
+        dots<7>(columns, y, length, out);
+        break;
+      case 6:
+        dots<6>(columns, y, length, out);
+        break;
+      case 5:
+        dots<5>(columns, y, length, out);
+        break;
+      case 4:
+        dots<4>(columns, y, length, out);
+        break;
+      case 3:
+        dots<3>(columns, y, length, out);
+        break;
+      case 2:
+        dots<2>(columns, y, length, out);
+        break;
+      default:
+        dots<1>(columns, y, length, out);
+        break;
     }
   }
   for (int s = 0; s <= q; s++)

@@ -84,8 +84,8 @@ struct Workspace {
       coefficients;
   std::vector<double> residuals, lags;
   std::vector<int> kept;
-  std::vector<char> flags = std::vector<char>(BLOCK_VOXELS);  // of a block scanned after gathering
-  std::vector<std::pair<int, int>> runs;  // (first, length) of the kept voxels
+  std::vector<char> flags;                  // of a block scanned after gathering
+  std::vector<std::pair<int, int>> runs;    // (first, length) of the kept voxels
   std::vector<const float *> row, fit_row;  // image t of the block being fitted, and of its fits
   Workspace(int nt, int ncoeff, int p)
       : rows(static_cast<size_t>(nt) * BLOCK_VOXELS),
@@ -101,6 +101,7 @@ struct Workspace {
         coefficients(p + 1),
         residuals(static_cast<size_t>(p + 1) * BLOCK_VOXELS),
         lags(static_cast<size_t>(p + 1) * BLOCK_VOXELS),
+        flags(BLOCK_VOXELS),
         row(nt),
         fit_row(nt) {}
 };
@@ -192,12 +193,6 @@ const char *block_flags(const std::vector<char> &nonzero, long v0, int n, int nt
   return any;
 }
 
-// Whether the block at v0 may hold a voxel to fit (always, when the
-// positions were not scanned beforehand).
-bool block_may_fit(const std::vector<char> &nonzero, long v0, int n) {
-  return nonzero.empty() || std::find(nonzero.begin() + v0, nonzero.begin() + v0 + n, 1) != nonzero.begin() + v0 + n;
-}
-
 // Lists in `kept` the places in the block of the voxels flagged in `active`
 // (the block's own flags); when some are left out, the others are packed into
 // w.packed ([image][kept voxel]) and w.row points there.
@@ -226,6 +221,18 @@ int pack_active(const char *active, int n, int nt, Workspace &w) {
     w.row[t] = w.packed.data() + static_cast<long>(t) * m;
   }
   return m;
+}
+
+// Reads the block of n positions at v0 for fitting: its voxels that are not
+// all zero listed in w.kept and their rows at w.row; their number. A block
+// the scan found empty is not read at all.
+int load_block(const Frame &f, const std::vector<char> &nonzero, long v0, int n, Workspace &w) {
+  w.kept.clear();
+  if (!nonzero.empty() &&
+      std::find(nonzero.begin() + v0, nonzero.begin() + v0 + n, 1) == nonzero.begin() + v0 + n)
+    return 0;
+  gather(f, v0, n, w);
+  return pack_active(block_flags(nonzero, v0, n, f.nt, w), n, f.nt, w);
 }
 
 // Points w.fit_row at the rows of w.fits for a block of m voxels.
@@ -289,13 +296,7 @@ template <typename Each>
 int block_pass(const Frame &f, bool report, Each each) {
   const std::vector<char> active = nonzero_positions(f);
   return for_each_block(f, report, [&](long v0, int n, Workspace &w) {
-    int m = 0;
-    if (block_may_fit(active, v0, n)) {
-      gather(f, v0, n, w);
-      m = pack_active(block_flags(active, v0, n, f.nt, w), n, f.nt, w);
-    } else {
-      w.kept.clear();
-    }
+    const int m = load_block(f, active, v0, n, w);
     if (m > 0 && GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), w.variance.data()))
       return 1;
     point_fits(f.nt, m, w);
@@ -364,9 +365,7 @@ int run_fit(const Frame &f, VoxelStep &step) {
   // run over the whole block at once, each voxel's in the same order.
   const std::vector<char> nonzero = nonzero_positions(f);
   int failed = for_each_block(f, false, [&](long v0, int n, Workspace &w) {
-    if (!block_may_fit(nonzero, v0, n)) return 0;
-    gather(f, v0, n, w);
-    const int m = pack_active(block_flags(nonzero, v0, n, f.nt, w), n, f.nt, w);
+    const int m = load_block(f, nonzero, v0, n, w);
     if (m == 0) return 0;
     if (GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), nullptr)) return 1;
     block_autocorrelations(w.row.data(), w.fits.data(), f.nt, m, p, w.residuals, w.lags);
