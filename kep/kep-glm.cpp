@@ -37,6 +37,13 @@ namespace {
 
 constexpr int BLOCK_VOXELS = 256;
 
+// The tile transposes are also compiled for wider vectors where the processor has them.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define GLM_TILE_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define GLM_TILE_CLONES
+#endif
+
 // Sample i of a volume: the real part alone when the stack holds no pairs.
 float amplitude(const float *volume, long i, bool pairs, bool magnitude) {
   if (!pairs)
@@ -127,20 +134,68 @@ void gather(const Frame &f, long v0, int n, Workspace &w) {
   }
 }
 
-// Columns columns[0..m) (or 0..m when null) of rows row[image] into series
-// [column][image], in tiles of 16 x 16 that stay in the first-level cache.
-void transpose(const float *const *row, int nt, const int *columns, int m, float *series) {
-  constexpr int TILE = 16;
-  for (int j0 = 0; j0 < m; j0 += TILE) {
-    const int j1 = std::min(m, j0 + TILE);
-    for (int t0 = 0; t0 < nt; t0 += TILE) {
-      const int t1 = std::min(nt, t0 + TILE);
-      for (int j = j0; j < j1; j++) {
-        const int column = columns ? columns[j] : j;
-        float *out = series + static_cast<long>(j) * nt;
-        for (int t = t0; t < t1; t++) out[t] = row[t][column];
+// The columns of rows row[image] listed by `runs` ((first, length) each, in
+// order) into series [listed column][image]. Eight images at a time, each
+// run's columns eight at a time through an 8 x 8 transpose in registers: the
+// rows are read in memory order and each load and store moves eight floats.
+using floats8 = float __attribute__((vector_size(32)));
+GLM_TILE_CLONES void transpose(const float *const *row, int nt, const std::vector<std::pair<int, int>> &runs,
+                               float *series) {
+  int t0 = 0;
+  for (; t0 + 8 <= nt; t0 += 8) {
+    const float *const *r = row + t0;
+    float *out = series + t0;
+    for (const auto &[first, length] : runs) {
+      int c = 0;
+      for (; c + 8 <= length; c += 8, out += 8L * nt) {
+        floats8 a[8];
+        for (int k = 0; k < 8; k++) std::memcpy(&a[k], r[k] + first + c, sizeof a[k]);
+        const floats8 u0 = __builtin_shufflevector(a[0], a[1], 0, 8, 1, 9, 4, 12, 5, 13),
+                      u1 = __builtin_shufflevector(a[0], a[1], 2, 10, 3, 11, 6, 14, 7, 15),
+                      u2 = __builtin_shufflevector(a[2], a[3], 0, 8, 1, 9, 4, 12, 5, 13),
+                      u3 = __builtin_shufflevector(a[2], a[3], 2, 10, 3, 11, 6, 14, 7, 15),
+                      u4 = __builtin_shufflevector(a[4], a[5], 0, 8, 1, 9, 4, 12, 5, 13),
+                      u5 = __builtin_shufflevector(a[4], a[5], 2, 10, 3, 11, 6, 14, 7, 15),
+                      u6 = __builtin_shufflevector(a[6], a[7], 0, 8, 1, 9, 4, 12, 5, 13),
+                      u7 = __builtin_shufflevector(a[6], a[7], 2, 10, 3, 11, 6, 14, 7, 15);
+        const floats8 s0 = __builtin_shufflevector(u0, u2, 0, 1, 8, 9, 4, 5, 12, 13),
+                      s1 = __builtin_shufflevector(u0, u2, 2, 3, 10, 11, 6, 7, 14, 15),
+                      s2 = __builtin_shufflevector(u1, u3, 0, 1, 8, 9, 4, 5, 12, 13),
+                      s3 = __builtin_shufflevector(u1, u3, 2, 3, 10, 11, 6, 7, 14, 15),
+                      s4 = __builtin_shufflevector(u4, u6, 0, 1, 8, 9, 4, 5, 12, 13),
+                      s5 = __builtin_shufflevector(u4, u6, 2, 3, 10, 11, 6, 7, 14, 15),
+                      s6 = __builtin_shufflevector(u5, u7, 0, 1, 8, 9, 4, 5, 12, 13),
+                      s7 = __builtin_shufflevector(u5, u7, 2, 3, 10, 11, 6, 7, 14, 15);
+        const floats8 column[8] = {
+            __builtin_shufflevector(s0, s4, 0, 1, 2, 3, 8, 9, 10, 11),
+            __builtin_shufflevector(s1, s5, 0, 1, 2, 3, 8, 9, 10, 11),
+            __builtin_shufflevector(s2, s6, 0, 1, 2, 3, 8, 9, 10, 11),
+            __builtin_shufflevector(s3, s7, 0, 1, 2, 3, 8, 9, 10, 11),
+            __builtin_shufflevector(s0, s4, 4, 5, 6, 7, 12, 13, 14, 15),
+            __builtin_shufflevector(s1, s5, 4, 5, 6, 7, 12, 13, 14, 15),
+            __builtin_shufflevector(s2, s6, 4, 5, 6, 7, 12, 13, 14, 15),
+            __builtin_shufflevector(s3, s7, 4, 5, 6, 7, 12, 13, 14, 15)};
+        for (int k = 0; k < 8; k++) std::memcpy(out + static_cast<long>(k) * nt, &column[k], sizeof column[k]);
       }
+      for (; c < length; c++, out += nt)
+        for (int k = 0; k < 8; k++) out[k] = r[k][first + c];
     }
+  }
+  // The last images, fewer than eight.
+  long j = 0;
+  for (const auto &[first, length] : runs)
+    for (int c = 0; c < length; c++, j++)
+      for (int t = t0; t < nt; t++) series[j * nt + t] = row[t][first + c];
+}
+
+// The runs of consecutive places in w.kept, as (first, length).
+void kept_runs(Workspace &w) {
+  w.runs.clear();
+  for (size_t j = 0; j < w.kept.size(); j++) {
+    if (j > 0 && w.kept[j] == w.kept[j - 1] + 1)
+      w.runs.back().second++;
+    else
+      w.runs.emplace_back(w.kept[j], 1);
   }
 }
 
@@ -203,13 +258,7 @@ int pack_active(const char *active, int n, int nt, Workspace &w) {
   const int m = static_cast<int>(w.kept.size());
   if (m == n || m == 0) return m;
   // The kept voxels lie in runs (rows of the head): copied run by run.
-  w.runs.clear();
-  for (int j = 0; j < m; j++) {
-    if (j > 0 && w.kept[j] == w.kept[j - 1] + 1)
-      w.runs.back().second++;
-    else
-      w.runs.emplace_back(w.kept[j], 1);
-  }
+  kept_runs(w);
   w.packed.resize(static_cast<size_t>(nt) * m);
   for (int t = 0; t < nt; t++) {
     const float *src = w.row[t];
@@ -300,8 +349,9 @@ int block_pass(const Frame &f, bool report, Each each) {
     if (m > 0 && GLM_fit_block(f.nt, m, w.row.data(), w.fits.data(), w.beta.data(), w.variance.data()))
       return 1;
     point_fits(f.nt, m, w);
-    transpose(w.row.data(), f.nt, nullptr, m, w.series.data());
-    transpose(w.fit_row.data(), f.nt, nullptr, m, w.fit_series.data());
+    w.runs.assign(1, {0, m});  // the rows hold the kept voxels side by side
+    transpose(w.row.data(), f.nt, w.runs, w.series.data());
+    transpose(w.fit_row.data(), f.nt, w.runs, w.fit_series.data());
     int j = 0;
     for (int i = 0; i < n; i++) {
       float var = 0.0f;
@@ -412,7 +462,8 @@ int run_fit(const Frame &f, VoxelStep &step) {
     const int m = static_cast<int>(w.kept.size());
     if (m > 0) {
       gather(f, v0, n, w);
-      transpose(w.row.data(), f.nt, w.kept.data(), m, w.series.data());
+      kept_runs(w);
+      transpose(w.row.data(), f.nt, w.runs, w.series.data());
     }
     int j = 0;
     for (int i = 0; i < n; i++) {
