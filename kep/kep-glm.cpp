@@ -166,16 +166,16 @@ GLM_TILE_CLONES void transpose(const float *const *row, int nt, const std::vecto
                       s5 = __builtin_shufflevector(u4, u6, 2, 3, 10, 11, 6, 7, 14, 15),
                       s6 = __builtin_shufflevector(u5, u7, 0, 1, 8, 9, 4, 5, 12, 13),
                       s7 = __builtin_shufflevector(u5, u7, 2, 3, 10, 11, 6, 7, 14, 15);
-        const floats8 column[8] = {
-            __builtin_shufflevector(s0, s4, 0, 1, 2, 3, 8, 9, 10, 11),
-            __builtin_shufflevector(s1, s5, 0, 1, 2, 3, 8, 9, 10, 11),
-            __builtin_shufflevector(s2, s6, 0, 1, 2, 3, 8, 9, 10, 11),
-            __builtin_shufflevector(s3, s7, 0, 1, 2, 3, 8, 9, 10, 11),
-            __builtin_shufflevector(s0, s4, 4, 5, 6, 7, 12, 13, 14, 15),
-            __builtin_shufflevector(s1, s5, 4, 5, 6, 7, 12, 13, 14, 15),
-            __builtin_shufflevector(s2, s6, 4, 5, 6, 7, 12, 13, 14, 15),
-            __builtin_shufflevector(s3, s7, 4, 5, 6, 7, 12, 13, 14, 15)};
-        for (int k = 0; k < 8; k++) std::memcpy(out + static_cast<long>(k) * nt, &column[k], sizeof column[k]);
+        const floats8 column[8] = {__builtin_shufflevector(s0, s4, 0, 1, 2, 3, 8, 9, 10, 11),
+                                   __builtin_shufflevector(s1, s5, 0, 1, 2, 3, 8, 9, 10, 11),
+                                   __builtin_shufflevector(s2, s6, 0, 1, 2, 3, 8, 9, 10, 11),
+                                   __builtin_shufflevector(s3, s7, 0, 1, 2, 3, 8, 9, 10, 11),
+                                   __builtin_shufflevector(s0, s4, 4, 5, 6, 7, 12, 13, 14, 15),
+                                   __builtin_shufflevector(s1, s5, 4, 5, 6, 7, 12, 13, 14, 15),
+                                   __builtin_shufflevector(s2, s6, 4, 5, 6, 7, 12, 13, 14, 15),
+                                   __builtin_shufflevector(s3, s7, 4, 5, 6, 7, 12, 13, 14, 15)};
+        for (int k = 0; k < 8; k++)
+          std::memcpy(out + static_cast<long>(k) * nt, &column[k], sizeof column[k]);
       }
       for (; c < length; c++, out += nt)
         for (int k = 0; k < 8; k++) out[k] = r[k][first + c];
