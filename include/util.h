@@ -6,6 +6,14 @@
 
 #include "types.h"
 
+// The hot numerical loops are also compiled for wider vectors where the
+// processor has them; without fused multiply-add, so both builds round exactly alike.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define KEP_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define KEP_VECTOR_CLONES
+#endif
+
 // 1 while the interpreter's lines come from a command file: a few conditions
 // that a session at the prompt survives as errors end a batch run instead.
 extern int kep_batch_run;

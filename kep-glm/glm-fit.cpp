@@ -93,7 +93,7 @@ int GLM_define_conditions(int build, const char *text, int *count) {
   return 0;
 }
 
-GLM_VECTOR_CLONES int GLM_fit_data(int nt, float *data, float *fit, float *variance) {
+KEP_VECTOR_CLONES int GLM_fit_data(int nt, float *data, float *fit, float *variance) {
   if (GLM.initialized != 2) {
     printf("Error in GLM_fit_data: first initialize the GLM and define stimuli\n");
     return 1;
@@ -139,7 +139,7 @@ GLM_VECTOR_CLONES int GLM_fit_data(int nt, float *data, float *fit, float *varia
   return 0;
 }
 
-GLM_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *const *rows, float *fit, float *beta,
+KEP_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *const *rows, float *fit, float *beta,
                                     float *variance) {
   if (GLM.initialized != 2) {
     printf("Error in GLM_fit_data: first initialize the GLM and define stimuli\n");

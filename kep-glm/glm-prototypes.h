@@ -6,14 +6,7 @@
 
 #include "glm.h"
 #include "text.h"
-
-// The fits are also compiled for wider vectors where the processor has them;
-// without fused multiply-add, so both builds round exactly alike.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define GLM_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define GLM_VECTOR_CLONES
-#endif
+#include "util.h"
 
 // Reads one line without its '#' comment; 0 at end of file.
 inline int GLMInternal_get_line(FILE *f, char *line) {

@@ -253,7 +253,7 @@ void GLMInternal_whiten_data(float *data) {
   }
 }
 
-GLM_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
+KEP_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *variance) {
   const int q = GLM.AR_order;
   const bool ready = GLM.initialized == 2 && nt == GLM.ntime && unwhitened.rows() == nt &&
                      unwhitened.columns() == GLM.ncoeff;

@@ -28,17 +28,11 @@
 #include "kep-variables.h"
 #include "kep.h"
 #include "threads.h"
+#include "util.h"
 
 namespace {
 
 constexpr int BLOCK_VOXELS = 256;
-
-// The tile transposes are also compiled for wider vectors where the processor has them.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define GLM_TILE_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define GLM_TILE_CLONES
-#endif
 
 // Sample i of a volume: the real part alone when the stack holds no pairs.
 float amplitude(const float *volume, long i, bool pairs, bool magnitude) {
@@ -135,8 +129,8 @@ void gather(const Frame &f, long v0, int n, Workspace &w) {
 // run's columns eight at a time through an 8 x 8 transpose in registers: the
 // rows are read in memory order and each load and store moves eight floats.
 using floats8 = float __attribute__((vector_size(32)));
-GLM_TILE_CLONES void transpose(const float *const *row, int nt, const std::vector<std::pair<int, int>> &runs,
-                               float *series) {
+KEP_VECTOR_CLONES void transpose(const float *const *row, int nt,
+                                 const std::vector<std::pair<int, int>> &runs, float *series) {
   int t0 = 0;
   for (; t0 + 8 <= nt; t0 += 8) {
     const float *const *r = row + t0;
