@@ -140,26 +140,11 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
   l_scratch.resize(static_cast<size_t>(n));
   int *pivot = pivot_scratch.data();
   double *l = l_scratch.data();
-  switch (n) {
-#define KEP_INVERT_ORDER(k) \
-  case k:                   \
-    return invert_lu<k>(n, a, failing_row, pivot, l);
-    KEP_INVERT_ORDER(1)
-    KEP_INVERT_ORDER(2)
-    KEP_INVERT_ORDER(3)
-    KEP_INVERT_ORDER(4)
-    KEP_INVERT_ORDER(5)
-    KEP_INVERT_ORDER(6)
-    KEP_INVERT_ORDER(7)
-    KEP_INVERT_ORDER(8)
-    KEP_INVERT_ORDER(9)
-    KEP_INVERT_ORDER(10)
-    KEP_INVERT_ORDER(11)
-    KEP_INVERT_ORDER(12)
-#undef KEP_INVERT_ORDER
-    default:
-      return invert_lu<0>(n, a, failing_row, pivot, l);
-  }
+  int result = 0;
+  if (!with_constant<12>(
+          n, [&](auto k) { result = invert_lu<decltype(k)::value>(n, a, failing_row, pivot, l); }))
+    result = invert_lu<0>(n, a, failing_row, pivot, l);
+  return result;
 }
 
 int rInvertSquareMatrix(int n, float **a, int *failing_row) {

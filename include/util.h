@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
+#include <utility>
 
 #include "types.h"
 
@@ -13,6 +15,18 @@
 #else
 #define KEP_VECTOR_CLONES
 #endif
+
+// Calls body(std::integral_constant<int, n>{}) when 1 <= n <= N, so that a loop
+// of n steps can be compiled for its length; false for any other n.
+template <typename Body, int... K>
+inline __attribute__((always_inline)) bool with_constant_in(int n, std::integer_sequence<int, K...>,
+                                                            Body &body) {
+  return ((n == K + 1 ? (body(std::integral_constant<int, K + 1>{}), true) : false) || ...);
+}
+template <int N, typename Body>
+inline __attribute__((always_inline)) bool with_constant(int n, Body body) {
+  return with_constant_in(n, std::make_integer_sequence<int, N>{}, body);
+}
 
 // 1 while the interpreter's lines come from a command file: a few conditions
 // that a session at the prompt survives as errors end a batch run instead.

@@ -357,32 +357,9 @@ KEP_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
     double *out = sums + k0;
     const double *y = z + q;
     const int length = n - q;
-    switch (count) {
-      case 8:
-        dots<8>(columns, y, length, out);
-        break;
-      case 7:
-        dots<7>(columns, y, length, out);
-        break;
-      case 6:
-        dots<6>(columns, y, length, out);
-        break;
-      case 5:
-        dots<5>(columns, y, length, out);
-        break;
-      case 4:
-        dots<4>(columns, y, length, out);
-        break;
-      case 3:
-        dots<3>(columns, y, length, out);
-        break;
-      case 2:
-        dots<2>(columns, y, length, out);
-        break;
-      default:
-        dots<1>(columns, y, length, out);
-        break;
-    }
+    with_constant<8>(
+        count, [&](auto k)
+                   __attribute__((always_inline)) { dots<decltype(k)::value>(columns, y, length, out); });
   }
   for (int s = 0; s <= q; s++)
     for (int c = 0; c < nc; c++) b[c] += f[s] * sums[s * nc + c];
