@@ -20,10 +20,11 @@ class GlmWhitened : public GlmTest {
  protected:
   // Two runs of `images` images at TR 1 s, three events, quadratic drift, the first images of run one
   // excluded, AR(order) without smoothing.
-  void model(int order, int images) {
+  // `r2_extra` is added to the second run's event file.
+  void model(int order, int images, const std::string &r2_extra = "") {
     const std::string length = std::to_string(images);
     file("r1.glm", "1 " + length + "\n\n1\n5 12\n25 32\n\n2 gamma 5\n15\n33\n\n3\n40 44\n\n-1\n0 2\n");
-    file("r2.glm", "1 " + length + "\n\n2 gamma 5\n8\n30\n\n1\n16 22\n\n3\n3 6\n");
+    file("r2.glm", "1 " + length + "\n\n2 gamma 5\n8\n30\n\n1\n16 22\n\n3\n3 6\n" + r2_extra);
     std::string control = "AR " + std::to_string(order) +
                           " 0\nbaseline-terms 3\nconditions 1 2 1-2 1,2,3\nruns:\n" + "d1 " + path("r1.glm") +
                           "\nd2 " + path("r2.glm") + "\n";
@@ -148,6 +149,16 @@ TEST_F(GlmWhitened, OrderLoweredToZeroFitsTheUnwhitenedDesign) {
   EXPECT_EQ(lowered.variance, v0);
   EXPECT_EQ(GLM.FCovar[0][0][0], covar0);
   EXPECT_NE(whitened.beta, beta0);
+}
+
+// With every image of run two excluded its drift columns are zero: X_w'X_w is
+// singular and the refit gives what the general inverse gives, no coefficients.
+TEST_F(GlmWhitened, SingularWhitenedDesignFitsToZero) {
+  model(1, 60, "\n-1\n0 59\n");
+  Fitted fast = fit(series(4, 0.3), {1.0f, 0.3f}, true);
+  Fitted slow = fit(series(4, 0.3), {1.0f, 0.3f}, false);
+  expect_same_fit(fast, slow);
+  EXPECT_EQ(fast.beta, std::vector<float>(GLM.ncoeff, 0.0f));
 }
 
 TEST_F(GlmWhitened, NewDesignRenewsTheLaggedProducts) {
