@@ -26,6 +26,7 @@
 #include "kep-interrupt.h"
 #include "kep-stacks.h"
 #include "kep-variables.h"
+#include "kep-warnings.h"
 #include "kep.h"
 #include "threads.h"
 #include "util.h"
@@ -195,7 +196,9 @@ void kept_runs(Workspace &w) {
 // with a GLM mask: its voxels are scattered, so each block is scanned once
 // gathered (block_flags).
 std::vector<char> nonzero_positions(const Frame &f) {
+  std::vector<char> scanned = take_series_scan(f.stack, f.nt, f.nvox);
   if (f.masked) return {};
+  if (!scanned.empty() && !f.pairs) return scanned;
   const long count = f.count();
   std::vector<char> any(static_cast<size_t>(count), 0);
   constexpr long CHUNK = 16384;

@@ -16,9 +16,60 @@ namespace {
 
 bool starts_with(const char *s, const char *prefix) { return strncmp(s, prefix, strlen(prefix)) == 0; }
 
+struct SeriesScan {
+  const data_stack *stack = nullptr;
+  int volumes = 0;
+  long positions = 0;
+  std::vector<char> nonzero;
+};
+SeriesScan series_scan;
+
+// The NaN count of a GLM command's one real stack, read a chunk of positions
+// at a time through every volume (the chunks shared among the threads), so
+// the same pass marks the positions whose series are not all zero: the fits
+// skip the others, and need not read the stack once more to find them.
+long count_nans_and_series(const std::vector<const volume_list *> &volumes) {
+  const long count = volumes.front()->n3d;
+  SeriesScan scan{volumes.front()->stack, static_cast<int>(volumes.size()), count,
+                  std::vector<char>(static_cast<size_t>(count), 0)};
+  constexpr long CHUNK = 16384;
+  const long chunks = (count + CHUNK - 1) / CHUNK;
+  std::vector<long> nans(static_cast<size_t>(chunks), 0);
+  std::atomic<long> next{0};
+  const int workers = static_cast<int>(std::max(1L, std::min<long>(worker_threads(), chunks)));
+  run_workers(workers, [&](int) {
+    for (long c = next++; c < chunks; c = next++) {
+      const long p0 = c * CHUNK, p1 = std::min(count, p0 + CHUNK);
+      char *any = scan.nonzero.data();
+      long nan = 0;
+      for (const volume_list *v : volumes) {
+        const float *p = v->SpaceTime.fData;
+        for (long i = p0; i < p1; i++) {
+          nan += p[i] != p[i];
+          any[i] |= p[i] != 0.0f;
+        }
+      }
+      nans[static_cast<size_t>(c)] = nan;
+    }
+  });
+  series_scan = std::move(scan);
+  long total = 0;
+  for (long n : nans) total += n;
+  return total;
+}
+
 }  // namespace
 
+std::vector<char> take_series_scan(const data_stack *s, int volumes, long positions) {
+  SeriesScan scan = std::move(series_scan);
+  series_scan = SeriesScan{};
+  if (scan.stack == nullptr || scan.stack != s || scan.volumes != volumes || scan.positions != positions)
+    return {};
+  return std::move(scan.nonzero);
+}
+
 void warn_before_operation(const char *command, bool glm_command) {
+  series_scan = SeriesScan{};  // an earlier command's scan describes nothing now
   const bool smoothing = starts_with(command, "smooth");
   const bool fourier = strstr(command, "transform") != nullptr;
   if (!smoothing && !fourier && !glm_command && !starts_with(command, "GLM-")) return;
@@ -27,6 +78,15 @@ void warn_before_operation(const char *command, bool glm_command) {
   std::unordered_set<const void *> scanned;
   for (const volume_list *v = volume_list_root; v; v = v->next)
     if (scanned.insert(v->SpaceTime.fData).second) volumes.push_back(v);
+  bool one_real_stack = glm_command && !volumes.empty() && volumes.front()->real_only();
+  for (const volume_list *v : volumes)
+    one_real_stack = one_real_stack && v->stack == volumes.front()->stack && v->n3d == volumes.front()->n3d;
+  if (one_real_stack) {
+    const long nan = count_nans_and_series(volumes);
+    if (nan > 0) kep_textf(1, "The stack %s holds %ld NaN samples given to `%s'.", volumes.front()->stack->name, nan,
+                           command);
+    return;
+  }
   // One plain pass over the floats of each volume, whatever its form; the
   // volumes shared among the worker threads (counts do not depend on order).
   std::vector<long> nans(volumes.size(), 0);

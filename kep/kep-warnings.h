@@ -2,9 +2,20 @@
 // one line each, and never a change to any result.
 #pragma once
 
+#include <vector>
+
 #include "messages.h"
+
+struct data_stack;
 
 // Before a command's operation runs on its decoded volume list: counts the
 // NaN samples of each listed stack given to smoothing, the GLM or the Fourier
 // commands (one pass, only for those), and checks smoothing's voxel sizes.
 void warn_before_operation(const char *command, bool glm_command);
+
+// The positions of stack `s` whose series are not all zero, as the NaN count
+// before a GLM command found them while reading every sample (one real stack,
+// each of its `volumes` volumes listed once, `positions` samples each); empty
+// when that scan did not cover exactly these. Handed out once: the command's
+// operation takes it before anything can change the samples.
+std::vector<char> take_series_scan(const data_stack *s, int volumes, long positions);

@@ -21,6 +21,8 @@ def test_baseline_variance_and_autocorrelation_maps_match_numpy(kep):
     shape = (4, 3, 2)
     X, Y = study.design(), gm.simulate(rng, study, shape)
     Y[5] = 0  # one voxel with no signal at all
+    Y[7] = 0
+    Y[7, 10] = 50.0  # and one that is zero but in one image, which is fitted all the same
     r = run(kep, study, gm.grid(Y, shape),
             "GLM-residual-variance var\nwrite-float var.nii var\nGLM-map-AR ar\nwrite-float ar.nii ar\n"
             "GLM-find-maximal-effect 1-2 mx\nwrite-float mx.nii mx\n"
