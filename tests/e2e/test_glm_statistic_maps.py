@@ -115,11 +115,11 @@ def gls_oracle(X, inc, Y, rho):
 def test_ar_maps_match_generalized_least_squares(kep, order, phi):
     """Voxels outside the GLM mask are neither fitted nor used by the coefficient smoothing."""
     rng = np.random.default_rng(30 + order)
-    study, shape = make_study(f"AR {order} 5\n"), (6, 5, 4)
+    study, shape = make_study(f"AR {order} 5\n"), (10, 5, 4)  # x long enough for the kernel's inner points
     X, inc = study.design(), study.include()
     Y = gm.simulate(rng, study, shape, phi, SD)
     x, y, z = np.meshgrid(*(np.arange(n) for n in shape), indexing="ij")  # an ellipsoid "head"
-    mask = gm.series(((x - 2.5) ** 2 / 9 + (y - 2) ** 2 / 6 + (z - 1.5) ** 2 / 4 <= 1.0)[..., None])[:, 0] > 0
+    mask = gm.series(((x - 4.5) ** 2 / 20 + (y - 2) ** 2 / 6 + (z - 1.5) ** 2 / 4 <= 1.0)[..., None])[:, 0] > 0
     write_nifti(kep.path("mask.nii"), gm.grid(mask[:, None].astype(np.float32), shape), gm.RES)
     _, maps = run_maps(kep, study, Y, shape, before="read mask.nii mask\nset glm-mask mask\n")
     rho = gm.ar_fit(X, inc, np.where(mask[:, None], Y, 0), shape, order, 5)
