@@ -183,8 +183,15 @@ KEP_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *const *rows, 
       for (int v = 0; v < nvox; v++) a[v] += w * d[v];
     }
   }
-  for (size_t i = 0; i < static_cast<size_t>(nc) * nvox; i++) beta[i] = static_cast<float>(acc[i]);
-  double *a = acc.data();
+  // The fits use the coefficients as stored (float), widened once here
+  // rather than at every image.
+  for (size_t i = 0; i < static_cast<size_t>(nc) * nvox; i++) {
+    beta[i] = static_cast<float>(acc[i]);
+    acc[i] = beta[i];
+  }
+  static thread_local std::vector<double> fitted;
+  fitted.resize(static_cast<size_t>(nvox));
+  double *a = fitted.data();
   double *s = ss.data();
   for (int t = 0; t < nt; t++) {
     std::fill(a, a + nvox, 0.0);
@@ -192,12 +199,12 @@ KEP_VECTOR_CLONES int GLM_fit_block(int nt, int nvox, const float *const *rows, 
     int c = 0;
     for (; c + 3 <= nc; c += 3) {
       const double w0 = x[c], w1 = x[c + 1], w2 = x[c + 2];
-      const float *b0 = beta + static_cast<size_t>(c) * nvox, *b1 = b0 + nvox, *b2 = b1 + nvox;
+      const double *b0 = acc.data() + static_cast<size_t>(c) * nvox, *b1 = b0 + nvox, *b2 = b1 + nvox;
       for (int v = 0; v < nvox; v++) a[v] = ((a[v] + w0 * b0[v]) + w1 * b1[v]) + w2 * b2[v];
     }
     for (; c < nc; c++) {
       const double w = x[c];
-      const float *b = beta + static_cast<size_t>(c) * nvox;
+      const double *b = acc.data() + static_cast<size_t>(c) * nvox;
       for (int v = 0; v < nvox; v++) a[v] += w * b[v];
     }
     if (fit) {
