@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 #include <string>
@@ -107,6 +108,14 @@ void convert(unsigned char *raw, int64_t count, int storage, bool swap, float sl
   }
 }
 
+// Called with each listed volume as soon as it is converted (while it is in
+// cache) during read_planned_volumes with an observer; null otherwise.
+const std::function<void(const float *)> *volume_observer = nullptr;
+
+void observe(const float *volume) {
+  if (volume_observer != nullptr) (*volume_observer)(volume);
+}
+
 // The file that holds the data: the name itself, except that a ".hdr" name
 // stands for the data file without extension that the header describes.
 std::string data_file_name(const char *file_name) {
@@ -151,6 +160,7 @@ void convert_listed(const unsigned char *first, const XD_HEADER &h, const std::v
     if (v != list[next]) continue;
     convert(const_cast<unsigned char *>(first), volume, h.storage_type, false, h.scale_slope, h.scale_offset,
             out + next * static_cast<size_t>(volume));
+    observe(out + next * static_cast<size_t>(volume));
     // The file's pages are not kept mapped once converted: a read then
     // needs little more memory than the stack it fills.
     release_pages(const_cast<unsigned char *>(first), static_cast<size_t>(volume_bytes));
@@ -245,6 +255,7 @@ int read_packed_file(const XD_HEADER &h, const std::vector<int> &list, float *ou
     if (v != list[next]) continue;
     convert(buffer.get(), volume, h.storage_type, swap, h.scale_slope, h.scale_offset,
             out + next * static_cast<size_t>(volume));
+    observe(out + next * static_cast<size_t>(volume));
     next++;
   }
   stream.name = name;
@@ -315,6 +326,7 @@ int read_single_file(const XD_HEADER &h, const std::vector<int> &list, float *ou
     if (v != list[next]) continue;
     convert(buffer.get(), volume, h.storage_type, swap, h.scale_slope, h.scale_offset,
             out + next * static_cast<size_t>(volume));
+    observe(out + next * static_cast<size_t>(volume));
     next++;
   }
   return 0;
@@ -537,6 +549,13 @@ void read_storage::give_to(data_stack *s) {
     s->hold(std::move(pairs_));
 }
 
-int read_planned_volumes(const planned_read &plan, float *out) {
-  return read_volume_data(plan.header, plan.list, out);
+int read_planned_volumes(const planned_read &plan, float *out, const std::function<void(const float *)> &observer) {
+  if (!observer || plan.header.data_type != DATA_MAGNITUDE) return read_volume_data(plan.header, plan.list, out);
+  volume_observer = &observer;
+  int result = read_volume_data(plan.header, plan.list, out);
+  volume_observer = nullptr;
+  // Slice files are read a slice of every volume at a time: the volumes are seen once all are read.
+  if (result == 0 && plan.header.format->data == volume_format::slice_files)
+    for (size_t k = 0; k < plan.list.size(); k++) observer(out + k * static_cast<size_t>(plan.header.n3d));
+  return result;
 }

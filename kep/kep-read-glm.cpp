@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "kep-stacks.h"
 #include "kep-util.h"
 #include "kep-variables.h"
+#include "kep-warnings.h"
 #include "kep.h"
 
 namespace {
@@ -83,6 +85,14 @@ int read_glm_runs_in_place() {
   read_storage storage(magnitude, static_cast<size_t>(n4d));
   if (!storage.allocated()) return -1;
   const size_t floats_per_sample = magnitude ? 1 : 2;
+  // The NaN count and the series that are not all zero, found while each
+  // volume is in cache: the GLM command that follows need not read them again.
+  const long positions = first.n3d;
+  std::vector<char> nonzero(magnitude ? static_cast<size_t>(positions) : 0, 0);
+  long nans = 0;
+  std::function<void(const float *)> scan;
+  if (magnitude)
+    scan = [&](const float *v) { nans += scan_samples(v, nonzero.data(), positions); };
 
   std::string names;
   size_t done = 0;
@@ -93,7 +103,7 @@ int read_glm_runs_in_place() {
     printf("macro>> read %s %s\n", GLM_input.run_name[r], stack);
     set_macro_running(1);
     fputs(run.header_text.c_str(), stdout);
-    if (read_planned_volumes(run.read, storage.floats() + done * floats_per_sample))
+    if (read_planned_volumes(run.read, storage.floats() + done * floats_per_sample, scan))
       return macro_line_failed();
     // A stack of that name would have been replaced, then deleted.
     free_stack(find_stack(stack));
@@ -116,5 +126,6 @@ int read_glm_runs_in_place() {
   printf("New stack glm contains %d volumes of dimensions (%d,%d,%d)\n", glm->nt, glm->dim.x, glm->dim.y,
          glm->dim.z);
   printf("macro>> delete %s\n", names.c_str());
+  if (magnitude) remember_read_scan(glm, glm->nt, positions, nans, std::move(nonzero));
   return 0;
 }

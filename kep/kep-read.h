@@ -2,6 +2,7 @@
 // of `read` that read-GLM uses to put each run straight into its place.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -35,8 +36,10 @@ class read_storage {
 // What the header reader prints is left as it is.
 bool plan_whole_read(const char *file_name, planned_read *plan);
 // Reads the planned volumes into `out` (n3d floats per volume of magnitude
-// data, n3d pairs of complex data); 1 after an error message.
-int read_planned_volumes(const planned_read &plan, float *out);
+// data, n3d pairs of complex data); 1 after an error message. An observer is
+// shown each volume of magnitude data once it is read.
+int read_planned_volumes(const planned_read &plan, float *out,
+                         const std::function<void(const float *)> &observer = {});
 // The geometry and status of a stack made from the file of header `h`.
 void set_read_geometry(data_stack *s, const XD_HEADER &h);
 // The messages `read` ends with.

@@ -11,6 +11,7 @@
 #include "kep-decode.h"
 #include "kep.h"
 #include "threads.h"
+#include "util.h"
 
 namespace {
 
@@ -23,6 +24,13 @@ struct SeriesScan {
   std::vector<char> nonzero;
 };
 SeriesScan series_scan;
+
+// Made by the read of the last command, if any.
+struct ReadScan {
+  SeriesScan scan;
+  long nans = 0;
+};
+ReadScan read_scan;
 
 // The NaN count of a GLM command's one real stack, read a chunk of positions
 // at a time through every volume (the chunks shared among the threads), so
@@ -40,15 +48,9 @@ long count_nans_and_series(const std::vector<const volume_list *> &volumes) {
   run_workers(workers, [&](int) {
     for (long c = next++; c < chunks; c = next++) {
       const long p0 = c * CHUNK, p1 = std::min(count, p0 + CHUNK);
-      char *any = scan.nonzero.data();
       long nan = 0;
-      for (const volume_list *v : volumes) {
-        const float *p = v->SpaceTime.fData;
-        for (long i = p0; i < p1; i++) {
-          nan += p[i] != p[i];
-          any[i] |= p[i] != 0.0f;
-        }
-      }
+      for (const volume_list *v : volumes)
+        nan += scan_samples(v->SpaceTime.fData + p0, scan.nonzero.data() + p0, p1 - p0);
       nans[static_cast<size_t>(c)] = nan;
     }
   });
@@ -60,6 +62,23 @@ long count_nans_and_series(const std::vector<const volume_list *> &volumes) {
 
 }  // namespace
 
+KEP_VECTOR_CLONES long scan_samples(const float *__restrict samples, char *__restrict nonzero, long count) {
+  // NaN are rare: found with the marks in one pass, counted only where there are some.
+  char any_nan = 0;
+  for (long i = 0; i < count; i++) {
+    nonzero[i] |= samples[i] != 0.0f;
+    any_nan |= samples[i] != samples[i];
+  }
+  if (!any_nan) return 0;
+  long nan = 0;
+  for (long i = 0; i < count; i++) nan += samples[i] != samples[i];
+  return nan;
+}
+
+void remember_read_scan(const data_stack *s, int volumes, long positions, long nans, std::vector<char> nonzero) {
+  read_scan = ReadScan{SeriesScan{s, volumes, positions, std::move(nonzero)}, nans};
+}
+
 std::vector<char> take_series_scan(const data_stack *s, int volumes, long positions) {
   SeriesScan scan = std::move(series_scan);
   series_scan = SeriesScan{};
@@ -69,7 +88,11 @@ std::vector<char> take_series_scan(const data_stack *s, int volumes, long positi
 }
 
 void warn_before_operation(const char *command, bool glm_command) {
-  series_scan = SeriesScan{};  // an earlier command's scan describes nothing now
+  // Scans of earlier commands describe nothing now; the read of the command
+  // just before is this command's to use.
+  series_scan = SeriesScan{};
+  ReadScan read = std::move(read_scan);
+  read_scan = ReadScan{};
   const bool smoothing = starts_with(command, "smooth");
   const bool fourier = strstr(command, "transform") != nullptr;
   if (!smoothing && !fourier && !glm_command && !starts_with(command, "GLM-")) return;
@@ -82,7 +105,12 @@ void warn_before_operation(const char *command, bool glm_command) {
   for (const volume_list *v : volumes)
     one_real_stack = one_real_stack && v->stack == volumes.front()->stack && v->n3d == volumes.front()->n3d;
   if (one_real_stack) {
-    const long nan = count_nans_and_series(volumes);
+    // All of the stack the command before read: its scan then is this one.
+    const data_stack *s = volumes.front()->stack;
+    const bool read_before = read.scan.stack == s && read.scan.volumes == s->nt &&
+                             static_cast<int>(volumes.size()) == s->nt && read.scan.positions == volumes.front()->n3d;
+    const long nan = read_before ? read.nans : count_nans_and_series(volumes);
+    if (read_before) series_scan = std::move(read.scan);
     if (nan > 0) kep_textf(1, "The stack %s holds %ld NaN samples given to `%s'.", volumes.front()->stack->name, nan,
                            command);
     return;

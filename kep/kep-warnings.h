@@ -19,3 +19,13 @@ void warn_before_operation(const char *command, bool glm_command);
 // when that scan did not cover exactly these. Handed out once: the command's
 // operation takes it before anything can change the samples.
 std::vector<char> take_series_scan(const data_stack *s, int volumes, long positions);
+
+// The number of NaN among `count` samples; marks in `nonzero` those that are not 0.
+long scan_samples(const float *samples, char *nonzero, long count);
+// The NaN count and the series that are not all zero of the real stack `s`,
+// found while its `volumes` volumes of `positions` samples were read by the
+// current command. The next command's NaN count, if it is a GLM command on all
+// of `s`, uses them instead of reading the stack again; any other command drops
+// them first: every command that can change a stack comes through
+// warn_before_operation before it does.
+void remember_read_scan(const data_stack *s, int volumes, long positions, long nans, std::vector<char> nonzero);

@@ -209,6 +209,10 @@ GLM = "read-GLM study.glm\n"
                         header="IRF BOLD-monkey\n"), GLM + "GLM-vary-tau 3 timing\n", [ZERO]),
     (lambda k: glm_case(k, nan=3), GLM + "average m glm\nGLM-fit-events e\n",
      [NAN.format("glm", "GLM-fit-events")]),
+    # counted as read-GLM read them, and again after a command that changed them
+    (lambda k: glm_case(k, nan=3), GLM + "GLM-fit-events e\n", [NAN.format("glm", "GLM-fit-events")]),
+    (lambda k: glm_case(k, nan=3), GLM + "multiply-constant nan glm\nGLM-fit-events e\n",
+     [NAN.replace("3", str(4 * 3 * 2 * 80)).format("glm", "GLM-fit-events")]),
     (lambda k: glm_case(k), GLM + "GLM-fit-events e\n", []),
     (lambda k: stack_case(k, nan=3), "read s.nii s\nsmooth-3d 5 s\n", [NAN.format("s", "smooth-3d")]),
     (lambda k: stack_case(k, nan=3), "read s.nii s\ntransform s s\n", [NAN.format("s", "transform")]),
