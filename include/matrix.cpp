@@ -125,6 +125,45 @@ KEP_SHORT_LOOPS int invert_lu(int order, double **a, int *failing_row, int *pivo
   return 0;
 }
 
+// The inverse of the symmetric matrix a (N x N, row-major) into inv through its
+// Cholesky factor L: inv = L^-T L^-1. Half the operations of the general
+// inverse, and no pivot search. False, with inv untouched, when a pivot is not
+// positive.
+template <int N>
+KEP_SHORT_LOOPS bool invert_positive(const double *a, double **inv) {
+  double l[N][N] = {}, r[N][N] = {};  // L, then L^-1 (lower triangles)
+  double reciprocal[N];
+  for (int j = 0; j < N; j++) {
+    double d = a[j * N + j];
+    for (int k = 0; k < j; k++) d -= l[j][k] * l[j][k];
+    if (!(d > 0.0) || !std::isfinite(d)) return false;
+    const double root = std::sqrt(d);
+    l[j][j] = root;
+    reciprocal[j] = 1.0 / root;
+    for (int i = j + 1; i < N; i++) {
+      double v = a[i * N + j];
+      for (int k = 0; k < j; k++) v -= l[i][k] * l[j][k];
+      l[i][j] = v * reciprocal[j];
+    }
+  }
+  for (int j = 0; j < N; j++) {
+    r[j][j] = reciprocal[j];
+    for (int i = j + 1; i < N; i++) {
+      double v = 0.0;
+      for (int k = j; k < i; k++) v -= l[i][k] * r[k][j];
+      r[i][j] = v * reciprocal[i];
+    }
+  }
+  for (int i = 0; i < N; i++)
+    for (int j = 0; j <= i; j++) {
+      double v = 0.0;
+      for (int k = i; k < N; k++) v += r[k][i] * r[k][j];
+      inv[i][j] = v;
+      inv[j][i] = v;
+    }
+  return true;
+}
+
 }  // namespace
 
 int dInvertSquareMatrix(int n, double **a, int *failing_row) {
@@ -145,6 +184,12 @@ int dInvertSquareMatrix(int n, double **a, int *failing_row) {
           n, [&](auto k) { result = invert_lu<decltype(k)::value>(n, a, failing_row, pivot, l); }))
     result = invert_lu<0>(n, a, failing_row, pivot, l);
   return result;
+}
+
+bool dInvertPositiveDefinite(int n, const double *a, double **inverse) {
+  bool inverted = false;
+  with_constant<12>(n, [&](auto k) { inverted = invert_positive<decltype(k)::value>(a, inverse); });
+  return inverted;
 }
 
 int rInvertSquareMatrix(int n, float **a, int *failing_row) {

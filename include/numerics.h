@@ -13,6 +13,10 @@
 int invert_3x3_matrix(float m[3][3]);
 int dInvertSquareMatrix(int n, double **a, int *failing_row);
 int rInvertSquareMatrix(int n, float **a, int *failing_row);
+// The inverse of the symmetric positive definite n x n matrix a (row-major,
+// n <= 12) into `inverse` by its Cholesky factor; false, with `inverse`
+// untouched, when a pivot is not positive or n is out of that range.
+bool dInvertPositiveDefinite(int n, const double *a, double **inverse);
 void Matrix_Product(float **C, int n, int m, float **A, int transpose_a, int p, float **B, int transpose_b);
 void Matrix_Vector_Product(float *y, int n, float **A, int transpose, int p, const float *x);
 void Matrix_PseudoInverse(float **X, int t, int c, float **out);

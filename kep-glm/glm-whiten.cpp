@@ -144,47 +144,6 @@ inline __attribute__((always_inline)) void combine(const double *columns, const 
   }
 }
 
-// The inverse of the symmetric matrix a (n x n, row-major) into inv through its
-// Cholesky factor L: inv = L^-T L^-1. X_w'X_w is positive definite unless the
-// design is degenerate, and this takes half the operations of the general
-// inverse, with no pivot search. False, with inv untouched, when a pivot is not
-// positive: the caller then inverts the general way, which decides as
-// everywhere else what a singular design gives.
-template <int N>
-inline __attribute__((always_inline)) bool invert_positive(const double *a, dmatrix &inv) {
-  double l[N][N] = {}, r[N][N] = {};  // L, then L^-1 (lower triangles)
-  double reciprocal[N];
-  for (int j = 0; j < N; j++) {
-    double d = a[j * N + j];
-    for (int k = 0; k < j; k++) d -= l[j][k] * l[j][k];
-    if (!(d > 0.0) || !std::isfinite(d)) return false;
-    const double root = std::sqrt(d);
-    l[j][j] = root;
-    reciprocal[j] = 1.0 / root;
-    for (int i = j + 1; i < N; i++) {
-      double v = a[i * N + j];
-      for (int k = 0; k < j; k++) v -= l[i][k] * l[j][k];
-      l[i][j] = v * reciprocal[j];
-    }
-  }
-  for (int j = 0; j < N; j++) {
-    r[j][j] = reciprocal[j];
-    for (int i = j + 1; i < N; i++) {
-      double v = 0.0;
-      for (int k = j; k < i; k++) v -= l[i][k] * r[k][j];
-      r[i][j] = v * reciprocal[i];
-    }
-  }
-  for (int i = 0; i < N; i++)
-    for (int j = 0; j <= i; j++) {
-      double v = 0.0;
-      for (int k = i; k < N; k++) v += r[k][i] * r[k][j];
-      inv[i][j] = v;
-      inv[j][i] = v;
-    }
-  return true;
-}
-
 }  // namespace
 
 int GLMInternal_invert(int n, float **a) {
@@ -405,14 +364,11 @@ KEP_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
   for (int s = 0; s <= q; s++)
     for (int c = 0; c < nc; c++) b[c] += f[s] * sums[s * nc + c];
 
-  // (X_w'X_w)^-1, through its Cholesky factor where it is positive definite,
-  // else as GLMInternal_form_fit_matrices forms it; and the coefficients.
+  // (X_w'X_w)^-1, through its Cholesky factor where it is positive definite
+  // (half the work), else as GLMInternal_form_fit_matrices forms it, which
+  // decides as everywhere else what a singular design gives; and the coefficients.
   if (scratch_inverse.rows() != nc) scratch_inverse = dmatrix(nc, nc);
-  bool inverted = false;
-  with_constant<12>(nc, [&](auto k) __attribute__((always_inline)) {
-    inverted = invert_positive<decltype(k)::value>(xtx, scratch_inverse);
-  });
-  if (!inverted) {
+  if (!dInvertPositiveDefinite(nc, xtx, scratch_inverse)) {
     for (int i = 0; i < nc; i++)
       for (int j = 0; j < nc; j++) scratch_inverse[i][j] = xtx[static_cast<size_t>(i) * nc + j];
     int failing_row;

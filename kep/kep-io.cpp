@@ -549,8 +549,10 @@ void read_storage::give_to(data_stack *s) {
     s->hold(std::move(pairs_));
 }
 
-int read_planned_volumes(const planned_read &plan, float *out, const std::function<void(const float *)> &observer) {
-  if (!observer || plan.header.data_type != DATA_MAGNITUDE) return read_volume_data(plan.header, plan.list, out);
+int read_planned_volumes(const planned_read &plan, float *out,
+                         const std::function<void(const float *)> &observer) {
+  if (!observer || plan.header.data_type != DATA_MAGNITUDE)
+    return read_volume_data(plan.header, plan.list, out);
   volume_observer = &observer;
   int result = read_volume_data(plan.header, plan.list, out);
   volume_observer = nullptr;

@@ -91,8 +91,7 @@ int read_glm_runs_in_place() {
   std::vector<char> nonzero(magnitude ? static_cast<size_t>(positions) : 0, 0);
   long nans = 0;
   std::function<void(const float *)> scan;
-  if (magnitude)
-    scan = [&](const float *v) { nans += scan_samples(v, nonzero.data(), positions); };
+  if (magnitude) scan = [&](const float *v) { nans += scan_samples(v, nonzero.data(), positions); };
 
   std::string names;
   size_t done = 0;

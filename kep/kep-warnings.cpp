@@ -75,7 +75,8 @@ KEP_VECTOR_CLONES long scan_samples(const float *__restrict samples, char *__res
   return nan;
 }
 
-void remember_read_scan(const data_stack *s, int volumes, long positions, long nans, std::vector<char> nonzero) {
+void remember_read_scan(const data_stack *s, int volumes, long positions, long nans,
+                        std::vector<char> nonzero) {
   read_scan = ReadScan{SeriesScan{s, volumes, positions, std::move(nonzero)}, nans};
 }
 
@@ -108,11 +109,13 @@ void warn_before_operation(const char *command, bool glm_command) {
     // All of the stack the command before read: its scan then is this one.
     const data_stack *s = volumes.front()->stack;
     const bool read_before = read.scan.stack == s && read.scan.volumes == s->nt &&
-                             static_cast<int>(volumes.size()) == s->nt && read.scan.positions == volumes.front()->n3d;
+                             static_cast<int>(volumes.size()) == s->nt &&
+                             read.scan.positions == volumes.front()->n3d;
     const long nan = read_before ? read.nans : count_nans_and_series(volumes);
     if (read_before) series_scan = std::move(read.scan);
-    if (nan > 0) kep_textf(1, "The stack %s holds %ld NaN samples given to `%s'.", volumes.front()->stack->name, nan,
-                           command);
+    if (nan > 0)
+      kep_textf(1, "The stack %s holds %ld NaN samples given to `%s'.", volumes.front()->stack->name, nan,
+                command);
     return;
   }
   // One plain pass over the floats of each volume, whatever its form; the

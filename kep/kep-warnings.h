@@ -28,4 +28,5 @@ long scan_samples(const float *samples, char *nonzero, long count);
 // of `s`, uses them instead of reading the stack again; any other command drops
 // them first: every command that can change a stack comes through
 // warn_before_operation before it does.
-void remember_read_scan(const data_stack *s, int volumes, long positions, long nans, std::vector<char> nonzero);
+void remember_read_scan(const data_stack *s, int volumes, long positions, long nans,
+                        std::vector<char> nonzero);
