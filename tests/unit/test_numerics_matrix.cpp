@@ -78,4 +78,34 @@ TEST_P(RandomInverse, RowShuffledMatricesInvertInBothPrecisions) {
 
 INSTANTIATE_TEST_SUITE_P(Orders, RandomInverse, ::testing::Values(1, 2, 3, 7, 31, 101));
 
+// The Cholesky inverse of A'A (positive definite) for every order it takes; an
+// indefinite matrix and an order beyond 12 are refused with the output untouched.
+TEST(PositiveDefiniteInverse, InvertsUpToTwelveAndRefusesTheRest) {
+  std::mt19937 engine(77);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  for (int n = 1; n <= 13; n++) {
+    SCOPED_TRACE(n);
+    dmatrix a(n, n), inv(n, n);
+    std::vector<double> m(static_cast<size_t>(n) * n), flat(static_cast<size_t>(n) * n, 0.0);
+    for (double &x : m) x = u(engine);
+    for (int i = 0; i < n; i++)
+      for (int j = 0; j < n; j++) {
+        for (int k = 0; k < n; k++) flat[i * n + j] += m[k * n + i] * m[k * n + j];
+        a[i][j] = flat[i * n + j];
+        inv[i][j] = -7.0;
+      }
+    if (n == 13) {
+      EXPECT_FALSE(dInvertPositiveDefinite(n, flat.data(), inv));
+      EXPECT_EQ(inv[3][4], -7.0);
+      continue;
+    }
+    ASSERT_TRUE(dInvertPositiveDefinite(n, flat.data(), inv));
+    EXPECT_LT(distance_from_identity(n, static_cast<double **>(a), static_cast<double **>(inv)), 1e-7);
+    flat[0] = -flat[0];  // no longer positive definite
+    inv[0][0] = -7.0;
+    EXPECT_FALSE(dInvertPositiveDefinite(n, flat.data(), inv));
+    EXPECT_EQ(inv[0][0], -7.0);
+  }
+}
+
 }  // namespace
