@@ -99,3 +99,17 @@ def test_a_run_cut_short_fails_and_leaves_glm(kep):
     assert r.returncode == 1
     assert "30 volumes" not in r.stdout
     assert r.stdout.index("macro>> read a.nii glm_run0\n") < r.stdout.index("Error reading file b.nii.\n"), r
+
+
+def test_a_magnitude_run_joined_to_a_complex_one_is_read_as_copy_joins_them(kep):
+    rng, shape = np.random.default_rng(8), (8, 5, 3)  # complex data need an even number of readout points
+    m = rng.normal(size=shape + (6,)).astype(np.float32)
+    c = (rng.normal(size=shape + (5,)) + 1j * rng.normal(size=shape + (5,))).astype(np.complex64)
+    nib.save(nib.Nifti1Image(m, np.eye(4)), kep.path("m.nii"))
+    nib.save(nib.Nifti1Image(c, np.eye(4)), kep.path("c.nii"))
+    kep.path("e.glm").write_text(EVENTS.format(nt=6))
+    kep.path("study.glm").write_text("runs:\nm.nii e.glm\nc.nii e.glm\n")
+    r = kep.script("read-GLM study.glm\nwrite glm.nii glm\n")
+    assert "New stack glm contains 11 volumes of dimensions (8,5,3)\n" in r.stdout, r
+    written = np.asanyarray(nib.load(kep.path("glm.nii")).dataobj)  # the real parts
+    np.testing.assert_array_equal(written, np.concatenate([m, c.real], axis=3))
