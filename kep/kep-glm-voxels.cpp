@@ -191,10 +191,11 @@ void kept_runs(Workspace &w) {
 }
 
 // Which positions of the frame's voxels to fit have a series that is not all
-// zero. Each volume is read in memory order, a chunk of positions at a time
-// (the chunks shared among the threads), instead of down each series. Empty
-// with a GLM mask: its voxels are scattered, so each block is scanned once
-// gathered (block_flags).
+// zero: for a real stack the marks the NaN count before the command made (or
+// the read just before it); else each volume is read in memory order, a chunk
+// of positions at a time (the chunks shared among the threads), instead of
+// down each series. Empty with a GLM mask: its voxels are scattered, so each
+// block is scanned once gathered (block_flags).
 std::vector<char> nonzero_positions(const Frame &f) {
   std::vector<char> scanned = take_series_scan(f.stack, f.nt, f.nvox);
   if (f.masked) return {};

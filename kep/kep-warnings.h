@@ -1,5 +1,6 @@
 // Warnings for input that would make an analysis silently wrong: level 1,
-// one line each, and never a change to any result.
+// one line each, and never a change to any result. The pass that counts the
+// NaN of a GLM command's stack also marks its all-zero series for the fits.
 #pragma once
 
 #include <vector>
