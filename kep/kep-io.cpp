@@ -553,9 +553,12 @@ int read_planned_volumes(const planned_read &plan, float *out,
                          const std::function<void(const float *)> &observer) {
   if (!observer || plan.header.data_type != DATA_MAGNITUDE)
     return read_volume_data(plan.header, plan.list, out);
-  volume_observer = &observer;
-  int result = read_volume_data(plan.header, plan.list, out);
-  volume_observer = nullptr;
+  // Unset however the read ends (a fatal error unwinds through here).
+  struct observing {
+    explicit observing(const std::function<void(const float *)> *o) { volume_observer = o; }
+    ~observing() { volume_observer = nullptr; }
+  } scope(&observer);
+  const int result = read_volume_data(plan.header, plan.list, out);
   // Slice files are read a slice of every volume at a time: the volumes are seen once all are read.
   if (result == 0 && plan.header.format->data == volume_format::slice_files)
     for (size_t k = 0; k < plan.list.size(); k++) observer(out + k * static_cast<size_t>(plan.header.n3d));

@@ -31,6 +31,7 @@ void initialize_global_variables() {
   reset_stats();
   reset_maps();
   reset_io();
+  reset_warnings();
   clear_output_files();
   set_design_warnings(true);
   reset_linear_fits();

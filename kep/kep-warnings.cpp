@@ -80,6 +80,11 @@ void remember_read_scan(const data_stack *s, int volumes, long positions, long n
   read_scan = ReadScan{SeriesScan{s, volumes, positions, std::move(nonzero)}, nans};
 }
 
+void reset_warnings() {
+  series_scan = SeriesScan{};
+  read_scan = ReadScan{};
+}
+
 std::vector<char> take_series_scan(const data_stack *s, int volumes, long positions) {
   SeriesScan scan = std::move(series_scan);
   series_scan = SeriesScan{};

@@ -31,3 +31,5 @@ long scan_samples(const float *samples, char *nonzero, long count);
 // warn_before_operation before it does.
 void remember_read_scan(const data_stack *s, int volumes, long positions, long nans,
                         std::vector<char> nonzero);
+// Forgets the scans kept above (a new session).
+void reset_warnings();
