@@ -194,25 +194,17 @@ bool dInvertPositiveDefinite(int n, const double *a, double **inverse) {
 
 int rInvertSquareMatrix(int n, float **a, int *failing_row) {
   if (n < 0) return dInvertSquareMatrix(n, nullptr, failing_row);
-  if (n >= 1 && n <= 4) {
-    // Small ones (the GLM's contrast covariances and whitening factor, at
-    // every voxel) in scratch on the stack: the same factorisation.
-    double storage[4][4], *d[4], l[4];
-    int pivot[4];
-    for (int i = 0; i < n; i++) {
-      d[i] = storage[i];
-      for (int j = 0; j < n; j++) d[i][j] = a[i][j];
-    }
-    *failing_row = -1;
-    int result = 0;
-    with_constant<4>(n, [&](auto k) { result = invert_lu<decltype(k)::value>(n, d, failing_row, pivot, l); });
-    for (int i = 0; i < n; i++)
-      for (int j = 0; j < n; j++) a[i][j] = static_cast<float>(d[i][j]);
-    return result;
+  // The double copy: rows on the stack for the small ones (the GLM's contrast
+  // covariances and whitening factor, at every voxel), else kept from call to call.
+  double storage[4][4], *rows[4];
+  thread_local dmatrix kept;
+  double **d = rows;
+  if (n <= 4) {
+    for (int i = 0; i < n; i++) rows[i] = storage[i];
+  } else {
+    if (kept.rows() != n) kept = dmatrix(n, n);
+    d = kept;
   }
-  // Kept from call to call: the GLM inverts its contrast covariances at every voxel.
-  thread_local dmatrix d;
-  if (d.rows() != n) d = dmatrix(n, n);
   for (int i = 0; i < n; i++)
     for (int j = 0; j < n; j++) d[i][j] = a[i][j];
   const int result = dInvertSquareMatrix(n, d, failing_row);

@@ -3,6 +3,8 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <csignal>
 #include <exception>
@@ -108,4 +110,13 @@ void run_workers(int workers, const std::function<void(int)> &job) {
     return;
   }
   the_pool().run(workers, job);
+}
+
+void for_each_chunk(long count, long chunk, const std::function<void(long first, long last)> &body) {
+  const long chunks = (count + chunk - 1) / chunk;
+  std::atomic<long> next{0};
+  const int workers = static_cast<int>(std::max(1L, std::min<long>(worker_threads(), chunks)));
+  run_workers(workers, [&](int) {
+    for (long c = next++; c < chunks; c = next++) body(c * chunk, std::min(count, (c + 1) * chunk));
+  });
 }

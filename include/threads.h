@@ -16,3 +16,8 @@ constexpr int MAX_WORKER_THREADS = 256;
 // all have finished. `workers` is at most worker_threads(). An exception (a
 // fatal) thrown by a worker is thrown again here once all have finished.
 void run_workers(int workers, const std::function<void(int worker)> &job);
+
+// Runs body(first, last) for each range [first, last) of `chunk` indices
+// (the last one shorter) that together cover [0, count), the ranges handed
+// out in order to up to worker_threads() workers.
+void for_each_chunk(long count, long chunk, const std::function<void(long first, long last)> &body);

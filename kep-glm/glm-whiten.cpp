@@ -144,6 +144,18 @@ inline __attribute__((always_inline)) void combine(const double *columns, const 
   }
 }
 
+// scratch_inverse = (X'X)^-1 of the row-major nc x nc cross products. A
+// singular X'X (an all-zero column, say) is not reported: its inverse is
+// taken as zero, so the fits give zero coefficients.
+void invert_cross_products(int nc, const double *xtx) {
+  if (scratch_inverse.rows() != nc) scratch_inverse = dmatrix(nc, nc);
+  for (int i = 0; i < nc; i++)
+    for (int j = 0; j < nc; j++) scratch_inverse[i][j] = xtx[static_cast<size_t>(i) * nc + j];
+  int failing_row;
+  if (dInvertSquareMatrix(nc, scratch_inverse, &failing_row))
+    for (int i = 0; i < nc; i++) std::fill(scratch_inverse[i], scratch_inverse[i] + nc, 0.0);
+}
+
 }  // namespace
 
 int GLMInternal_invert(int n, float **a) {
@@ -191,13 +203,7 @@ void GLMInternal_form_fit_matrices() {
       for (int j = 0; j < nc; j++) row[j] += static_cast<double>(x[i]) * x[j];
     }
   }
-  if (scratch_inverse.rows() != nc) scratch_inverse = dmatrix(nc, nc);
-  for (int i = 0; i < nc; i++)
-    for (int j = 0; j < nc; j++) scratch_inverse[i][j] = scratch_xtx[static_cast<size_t>(i) * nc + j];
-  int failing_row;
-  // A singular X'X (an all-zero column, say) is not reported: the fits then give zero coefficients.
-  if (dInvertSquareMatrix(nc, scratch_inverse, &failing_row))
-    for (int i = 0; i < nc; i++) std::fill(scratch_inverse[i], scratch_inverse[i] + nc, 0.0);
+  invert_cross_products(nc, scratch_xtx.data());
   for (int i = 0; i < nc; i++)
     for (int j = 0; j < nc; j++) GLM.XTXm1_cc[i][j] = static_cast<float>(scratch_inverse[i][j]);
   for (int c = 0; c < nc; c++) {
@@ -368,13 +374,7 @@ KEP_VECTOR_CLONES int GLM_fit_whitened(int nt, float *data, float *fit, float *v
   // (half the work), else as GLMInternal_form_fit_matrices forms it, which
   // decides as everywhere else what a singular design gives; and the coefficients.
   if (scratch_inverse.rows() != nc) scratch_inverse = dmatrix(nc, nc);
-  if (!dInvertPositiveDefinite(nc, xtx, scratch_inverse)) {
-    for (int i = 0; i < nc; i++)
-      for (int j = 0; j < nc; j++) scratch_inverse[i][j] = xtx[static_cast<size_t>(i) * nc + j];
-    int failing_row;
-    if (dInvertSquareMatrix(nc, scratch_inverse, &failing_row))
-      for (int i = 0; i < nc; i++) std::fill(scratch_inverse[i], scratch_inverse[i] + nc, 0.0);
-  }
+  if (!dInvertPositiveDefinite(nc, xtx, scratch_inverse)) invert_cross_products(nc, xtx);
   float *beta = GLM.Beta_c.data();
   for (int i = 0; i < nc; i++) {
     const double *inv = scratch_inverse[i];

@@ -202,21 +202,14 @@ std::vector<char> nonzero_positions(const Frame &f) {
   if (!scanned.empty() && !f.pairs) return scanned;
   const long count = f.count();
   std::vector<char> any(static_cast<size_t>(count), 0);
-  constexpr long CHUNK = 16384;
-  const long chunks = (count + CHUNK - 1) / CHUNK;
-  std::atomic<long> next{0};
-  const int workers = static_cast<int>(std::max(1L, std::min<long>(worker_threads(), chunks)));
-  run_workers(workers, [&](int) {
-    for (long c = next++; c < chunks; c = next++) {
-      const long p0 = c * CHUNK, p1 = std::min(count, p0 + CHUNK);
-      char *a = any.data();
-      for (int k = 0; k < f.nt; k++) {
-        const float *volume = f.volume[k];
-        if (!f.pairs) {
-          for (long i = p0; i < p1; i++) a[i] |= volume[i] != 0.0f;
-        } else {
-          for (long i = p0; i < p1; i++) a[i] |= amplitude(volume, i, f.pairs, f.magnitude) != 0.0f;
-        }
+  for_each_chunk(count, 16384, [&](long p0, long p1) {
+    char *a = any.data();
+    for (int k = 0; k < f.nt; k++) {
+      const float *volume = f.volume[k];
+      if (!f.pairs) {
+        scan_samples(volume + p0, a + p0, p1 - p0);
+      } else {
+        for (long i = p0; i < p1; i++) a[i] |= amplitude(volume, i, f.pairs, f.magnitude) != 0.0f;
       }
     }
   });

@@ -41,22 +41,14 @@ long count_nans_and_series(const std::vector<const volume_list *> &volumes) {
   SeriesScan scan{volumes.front()->stack, static_cast<int>(volumes.size()), count,
                   std::vector<char>(static_cast<size_t>(count), 0)};
   constexpr long CHUNK = 16384;
-  const long chunks = (count + CHUNK - 1) / CHUNK;
-  std::vector<long> nans(static_cast<size_t>(chunks), 0);
-  std::atomic<long> next{0};
-  const int workers = static_cast<int>(std::max(1L, std::min<long>(worker_threads(), chunks)));
-  run_workers(workers, [&](int) {
-    for (long c = next++; c < chunks; c = next++) {
-      const long p0 = c * CHUNK, p1 = std::min(count, p0 + CHUNK);
-      long nan = 0;
-      for (const volume_list *v : volumes)
-        nan += scan_samples(v->SpaceTime.fData + p0, scan.nonzero.data() + p0, p1 - p0);
-      nans[static_cast<size_t>(c)] = nan;
-    }
+  std::atomic<long> total{0};
+  for_each_chunk(count, CHUNK, [&](long p0, long p1) {
+    long nan = 0;
+    for (const volume_list *v : volumes)
+      nan += scan_samples(v->SpaceTime.fData + p0, scan.nonzero.data() + p0, p1 - p0);
+    total += nan;
   });
   series_scan = std::move(scan);
-  long total = 0;
-  for (long n : nans) total += n;
   return total;
 }
 
